@@ -1,0 +1,46 @@
+#pragma once
+
+#include "blob.h"
+
+#include <memory>
+#include <vector>
+
+class KuhnMunkresAssignment;
+
+// Ordered blob pointers. The list never deletes a blob itself; frame matching does.
+class BlobList {
+public:
+    static constexpr int MaxBlobs = 1000;
+
+    // Shared by the copies of a list; freed with the last of them.
+    std::shared_ptr<KuhnMunkresAssignment> matcher;
+    std::vector<Blob*> blobs;
+    std::vector<std::vector<int>> groups;
+
+    BlobList();
+
+    Blob*& operator[](int i) { return blobs[i]; }
+    int size() const { return static_cast<int>(blobs.size()); }
+    void clear() { blobs.clear(); }
+    void removeAt(int i) { blobs.erase(blobs.begin() + i); }
+    // A full list drops the blob silently; it stays the caller's.
+    void add(Blob* blob);
+    static bool contains(const std::vector<Blob*>& list, int sessionId);
+
+    // Each query sorts the list in place.
+    Blob* getTopBlob();
+    Blob* getBottomBlob();
+    Blob* getLeftBlob();
+    Blob* getRightBlob();
+    Blob* getTopLeftBlob();
+    Blob* getTopRightBlob();
+    Blob* getBottomLeftBlob();
+    Blob* getBottomRightBlob();
+    // -1 first as it stands, 0 top, 1 left, 2 right, 3 bottom, 4..7 the corners.
+    Blob* getSortedBlob(int which);
+
+private:
+    using Less = bool (*)(Blob*, Blob*);
+    Blob* firstAfterSort(Less order);
+    Blob* cornerBlob(Less rowOrder, Less columnOrder);
+};
