@@ -1,0 +1,134 @@
+// The velora program as a user starts it: the menu guard, -v, the settings beside the
+// program, the log line format.
+#include "runguard.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+
+namespace {
+
+// A copy of the program with its own config/ beside it, so a test may spoil the settings.
+class Program : public ::testing::Test {
+protected:
+    QTemporaryDir dir;
+    QString program = dir.filePath("velora");
+    QProcess process;
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(QFile::copy(VELORA_BINARY, program));
+        QDir().mkpath(dir.filePath("config"));
+        ASSERT_TRUE(QFile::copy(VELORA_SOURCE_DIR "/config/velora.conf", dir.filePath("config/velora.conf")));
+        process.setProgram(program);
+        process.setProcessChannelMode(QProcess::SeparateChannels);
+    }
+    void TearDown() override
+    {
+        if (process.state() != QProcess::NotRunning) {
+            process.kill();
+            process.waitForFinished();
+        }
+    }
+    void start(const QStringList& args)
+    {
+        process.setArguments(args);
+        process.start();
+        ASSERT_TRUE(process.waitForStarted());
+    }
+    // Waits until the program's output holds text, collecting it.
+    bool waitForOutput(QString* out, const QString& text, int ms = 10000)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (!out->contains(text) && t.elapsed() < ms) {
+            process.waitForReadyRead(100);
+            *out += QString::fromLocal8Bit(process.readAllStandardOutput());
+            if (process.state() == QProcess::NotRunning)
+                break;
+        }
+        *out += QString::fromLocal8Bit(process.readAllStandardOutput());
+        return out->contains(text);
+    }
+};
+
+} // namespace
+
+TEST_F(Program, WithoutTheMenuAndWithoutVerboseItSaysSoAndEndsCleanly)
+{
+    start({});
+    ASSERT_TRUE(process.waitForFinished(15000));
+    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_TRUE(out.contains("velora-menu is not running. Run with -v flag or run with velora-menu.")) << qPrintable(out);
+    // date time: Type: text (file:line, function)
+    const QRegularExpression line(
+        R"(^\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d: Debug: velora-menu is not running\. Run with -v flag or run with velora-menu\. \(.+blobfacade\.cpp:\d+, .*start.*\)$)",
+        QRegularExpression::MultilineOption);
+    EXPECT_TRUE(line.match(out).hasMatch()) << qPrintable(out);
+}
+
+TEST_F(Program, VerboseFlagCountsOnlyInFirstPlace)
+{
+    start({"--other", "-v"});
+    ASSERT_TRUE(process.waitForFinished(15000));
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_TRUE(QString::fromLocal8Bit(process.readAllStandardOutput()).contains("velora-menu is not running"));
+
+    start({" -v "});
+    QString out;
+    EXPECT_TRUE(waitForOutput(&out, "Verbose Flag found")) << qPrintable(out);
+    QThread::msleep(1500);
+    EXPECT_EQ(process.state(), QProcess::Running) << "with -v it runs without the menu";
+}
+
+TEST_F(Program, RunsWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes)
+{
+    RunGuard menu("velora");
+    ASSERT_TRUE(menu.tryToRun());
+    start({});
+    QString out;
+    ASSERT_TRUE(waitForOutput(&out, "Making a new instance of global settings")) << qPrintable(out);
+    QThread::msleep(1500);
+    out += QString::fromLocal8Bit(process.readAllStandardOutput());
+    ASSERT_EQ(process.state(), QProcess::Running) << qPrintable(out);
+    EXPECT_FALSE(out.contains("velora-menu is not running"));
+
+    menu.release();
+    QElapsedTimer gone;
+    gone.start();
+    ASSERT_TRUE(process.waitForFinished(5000));
+    EXPECT_LT(gone.elapsed(), 5000);
+    out += QString::fromLocal8Bit(process.readAllStandardOutput());
+    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_TRUE(out.contains("Detected app is not running anymore")) << qPrintable(out);
+    EXPECT_TRUE(out.contains("quit velora main ")) << qPrintable(out);
+}
+
+TEST_F(Program, ABlankSettingEndsTheProgramNamingFileAndLine)
+{
+    const QString conf = dir.filePath("config/velora.conf");
+    QFile file(conf);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QList<QByteArray> lines = file.readAll().split('\n');
+    file.close();
+    lines[5] = "stylusThreshold=    ";
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(lines.join('\n'));
+    file.close();
+
+    start({"-v"});
+    ASSERT_TRUE(process.waitForFinished(15000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    EXPECT_NE(process.exitCode(), 0);
+    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
+    EXPECT_TRUE(err.contains(conf + ":6:")) << qPrintable(err);
+}

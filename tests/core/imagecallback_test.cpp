@@ -1,0 +1,312 @@
+#include "blob.h"
+#include "blobfacade.h"
+#include "globalsettings.h"
+#include "ibloblistener.h"
+#include "multipointercontroller.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A frame made in the test: bright pixels above 200 each stand for one spot, and a
+// value of 255 marks a spot beyond the screen.
+struct Frame {
+    std::vector<unsigned char> pixels;
+    Frame() : pixels(GS::instance()->frameSize, 10) {}
+    Frame& spot(int x, int y, bool outside = false)
+    {
+        pixels[y * GS::instance()->sensorWidth + x] = outside ? 255 : 220;
+        return *this;
+    }
+    unsigned char* data() { return pixels.data(); }
+};
+
+// The engine seam: finds the marked pixels of a test frame and counts what it made.
+class TestFacade : public BlobFacade {
+public:
+    using BlobFacade::BlobFacade;
+    std::atomic<int> made{0};
+    std::atomic<int> searched{0};
+
+    std::vector<Blob*> process(unsigned char* frame, bool) override
+    {
+        ++searched;
+        std::vector<Blob*> found;
+        const GS* gs = GS::instance();
+        for (int i = 0; i < gs->frameSize; ++i) {
+            if (frame[i] > 200) {
+                auto* b = new Blob(i % gs->sensorWidth, i / gs->sensorWidth, 3, 3, 0);
+                b->outside = frame[i] == 255;
+                b->state = 0;
+                b->fx = b->x;
+                b->fy = b->y;
+                found.push_back(b);
+                ++made;
+            }
+        }
+        return found;
+    }
+};
+
+// Writes one line per call, so a test can compare the whole order at once.
+class Recorder : public IBlobListener {
+public:
+    std::string name;
+    std::vector<std::string>* log;
+    std::mutex* lock;
+    Recorder(std::string n, std::vector<std::string>* l, std::mutex* m) : name(std::move(n)), log(l), lock(m) {}
+
+    void note(const std::string& what)
+    {
+        std::lock_guard<std::mutex> hold(*lock);
+        log->push_back(name + " " + what);
+    }
+    static std::string at(Blob* b) { return std::to_string(int(b->x)) + "," + std::to_string(int(b->y)); }
+
+    void newBlob(Blob* blob, std::vector<Blob*> all, unsigned char* image) override
+    {
+        note("blob " + at(blob) + " of " + std::to_string(all.size()) + (image ? "" : " noimage"));
+    }
+    void newBlobList(std::vector<Blob*> all) override { note("list " + std::to_string(all.size())); }
+    void newOutsideBlob(Blob* blob, std::vector<Blob*> all, unsigned char*) override
+    {
+        note("outside " + at(blob) + " of " + std::to_string(all.size()));
+    }
+    void newOutsideBlobList(std::vector<Blob*> all) override { note("outsideList " + std::to_string(all.size())); }
+};
+
+class CountingController : public IPointerController {
+public:
+    std::atomic<int> resets{0};
+    void handleDown(EVector, int) override {}
+    void handleMove(EVector, int) override {}
+    void handleUp(EVector, int) override {}
+    void reset() override { ++resets; }
+};
+
+class FrameDispatch : public ::testing::Test {
+protected:
+    char arg0[8] = "velora";
+    char* argv[2] = {arg0, nullptr};
+    TestFacade facade{1, argv};
+    std::vector<std::string> log;
+    std::mutex lock;
+    Recorder first{"A", &log, &lock};
+    Recorder second{"B", &log, &lock};
+    CountingController* output = new CountingController();
+
+    void SetUp() override
+    {
+        facade.pointerController = new MultiPointerController();
+        facade.pointerController->addPrimaryController(output);
+        facade.addBlobListener(&first);
+        facade.addBlobListener(&second);
+        facade.setProcessing(true);
+        // The first frame is always kept for getImage(); after it frames are searched.
+        Frame empty;
+        ImageCallback(&facade, empty.data());
+        ASSERT_NE(facade.image.load(), nullptr);
+        ASSERT_EQ(facade.searched, 0);
+    }
+    void TearDown() override
+    {
+        delete facade.pointerController;
+        delete[] facade.image.exchange(nullptr);
+    }
+    std::vector<std::string> take()
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        return std::exchange(log, {});
+    }
+};
+
+} // namespace
+
+TEST_F(FrameDispatch, SingleCallsComeBeforeListsAndInsideBeforeOutside)
+{
+    Frame f;
+    f.spot(10, 10).spot(400, 5, true).spot(20, 30);
+    ImageCallback(&facade, f.data());
+    const std::vector<std::string> expected{
+        "A blob 10,10 of 2", "B blob 10,10 of 2", "A blob 20,30 of 2", "B blob 20,30 of 2",
+        "A list 2", "B list 2",
+        "A outside 400,5 of 1", "B outside 400,5 of 1",
+        "A outsideList 1", "B outsideList 1",
+    };
+    EXPECT_EQ(take(), expected);
+    EXPECT_EQ(output->resets, 0);
+}
+
+TEST_F(FrameDispatch, FramesWithoutABlobOnTheScreenResetThePointerOutput)
+{
+    Frame empty;
+    ImageCallback(&facade, empty.data());
+    EXPECT_TRUE(take().empty()) << "no listener hears an empty frame";
+    EXPECT_EQ(output->resets, 1);
+
+    Frame outsideOnly;
+    outsideOnly.spot(3, 3, true);
+    ImageCallback(&facade, outsideOnly.data());
+    EXPECT_EQ(take(), (std::vector<std::string>{"A outside 3,3 of 1", "B outside 3,3 of 1",
+                                                "A outsideList 1", "B outsideList 1"}));
+    EXPECT_EQ(output->resets, 2);
+}
+
+TEST_F(FrameDispatch, PausedFindsBlobsButTellsNobody)
+{
+    facade.paused = true;
+    Frame f;
+    f.spot(50, 50);
+    ImageCallback(&facade, f.data());
+    EXPECT_EQ(facade.searched, 1);
+    EXPECT_TRUE(take().empty());
+    EXPECT_EQ(output->resets, 0) << "a blob on the screen while paused resets nothing";
+
+    Frame empty;
+    ImageCallback(&facade, empty.data());
+    EXPECT_EQ(output->resets, 1) << "the reset on an empty frame holds while paused";
+}
+
+TEST_F(FrameDispatch, NotProcessingSearchesNothingButStillServesPictures)
+{
+    facade.setProcessing(false);
+    Frame f;
+    f.spot(50, 50);
+    ImageCallback(&facade, f.data());
+    EXPECT_EQ(facade.searched, 0);
+    EXPECT_EQ(output->resets, 0);
+    EXPECT_TRUE(take().empty());
+
+    delete[] facade.image.exchange(nullptr);
+    ImageCallback(&facade, f.data());
+    ASSERT_NE(facade.image.load(), nullptr);
+    EXPECT_EQ(facade.image.load()[50 * GS::instance()->sensorWidth + 50], 220);
+}
+
+TEST_F(FrameDispatch, ListenersAreUniqueInOrderAndMayChangeTheListDuringACall)
+{
+    facade.addBlobListener(&first);
+    EXPECT_EQ(facade.blobListeners().size(), 2u) << "A and B, once each";
+    Recorder unknown{"U", &log, &lock};
+    facade.removeBlobListener(&unknown);
+    EXPECT_EQ(facade.blobListeners().size(), 2u);
+
+    // A listener that removes itself, so that the one behind it moves up and is skipped.
+    struct Leaver : Recorder {
+        BlobFacade* facade;
+        Leaver(std::vector<std::string>* l, std::mutex* m, BlobFacade* f) : Recorder("L", l, m), facade(f) {}
+        void newBlob(Blob* b, std::vector<Blob*> all, unsigned char* image) override
+        {
+            Recorder::newBlob(b, all, image);
+            facade->removeBlobListener(this);
+        }
+    } leaver(&log, &lock, &facade);
+    facade.removeBlobListener(&first);
+    facade.removeBlobListener(&second);
+    facade.addBlobListener(&leaver);
+    facade.addBlobListener(&second);
+    Frame f;
+    f.spot(7, 7);
+    ImageCallback(&facade, f.data());
+    EXPECT_EQ(take(), (std::vector<std::string>{"L blob 7,7 of 1", "B list 1"}))
+        << "B moved into L's place during L's call and missed the blob call";
+    EXPECT_EQ(facade.blobListeners().size(), 1u);
+}
+
+TEST_F(FrameDispatch, EveryBlobOfAFrameIsFreedAfterTheListeners)
+{
+    Frame f;
+    f.spot(1, 1).spot(2, 2, true);
+    for (int i = 0; i < 50; ++i)
+        ImageCallback(&facade, f.data());
+    EXPECT_EQ(facade.made, 100);
+    // LeakSanitizer, in the sanitizer build, tells whether all of them were deleted.
+}
+
+TEST_F(FrameDispatch, GetImageHandsOverAFreshCopyFromTheImageThread)
+{
+    std::atomic<bool> stop{false};
+    Frame f;
+    f.spot(100, 100);
+    std::thread imageThread([&] {
+        while (!stop) {
+            ImageCallback(&facade, f.data());
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        unsigned char* picture = facade.getImage();
+        ASSERT_NE(picture, nullptr);
+        ASSERT_EQ(picture[100 * GS::instance()->sensorWidth + 100], 220);
+        EXPECT_NE(picture, f.data()) << "a copy, never the sensor's buffer";
+    }
+    stop = true;
+    imageThread.join();
+}
+
+TEST_F(FrameDispatch, EmulateBlobMakesItsThreeCallsUnlessPaused)
+{
+    facade.emulateBlob(320, 200);
+    EXPECT_EQ(take(), (std::vector<std::string>{"A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
+                                                "A list 1", "B list 1",
+                                                "A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
+                                                "A list 1", "B list 1",
+                                                "A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
+                                                "A list 1", "B list 1"}));
+    facade.paused = true;
+    facade.emulateBlob(320, 200);
+    EXPECT_TRUE(take().empty());
+}
+
+TEST_F(FrameDispatch, EmulatedTapReachesThePointerOutputAsDownMoveUp)
+{
+    struct Gestures : IPointerController {
+        std::vector<std::string> seen;
+        int id = -2;
+        void handleDown(EVector p, int i) override { seen.push_back("down " + std::to_string(int(p.x))); id = i; }
+        void handleMove(EVector, int i) override { seen.push_back(i == id ? "move" : "move?"); }
+        void handleUp(EVector, int i) override { seen.push_back(i == id ? "up" : "up?"); }
+    };
+    auto* gestures = new Gestures();
+    facade.pointerController->addPrimaryController(gestures);
+    facade.addBlobListener(facade.pointerController);
+    facade.pointerController->enabled = true;
+    GS::instance()->screenWidth = 1920;
+    GS::instance()->screenHeight = 1080;
+    facade.emulateBlob(640, 480);
+    EXPECT_EQ(gestures->seen, (std::vector<std::string>{"down 640", "move", "up"}));
+    EXPECT_GE(gestures->id, 0);
+    EXPECT_LT(gestures->id, 1000);
+}
+
+TEST_F(FrameDispatch, ListenersMayComeAndGoWhileFramesFlow)
+{
+    std::atomic<bool> stop{false};
+    Frame f;
+    f.spot(30, 30);
+    std::thread imageThread([&] {
+        while (!stop)
+            ImageCallback(&facade, f.data());
+    });
+    Recorder extra{"X", &log, &lock};
+    for (int i = 0; i < 200; ++i) {
+        facade.addBlobListener(&extra);
+        facade.removeBlobListener(&extra);
+        facade.setProcessing(i % 2 == 0);
+        facade.paused = i % 3 == 0;
+    }
+    stop = true;
+    imageThread.join();
+    facade.setProcessing(true);
+    facade.paused = false;
+    take();
+    ImageCallback(&facade, f.data());
+    EXPECT_EQ(take().size(), 4u);
+}
