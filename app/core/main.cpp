@@ -8,6 +8,10 @@
 
 #include <cstdio>
 
+// Never deleted: the process has no orderly destruction of its object tree. Kept in a
+// global so that leak checkers see it as the root it is.
+BlobFacade* theFacade = nullptr;
+
 int main(int argc, char** argv)
 {
     qInstallMessageHandler(myMessageOutput);
@@ -15,9 +19,8 @@ int main(int argc, char** argv)
            QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation).toLocal8Bit().constData());
     QApplication app(argc, argv);
     try {
-        // Never deleted: the process has no orderly destruction of its object tree.
-        auto* facade = new BlobFacade(argc, argv);
-        if (!facade->start())
+        theFacade = new BlobFacade(argc, argv);
+        if (!theFacade->start())
             return 0;
     } catch (const ConfigFileError& e) {
         qCritical().noquote() << "Cannot run with this file:" << e.what();
