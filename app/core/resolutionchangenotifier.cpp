@@ -31,16 +31,41 @@ void ResolutionChangeNotifier::desktopSize(int* w, int* h)
 
 ResolutionChangeNotifier::ResolutionChangeNotifier(QObject* parent) : QObject(parent)
 {
-    desktopSize(&width, &height);
+    takeDesktopSize();
+    width = desktopWidth;
+    height = desktopHeight;
+    if (auto* app = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
+        for (QScreen* screen : QGuiApplication::screens())
+            watch(screen);
+        connect(app, &QGuiApplication::screenAdded, this, [this](QScreen* s) {
+            watch(s);
+            takeDesktopSize();
+        });
+        connect(app, &QGuiApplication::screenRemoved, this, &ResolutionChangeNotifier::takeDesktopSize);
+        connect(app, &QGuiApplication::primaryScreenChanged, this, &ResolutionChangeNotifier::takeDesktopSize);
+    }
     WorkerThread::doWork(this, "1listenToResolution()", -1);
+}
+
+void ResolutionChangeNotifier::watch(QScreen* screen)
+{
+    connect(screen, &QScreen::virtualGeometryChanged, this, &ResolutionChangeNotifier::takeDesktopSize);
+}
+
+void ResolutionChangeNotifier::takeDesktopSize()
+{
+    int w, h;
+    desktopSize(&w, &h);
+    desktopWidth = w;
+    desktopHeight = h;
 }
 
 void ResolutionChangeNotifier::listenToResolution()
 {
     for (;;) {
         WorkerThread::msleep(1000);
-        int w, h;
-        desktopSize(&w, &h);
+        const int w = desktopWidth;
+        const int h = desktopHeight;
         if (w != width || h != height) {
             qDebug() << "Resolution changed, notify";
             width = w;

@@ -108,7 +108,7 @@ TEST_F(Program, RunsWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes)
     ASSERT_TRUE(process.waitForFinished(5000));
     EXPECT_LT(gone.elapsed(), 5000);
     out += QString::fromLocal8Bit(process.readAllStandardOutput());
-    EXPECT_EQ(process.exitCode(), 0);
+    EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().constData();
     EXPECT_TRUE(out.contains("Detected app is not running anymore")) << qPrintable(out);
     EXPECT_TRUE(out.contains("quit velora main ")) << qPrintable(out);
 }
