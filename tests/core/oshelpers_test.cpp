@@ -1,0 +1,124 @@
+#include "filehelper.h"
+#include "globalsettings.h"
+#include "oshelper.h"
+#include "slateworksdkhelper.h"
+#include "updaterstatelistener.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QSharedMemory>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QUuid>
+
+#include <cstring>
+
+namespace {
+
+void touch(const QString& path)
+{
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+}
+
+bool waitFor(const std::function<bool()>& done, int ms = 8000)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!done() && t.elapsed() < ms) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+    }
+    return done();
+}
+
+} // namespace
+
+TEST(FileHelper, CleansCalibrationsAndTheCommandFiles)
+{
+    QTemporaryDir dir;
+    GS* gs = GS::instance();
+    gs->stylusCalibrationPath = dir.filePath("stylus-velora.ini").toStdString();
+    gs->fingerCalibrationPath = dir.filePath("finger-velora.ini").toStdString();
+    gs->userSettingsPath = dir.filePath("user/user.ini").toStdString();
+    touch(QString::fromStdString(gs->stylusCalibrationPath));
+    EXPECT_TRUE(FileHelper::fileExists(gs->stylusCalibrationPath.c_str()));
+    FileHelper::cleanVeloraCalibFiles();
+    EXPECT_FALSE(FileHelper::fileExists(gs->stylusCalibrationPath.c_str()));
+
+    FileHelper::cleanWorkingDirectory();
+    ASSERT_TRUE(QFile::exists(dir.filePath("user")));
+    touch(dir.filePath("user/fifo1"));
+    touch(dir.filePath("user/refifo"));
+    touch(dir.filePath("user/user.ini"));
+    FileHelper::cleanWorkingDirectory();
+    EXPECT_FALSE(QFile::exists(dir.filePath("user/fifo1")));
+    EXPECT_FALSE(QFile::exists(dir.filePath("user/refifo")));
+    EXPECT_TRUE(QFile::exists(dir.filePath("user/user.ini")));
+}
+
+TEST(OsHelper, WritesTheAutostartEntryAsTheUserChose)
+{
+    QTemporaryDir dir;
+    OsHelper* os = OsHelper::instance();
+    EXPECT_EQ(os, OsHelper::instance());
+    os->autostartPath = dir.filePath("velora.desktop");
+    GS::instance()->autostart = false;
+    ASSERT_TRUE(os->setAutostart());
+    QFile f(os->autostartPath);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), QByteArray("[Desktop Entry]\nType=Application\nExec=/usr/local/bin/Velora/Velora.sh\n"
+                                      "Hidden=false\nNoDisplay=false\nX-GNOME-Autostart-enabled=false\n"
+                                      "Name=Velora\nComment=\n"));
+    f.close();
+    GS::instance()->autostart = true;
+    ASSERT_TRUE(os->setAutostart());
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(f.readAll().contains("X-GNOME-Autostart-enabled=true\n"));
+}
+
+TEST(SlateworkHelper, DoesNothingWithoutItsPrograms)
+{
+    SlateworkSDKHelper helper;
+    helper.hideSlateworkAnnotationToolbar();
+    helper.showSlateworkAnnotationToolbar();
+    EXPECT_EQ(helper.process.state(), QProcess::NotRunning);
+
+    QTemporaryDir dir;
+    helper.hidePath = dir.filePath("hide.sh");
+    QFile script(helper.hidePath);
+    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\necho hidden\n");
+    script.close();
+    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    helper.hideSlateworkAnnotationToolbar();
+    ASSERT_TRUE(helper.process.waitForFinished(5000));
+    EXPECT_EQ(helper.process.readAllStandardOutput(), QByteArray("hidden\n"));
+}
+
+TEST(UpdaterStateListener, SignalsAnUpdateAndStopsWhenTheUpdaterLetsGo)
+{
+    const QString key = "velora-updater-test-" + QUuid::createUuid().toString(QUuid::WithoutBraces);
+    QSharedMemory updater(key);
+    ASSERT_TRUE(updater.create(8));
+    auto setWord = [&](int32_t w) {
+        updater.lock();
+        std::memcpy(updater.data(), &w, sizeof w);
+        updater.unlock();
+    };
+    setWord(1);
+    auto* listener = new UpdaterStateListener(key);
+    QSignalSpy spy(listener, &UpdaterStateListener::updateInProcess);
+    EXPECT_TRUE(waitFor([&] { return spy.count() >= 1; }));
+    setWord(-1);
+    QThread::msleep(1500);
+    const int seen = spy.count();
+    setWord(1);
+    QThread::msleep(1500);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(spy.count(), seen) << "after -1 the listener no longer looks";
+}
