@@ -68,20 +68,13 @@ TEST(Calibration, SaveWritesOneNumberALineAndReadGivesItBack)
     std::unique_ptr<Calibration> back(Calibration::read(path.c_str()));
     ASSERT_TRUE(back);
     EXPECT_TRUE(back->loaded);
-    EXPECT_EQ(back->cols, 2);
-    EXPECT_EQ(back->rows, 2);
-    EXPECT_EQ(back->marginX, 0.02);
-    EXPECT_EQ(back->marginY, 0.03);
-    EXPECT_EQ(back->growth, 0.125);
-    EXPECT_TRUE(back->formulaZoom);
-    ASSERT_EQ(back->shifts.size(), 1u);
-    EXPECT_EQ(back->shifts[0].y, -1.25);
-    EXPECT_EQ(back->extras, std::vector<double>{7.5});
-    ASSERT_EQ(back->srcPoints.size(), 4u);
-    EXPECT_EQ(back->srcPoints[1].x, 100.123456789012);
-    EXPECT_EQ(back->srcPoints[3].y, 250.5);
-    ASSERT_EQ(back->refPoints.size(), 1u);
     EXPECT_TRUE(back->hasRefPoints);
+    // What was read writes the same file again.
+    back->save(path.c_str());
+    std::ifstream again(path);
+    std::stringstream second;
+    second << again.rdbuf();
+    EXPECT_EQ(second.str(), text.str());
 }
 
 TEST(Calibration, ReadRejectsWhatIsNotAUsableGrid)
@@ -147,6 +140,7 @@ TEST(Calibration, DestinationPointsSnakeThroughTheLayout)
         EXPECT_DOUBLE_EQ(dst[i].y, ys[i]) << i;
     }
     EXPECT_TRUE(c.calcDstPoints(0, 500).empty());
+    EXPECT_FALSE(std::unique_ptr<TransformGrid>(c.getTransform(0, 500, false, nullptr))->IsReady());
     EXPECT_TRUE(Calibration(1, 3, {}, {}, 0.1, 0.1, 0, false, false).calcDstPoints(100, 100).empty());
 
     // The margins grow by growth per row: a trapezoid.
@@ -207,32 +201,6 @@ TEST(Calibration, PointsBetweenAndBeyondTheDotsFollowTheCamera)
     EXPECT_EQ(lost.y, 0);
 }
 
-TEST(Calibration, OverlappingHitAreasAverageTheirMaps)
-{
-    // A sensor grid bent so that neighbouring cells disagree beyond their seam.
-    Calibration layout(3, 3, {}, {}, 0.1, 0.1, 0, false, false);
-    std::vector<EVector> src;
-    for (const EVector& d : layout.calcDstPoints(1000, 1000))
-        src.emplace_back(d.x * 0.5 + 0.0002 * d.y * d.y, d.y * 0.4 + 0.0001 * d.x * d.x);
-    const Calibration c(3, 3, src, {}, 0.1, 0.1, 0, false, false);
-    std::unique_ptr<TransformGrid> grid(c.getTransform(1000, 1000, false, nullptr));
-    // Just below the seam between the first two cells of the left column, where the
-    // upper cell's grown hit area still reaches.
-    const EVector seam = src[1] + (src[4] - src[1]) * 0.3 + (src[2] - src[1]) * 0.03;
-    std::vector<EVector> claims;
-    for (const TransformArea& a : grid->areas)
-        if (a.HitTest(seam))
-            claims.push_back(a.Filter(seam));
-    ASSERT_GE(claims.size(), 2u);
-    EVector mean(0, 0);
-    for (const EVector& p : claims)
-        mean += p;
-    mean /= static_cast<double>(claims.size());
-    EXPECT_GT((claims[0] - claims[1]).length(), 1e-3);
-    EXPECT_NEAR(grid->Filter(seam).x, mean.x, 1e-9);
-    EXPECT_NEAR(grid->Filter(seam).y, mean.y, 1e-9);
-}
-
 TEST(Calibration, FormulaZoomMovesSensorPointsOnlyWhenSet)
 {
     Calibration c = cameraCalibration(3, 1920, 1080, 0.1, 0.1, 0.0);
@@ -248,13 +216,4 @@ TEST(Calibration, FormulaZoomMovesSensorPointsOnlyWhenSet)
     const EVector moved = formula.zoom(c.srcPoints[4]);
     EXPECT_NEAR(zoomed->Filter(moved).x, dst[4].x, 1e-6);
     EXPECT_NEAR(zoomed->Filter(moved).y, dst[4].y, 1e-6);
-    std::unique_ptr<TransformGrid> noFormula(c.getTransform(1920, 1080, false, nullptr));
-    EXPECT_NEAR(noFormula->Filter(c.srcPoints[4]).x, dst[4].x, 1e-6);
-}
-
-TEST(Calibration, ZeroScreenSizeGivesAGridThatIsNotReady)
-{
-    const Calibration c = cameraCalibration(3, 1920, 1080, 0.1, 0.1, 0.0);
-    std::unique_ptr<TransformGrid> grid(c.getTransform(0, 1080, false, nullptr));
-    EXPECT_FALSE(grid->IsReady());
 }
