@@ -1,5 +1,8 @@
 #include "bloblist.h"
 
+#include "icorrection.h"
+#include "transformgrid.h"
+
 #include <algorithm>
 
 BlobList::BlobList() = default;
@@ -60,4 +63,29 @@ Blob* BlobList::getSortedBlob(int which)
     case 7: return getBottomRightBlob();
     default: return nullptr;
     }
+}
+
+std::vector<Blob*> BlobList::ToArray(TransformGrid* grid, ICorrection* correction) const
+{
+    std::vector<Blob*> result;
+    result.reserve(blobs.size());
+    for (const Blob* b : blobs) {
+        EVector p(b->x + b->xShift, b->y + b->yShift);
+        if (correction)
+            p = correction->undistort(p);
+        if (grid->IsReady())
+            p = grid->Filter(p);
+        else
+            p = EVector(-1, -1);
+        auto* copy = new Blob(b->x, b->y, b->width, b->height, b->id);
+        copy->sessionId = b->sessionId;
+        copy->state = b->state;
+        copy->size = b->size;
+        copy->xShift = b->xShift;
+        copy->yShift = b->yShift;
+        copy->fx = p.x;
+        copy->fy = p.y;
+        result.push_back(copy);
+    }
+    return result;
 }

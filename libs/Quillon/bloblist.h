@@ -6,6 +6,8 @@
 #include <vector>
 
 class KuhnMunkresAssignment;
+class TransformGrid;
+class ICorrection;
 
 // Ordered blob pointers. The list never deletes a blob itself; frame matching does.
 class BlobList {
@@ -26,6 +28,11 @@ public:
     // A full list drops the blob silently; it stays the caller's.
     void add(Blob* blob);
     static bool contains(const std::vector<Blob*>& list, int sessionId);
+
+    // Fresh copies for the listeners, fx/fy mapped from the shifted sensor position
+    // through correction (may be null) and grid; (-1, -1) while the grid is not
+    // ready. The caller owns and deletes the copies.
+    std::vector<Blob*> ToArray(TransformGrid* grid, ICorrection* correction) const;
 
     // Each query sorts the list in place.
     Blob* getTopBlob();

@@ -1,0 +1,249 @@
+#include "gridhelper.h"
+
+#include "blobcorrectionbyformula.h"
+#include "globalsettings.h"
+#include "icorrection.h"
+#include "transformgrid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace {
+
+double gridCoordinate(int i, int count, double margin, double extent)
+{
+    if (i == 0)
+        return margin;
+    if (i == count - 1)
+        return extent - margin;
+    return (extent - 2 * margin) / (count - 1) * i + margin;
+}
+
+} // namespace
+
+std::vector<EVector> GridHelper::CalcVerticesNormal(int cols, int rows, double marginX, double marginY,
+                                                    double width, double height)
+{
+    std::vector<EVector> result;
+    if (cols < 2 || rows < 2)
+        return result;
+    result.reserve(static_cast<std::size_t>(cols) * rows);
+    for (int c = 0; c < cols; ++c) {
+        for (int r = 0; r < rows; ++r)
+            result.emplace_back(gridCoordinate(c, cols, marginX, width), gridCoordinate(r, rows, marginY, height));
+    }
+    return result;
+}
+
+std::vector<EVector> GridHelper::CalcVertices(int cols, int rows, double marginX, double marginY, double width,
+                                              double height)
+{
+    std::vector<EVector> result;
+    if (cols < 2 || rows < 2)
+        return result;
+    result.reserve(static_cast<std::size_t>(cols) * rows);
+    for (int c = 0; c < cols; ++c) {
+        for (int r = 0; r < rows; ++r) {
+            const int row = c % 2 == 1 ? rows - 1 - r : r;
+            result.emplace_back(gridCoordinate(c, cols, marginX, width), gridCoordinate(row, rows, marginY, height));
+        }
+    }
+    return result;
+}
+
+std::vector<std::vector<EVector>> GridHelper::VerticesToQuads(std::vector<EVector> vertices, int cols)
+{
+    std::vector<std::vector<EVector>> quads;
+    const long long n = static_cast<long long>(vertices.size());
+    if (cols < 1)
+        return quads;
+    const long long len = n / cols;
+    if (cols >= 2) {
+        // Undo the zigzag. Group starts step by cols, not by the group length.
+        const int groups = (cols - 2) / 2 + 1;
+        for (int g = 0; g < groups; ++g) {
+            const long long start = std::min<long long>((2LL * g + 1) * cols, n);
+            const long long end = std::min(start + len, n);
+            std::reverse(vertices.begin() + start, vertices.begin() + end);
+        }
+    }
+    if (n < 4 || n - cols == 1)
+        return quads;
+    long long i = 0;
+    for (;;) {
+        const long long a = (i + 1) % cols == 0 ? i + 1 : i;
+        if (a + cols + 1 >= n)
+            break;
+        quads.push_back({vertices[a], vertices[a + cols], vertices[a + cols + 1], vertices[a + 1]});
+        i = a + 1;
+    }
+    return quads;
+}
+
+std::vector<EPolygon> GridHelper::VerticesToPolygons(const std::vector<EVector>& vertices, int cols)
+{
+    std::vector<EPolygon> polygons;
+    for (const auto& quad : VerticesToQuads(vertices, cols))
+        polygons.emplace_back(quad);
+    return polygons;
+}
+
+std::vector<TransformArea> GridHelper::VerticesToAreas(const std::vector<EVector>& src,
+                                                       const std::vector<EVector>& dst,
+                                                       const std::vector<EVector>& hit, int cols)
+{
+    return QuadsToAreas(VerticesToQuads(src, cols), VerticesToQuads(dst, cols), VerticesToQuads(hit, cols));
+}
+
+std::vector<TransformArea> GridHelper::QuadsToAreas(const std::vector<std::vector<EVector>>& srcQuads,
+                                                    const std::vector<std::vector<EVector>>& dstQuads,
+                                                    const std::vector<std::vector<EVector>>& hitQuads)
+{
+    std::vector<TransformArea> areas;
+    if (srcQuads.size() != dstQuads.size()) {
+        std::printf("srcQuads.size() != dstQuads.size()\n");
+        std::fflush(stdout);
+        return {};
+    }
+    areas.reserve(srcQuads.size());
+    for (std::size_t i = 0; i < srcQuads.size(); ++i) {
+        if (srcQuads[i].size() != 4 || dstQuads[i].size() != 4) {
+            std::printf("srcQuads[i].size() != 4 || dstQuads[i].size() != 4\n");
+            std::fflush(stdout);
+            return {};
+        }
+        const EPolygon hit = i < hitQuads.size() ? EPolygon(hitQuads[i]) : EPolygon();
+        areas.emplace_back(EPolygon(srcQuads[i]), EPolygon(dstQuads[i]), hit);
+    }
+    return areas;
+}
+
+std::vector<EVector> GridHelper::CalcCalibrationBorder(double width, double height, TransformGrid* grid,
+                                                       double margin)
+{
+    std::vector<EVector> border;
+    if (margin > 1 - margin)
+        return border;
+    const double end = 1 - margin;
+    for (double t = margin; t <= end; t += 0.1)
+        border.emplace_back(width * t, margin * height);
+    for (double t = margin; t <= end; t += 0.1)
+        border.emplace_back(width, height * t);
+    for (double t = margin; t <= end; t += 0.1)
+        border.emplace_back(width - (1 - t) * width * margin, height - margin * height);
+    for (double t = margin; t <= end; t += 0.1)
+        border.emplace_back(width * margin, (1 - t) * height);
+    if (grid) {
+        for (EVector& p : border)
+            p = grid->Filter(p);
+    }
+    return border;
+}
+
+std::vector<EVector> GridHelper::calcBorder(int width, int height, TransformGrid* grid)
+{
+    const GS* gs = GS::instance();
+    const double left = 1 - gs->blobFilterLeft;
+    const double right = gs->blobFilterRight;
+    const double top = 1 - gs->blobFilterTop;
+    const double bottom = gs->blobFilterBottom;
+    const double upperRight = gs->gridBorderA;
+    const double upperLeft = 1 - gs->gridBorderB;
+
+    std::vector<EVector> border;
+    for (double t = left; t <= right; t += 0.1)
+        border.emplace_back(t * width, top * height);
+    for (double t = top; t <= bottom; t += 0.1)
+        border.emplace_back((t < 0.33 ? upperRight : right) * width, t * height);
+    for (double t = right; t >= left; t -= 0.1)
+        border.emplace_back(t * width, bottom * height);
+    for (double t = bottom; t >= top; t -= 0.1)
+        border.emplace_back((t < 0.33 ? upperLeft : left) * width, t * height);
+    if (grid) {
+        for (EVector& p : border)
+            p = grid->Filter(p);
+    }
+    return border;
+}
+
+double GridHelper::calcShiftsLinear(const std::vector<double>& table, double t)
+{
+    t = std::clamp(t, 0.0, 1.0);
+    if (table.empty())
+        return 0.0;
+    if (table.size() == 1)
+        return table[0];
+    const double d = static_cast<double>(table.size() - 1);
+    std::size_t i = 1;
+    while (i < table.size() - 1 && i / d < t)
+        ++i;
+    const double f = (t - (i - 1) / d) * d;
+    return (1 - f) * table[i - 1] + f * table[i];
+}
+
+double GridHelper::calcShiftsLinear(const std::vector<std::vector<double>>& table, double u, double v)
+{
+    if (table.empty())
+        return 0.0;
+    if (table.size() == 1)
+        return calcShiftsLinear(table[0], v);
+    u = std::clamp(u, 0.0, 1.0);
+    const double d = static_cast<double>(table.size() - 1);
+    std::size_t i = 1;
+    while (i < table.size() - 1 && i / d < u)
+        ++i;
+    const double f = (u - (i - 1) / d) * d;
+    return (1 - f) * calcShiftsLinear(table[i - 1], v) + f * calcShiftsLinear(table[i], v);
+}
+
+int GridHelper::getLocationThreshold(EVector position, double scale)
+{
+    const GS* gs = GS::instance();
+    const EVector T = gs->cornerTopLeft;
+    const EVector R = gs->cornerTopRight;
+    const EVector B = gs->cornerBottomRight;
+    const EVector L = gs->cornerBottomLeft;
+
+    if (scale == -1.0)
+        scale = (T - R).length();
+    const double a = 1 - (position - T).length() / scale;
+    const double b = 1 - std::fabs(position.y - T.y) / std::fabs(R.y - T.y);
+    const double a2 = a >= 0 ? a * a : 0;
+    const double b2 = b >= 0 ? b : 0;
+    const double base = gs->fingerThreshold;
+    int result = static_cast<int>(3 * base * a2 * b2 + base);
+
+    // Far corners show a finger dimly.
+    if (std::fabs(B.x - position.x) < std::fabs(T.x - B.x) * 0.8 &&
+        std::fabs(B.y - position.y) < std::fabs(T.x - position.x) / 3.0)
+        return static_cast<int>(result * gs->locationThresholdFactor);
+    if (std::fabs(L.x - position.x) < std::fabs(T.x - L.x) * 0.8 &&
+        std::fabs(L.y - position.y) < std::fabs(T.x - position.x) / 3.0)
+        return static_cast<int>(result * gs->locationThresholdFactor);
+    if (b2 >= 0.8)
+        result = static_cast<int>(result * 2.5);
+    return result;
+}
+
+EPolygon* GridHelper::CorrectBlobFilter(EPolygon* polygon, TransformGrid* grid, ICorrection* correction,
+                                        BlobCorrectionByFormula* formula,
+                                        const std::vector<std::vector<double>>& xShifts,
+                                        const std::vector<std::vector<double>>& yShifts, bool negate, int width,
+                                        int height)
+{
+    if (!correction || !formula || !polygon || !grid)
+        return nullptr;
+    const double sign = negate ? -1.0 : 1.0;
+    auto* result = new EPolygon(polygon->points);
+    for (EVector& v : result->points) {
+        const EVector q = grid->Filter(formula->filter(correction->undistort(v)));
+        const double u = q.x / width;
+        const double w = q.y / height;
+        const double dx = sign * calcShiftsLinear(xShifts, u, w);
+        const double dy = sign * calcShiftsLinear(yShifts, u, w);
+        v.x += dx;
+        v.y += dy;
+    }
+    return result;
+}

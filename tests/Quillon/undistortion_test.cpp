@@ -1,0 +1,129 @@
+#include "configfileerror.h"
+#include "fisheyeundistortion.h"
+#include "normalundistortion.h"
+
+#include <gtest/gtest.h>
+#include <opencv2/calib3d.hpp>
+
+#include <QCoreApplication>
+
+#include <cmath>
+#include <string>
+
+namespace {
+
+std::string factoryFile(const char* name)
+{
+    return (QCoreApplication::applicationDirPath() + "/config/" + name).toStdString();
+}
+
+cv::Mat readMatrix(const std::string& path, const char* node)
+{
+    cv::FileStorage fs(path, cv::FileStorage::READ);
+    cv::Mat m;
+    fs[node] >> m;
+    return m;
+}
+
+class FactoryLens : public testing::Test {
+protected:
+    std::string intrinsic = factoryFile("intrinsic.xml");
+    std::string distortion = factoryFile("distortion.xml");
+    cv::Mat K = readMatrix(intrinsic, "Intrinsics");
+    cv::Mat D = readMatrix(distortion, "Distortion");
+};
+
+} // namespace
+
+TEST_F(FactoryLens, NormalUndistortionMovesPointsAsOpenCvDoes)
+{
+    for (double scale : {1.0, 0.5}) {
+        SCOPED_TRACE(scale);
+        NormalUndistortion lens;
+        ASSERT_TRUE(lens.initByFiles(intrinsic.c_str(), distortion.c_str(), scale, scale));
+        cv::Mat k = K.clone();
+        k.at<double>(0, 0) *= scale;
+        k.at<double>(0, 2) *= scale;
+        k.at<double>(1, 1) *= scale;
+        k.at<double>(1, 2) *= scale;
+        EXPECT_DOUBLE_EQ(lens.intrinsicMatrix.at<double>(0, 0), k.at<double>(0, 0));
+        for (double y = 0; y <= 480 * scale; y += 40 * scale) {
+            for (double x = 0; x <= 752 * scale; x += 47 * scale) {
+                std::vector<cv::Point2d> in{{x, y}}, out;
+                cv::undistortPoints(in, out, k, D, cv::noArray(), k);
+                const EVector got = lens.undistort(EVector(x, y));
+                ASSERT_NEAR(got.x, out[0].x, 1e-9);
+                ASSERT_NEAR(got.y, out[0].y, 1e-9);
+            }
+        }
+    }
+}
+
+TEST_F(FactoryLens, DistortingTheUndistortedPointReturnsIt)
+{
+    NormalUndistortion lens;
+    ASSERT_TRUE(lens.initByFiles(intrinsic.c_str(), distortion.c_str(), 1.0, 1.0));
+    const double fx = K.at<double>(0, 0), fy = K.at<double>(1, 1), cx = K.at<double>(0, 2), cy = K.at<double>(1, 2);
+    double worst = 0, moved = 0;
+    for (double y = 0; y <= 480; y += 24) {
+        for (double x = 0; x <= 752; x += 47) {
+            const EVector u = lens.undistort(EVector(x, y));
+            moved = std::max(moved, std::hypot(u.x - x, u.y - y));
+            std::vector<cv::Point3d> ray{{(u.x - cx) / fx, (u.y - cy) / fy, 1.0}};
+            std::vector<cv::Point2d> image;
+            cv::projectPoints(ray, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), K, D, image);
+            worst = std::max(worst, std::hypot(image[0].x - x, image[0].y - y));
+        }
+    }
+    EXPECT_LT(worst, 0.01);
+    EXPECT_GT(moved, 5.0); // the lens does bend the corners
+}
+
+TEST_F(FactoryLens, MissingFilesLeaveTheCorrectionInactiveOrStopTheSetUp)
+{
+    NormalUndistortion lens;
+    EXPECT_FALSE(lens.initByFiles(intrinsic.c_str(), "/nonexistent/distortion.xml", 1.0, 1.0));
+    EXPECT_FALSE(lens.ready);
+    EVector p(123.25, 45.5);
+    p.tag = 4;
+    p.measureC = 17;
+    const EVector same = lens.undistort(p);
+    EXPECT_EQ(same.x, 123.25);
+    EXPECT_EQ(same.y, 45.5);
+    EXPECT_EQ(same.tag, 4);
+    EXPECT_EQ(same.measureC, 17);
+    EXPECT_FALSE(lens.initByIntrinsic(1, 2, 3, 4));
+
+    NormalUndistortion broken;
+    EXPECT_THROW(broken.initByFiles("/nonexistent/intrinsic.xml", distortion.c_str(), 1.0, 1.0), ConfigFileError);
+    // The distortion file holds no 3x3 matrix.
+    EXPECT_THROW(broken.initByFiles(distortion.c_str(), distortion.c_str(), 1.0, 1.0), ConfigFileError);
+
+    // The principal point moves to the mean of the points.
+    double points[] = {100, 200, 300, 400, 500, 0};
+    lens.correctIntrinsicFileCenter(points, 6);
+    EXPECT_DOUBLE_EQ(lens.intrinsicMatrix.at<double>(0, 2), 300);
+    EXPECT_DOUBLE_EQ(lens.intrinsicMatrix.at<double>(1, 2), 200);
+}
+
+TEST(FisheyeUndistortion, FollowsTheTangentOfTheRadius)
+{
+    FisheyeUndistortion lens;
+    EVector p(576, 240);
+    p.weight = 8;
+    EXPECT_EQ(lens.undistort(p).weight, 8); // not initialised: unchanged
+    EXPECT_FALSE(lens.initByFiles("a", "b", 1, 1));
+    EXPECT_FALSE(lens.ready);
+
+    ASSERT_TRUE(lens.initByIntrinsic(376, 240, 400, 300));
+    const EVector q = lens.undistort(p);
+    EXPECT_DOUBLE_EQ(q.x, 400 * std::tan(0.5) + 376);
+    EXPECT_DOUBLE_EQ(q.y, 240);
+    EXPECT_EQ(q.weight, 0);
+
+    const EVector diagonal = lens.undistort(EVector(376 + 0.3 * 400, 240 + 0.4 * 300));
+    EXPECT_NEAR(diagonal.x, 0.3 * std::tan(0.5) / 0.5 * 400 + 376, 1e-9);
+    EXPECT_NEAR(diagonal.y, 0.4 * std::tan(0.5) / 0.5 * 300 + 240, 1e-9);
+    // At the principal point the ratio tan(0)/0 is not a number.
+    EXPECT_TRUE(std::isnan(lens.undistort(EVector(376, 240)).x));
+}
