@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -161,9 +162,12 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
             if (t.size() == 2 && t[1] == "none") {
                 s.lens = LensModel();
             } else if (t.size() == 2 && t[1] == "factory") {
+                // Without the factory files the picture is still usable, only straight.
                 std::string why;
                 if (!factoryLens(s.lens, why)) {
-                    return fail("factory lens: " + why);
+                    std::fprintf(stderr, "sensor emulator: %s:%d: no factory lens (%s), using an ideal one\n",
+                                 name.c_str(), lineNo, why.c_str());
+                    s.lens = LensModel();
                 }
             } else if (t.size() == 4 && t[1] == "files") {
                 std::string why;
@@ -264,13 +268,16 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
             }
             f.type = static_cast<FaultType>(type);
             f.duration = 1e9;
-            if (t.size() > 3 && !toDouble(t[3], f.duration)) {
-                return fail("fault: duration in seconds expected");
+            size_t options = 3;
+            if (t.size() > 3 && toDouble(t[3], f.duration)) {
+                options = 4;
+            } else {
+                f.duration = 1e9;
             }
             if (f.duration <= 0) {
                 return fail("fault: duration must be positive");
             }
-            for (size_t i = 4; i < t.size(); i += 2) {
+            for (size_t i = options; i < t.size(); i += 2) {
                 long n;
                 int* target = t[i] == "every" ? &f.every : t[i] == "bytes" ? &f.bytes : t[i] == "ms" ? &f.delayMs : nullptr;
                 if (!target || i + 1 >= t.size() || !toInt(t[i + 1], n) || n < 0 || n > 100000000) {
