@@ -1,0 +1,194 @@
+// Faults the scene asks for, and the libusb behaviour of transfers around them: short frames,
+// silence and time-outs, dropped frames, a stalled endpoint, a slow consumer, the unplug,
+// cancellation, and control transfers while another thread handles events.
+#include "emulatorsession.h"
+
+#include <atomic>
+
+namespace {
+
+std::string sceneWith(const std::string& extra)
+{
+    return "fps 200\nlens none\nnoise 0\nstamp on\n" + extra;
+}
+
+uint32_t stampOf(const EmulatorSession::Frame& f)
+{
+    return f.data[0] | f.data[1] << 8 | f.data[2] << 16 | static_cast<uint32_t>(f.data[3]) << 24;
+}
+
+// One emulated bus per process: each session ends before the next begins.
+TEST(EmulatorFaults, ShortTransfersAndSilenceEndFramesEarlyOrByTimeOut)
+{
+    {
+        EmulatorSession s(sceneWith("fault short 0 100 bytes 1000\n"));
+        s.start();
+        auto f = s.grab();
+        EXPECT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
+        EXPECT_EQ(f.length, 1000);
+    }
+    {
+        EmulatorSession half(sceneWith("fault short 0 100\n"));
+        half.start();
+        EXPECT_EQ(half.grab().length, 752 * 480 / 2);
+    }
+    EmulatorSession silent(sceneWith("fault timeout 0 100\n"));
+    silent.start();
+    auto f = silent.grab(752 * 480, 100);
+    EXPECT_EQ(f.status, LIBUSB_TRANSFER_TIMED_OUT);
+    EXPECT_EQ(f.length, 0);
+}
+
+TEST(EmulatorFaults, DroppedFramesLeaveGapsInTheNumbering)
+{
+    EmulatorSession s(sceneWith("fault drop 0 100 every 2\n"));
+    s.start();
+    for (int i = 0; i < 6; ++i) {
+        auto f = s.grab();
+        ASSERT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
+        EXPECT_EQ(stampOf(f) % 2, 1u);
+    }
+}
+
+TEST(EmulatorFaults, StalledEndpointAnswersStallUntilTheHaltIsCleared)
+{
+    EmulatorSession s(sceneWith("fault stall 0\n"));
+    s.start();
+    auto f = s.grab();
+    EXPECT_EQ(f.status, LIBUSB_TRANSFER_STALL);
+    EXPECT_EQ(f.length, 0);
+    int transferred = -1;
+    unsigned char buf[512];
+    EXPECT_EQ(libusb_bulk_transfer(s.handle, 0x82, buf, sizeof buf, &transferred, 500), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(libusb_clear_halt(s.handle, 0x82), 0);
+    f = s.grab();
+    EXPECT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
+    EXPECT_EQ(libusb_bulk_transfer(s.handle, 0x82, buf, sizeof buf, &transferred, 500), 0);
+    EXPECT_EQ(transferred, 512);
+}
+
+// While the consumer dawdles over each completion, no transfer waits at the device and the
+// frames of that time are lost there: 25 ms held at 200 frames a second is at least 5 frames.
+TEST(EmulatorFaults, SlowConsumerLosesFramesAtTheDevice)
+{
+    EmulatorSession s(sceneWith("fault slow 0 ms 25\n"));
+    s.start();
+    uint32_t last = 0;
+    for (int i = 0; i < 4; ++i) {
+        auto f = s.grab();
+        ASSERT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
+        if (i > 0) {
+            EXPECT_GE(stampOf(f), last + 5);
+        }
+        last = stampOf(f);
+    }
+}
+
+TEST(EmulatorFaults, UnplugEmptiesRunningTransfersThenRefusesSubmits)
+{
+    // A silent device keeps the transfer waiting (no time-out) until the unplug takes it.
+    EmulatorSession s(sceneWith("fault timeout 0\nunplug 0.1\n"));
+    s.start();
+    auto f = s.grab(752 * 480, 0);
+    ASSERT_EQ(f.status, LIBUSB_TRANSFER_NO_DEVICE);
+    EXPECT_EQ(f.length, 0);
+    EXPECT_TRUE(f.onHandlerThread);
+    f = s.grab();
+    EXPECT_EQ(f.status, -2) << "submit after the unplug must fail";
+    libusb_transfer* t = libusb_alloc_transfer(0);
+    unsigned char buf[512];
+    libusb_fill_bulk_transfer(t, s.handle, 0x82, buf, sizeof buf, [](libusb_transfer*) {}, nullptr, 100);
+    EXPECT_EQ(libusb_submit_transfer(t), LIBUSB_ERROR_NO_DEVICE);
+    libusb_free_transfer(t);
+    EXPECT_EQ(s.writeRegister(11, 10), LIBUSB_ERROR_NO_DEVICE);
+    libusb_device** list = nullptr;
+    EXPECT_EQ(libusb_get_device_list(nullptr, &list), 0);
+    libusb_free_device_list(list, 1);
+}
+
+TEST(EmulatorFaults, CancelledTransferCompletesInTheNextEventCall)
+{
+    EmulatorSession s(sceneWith(""));
+    std::vector<unsigned char> buf(752 * 480);
+    struct Ctx {
+        int calls = 0;
+        int status = -1;
+    } ctx;
+    libusb_transfer* t = libusb_alloc_transfer(0);
+    libusb_fill_bulk_transfer(
+        t, s.handle, 0x82, buf.data(), static_cast<int>(buf.size()),
+        [](libusb_transfer* x) {
+            auto* c = static_cast<Ctx*>(x->user_data);
+            ++c->calls;
+            c->status = x->status;
+        },
+        &ctx, 0);
+    ASSERT_EQ(libusb_submit_transfer(t), 0);
+    EXPECT_EQ(libusb_submit_transfer(t), LIBUSB_ERROR_BUSY);
+    ASSERT_EQ(libusb_cancel_transfer(t), 0);
+    EXPECT_EQ(ctx.calls, 0) << "callbacks run only inside event handling";
+    timeval tv{1, 0};
+    libusb_handle_events_timeout_completed(nullptr, &tv, nullptr);
+    EXPECT_EQ(ctx.calls, 1);
+    EXPECT_EQ(ctx.status, LIBUSB_TRANSFER_CANCELLED);
+    EXPECT_EQ(libusb_cancel_transfer(t), LIBUSB_ERROR_NOT_FOUND);
+    // With nothing pending the event call returns after its time-out.
+    tv = {0, 20000};
+    EXPECT_EQ(libusb_handle_events_timeout_completed(nullptr, &tv, nullptr), 0);
+    EXPECT_EQ(ctx.calls, 1);
+    libusb_free_transfer(t);
+}
+
+// As the capture thread sits in the event loop, other threads write registers: asynchronously,
+// with the completion on the event thread, and synchronously, at the same time.
+TEST(EmulatorFaults, ControlWritesWhileAnotherThreadHandlesEvents)
+{
+    EmulatorSession s(sceneWith(""));
+    std::atomic<bool> stop{false};
+    std::thread::id eventThread;
+    std::thread loop([&] {
+        eventThread = std::this_thread::get_id();
+        while (!stop) {
+            timeval tv{0, 50000};
+            libusb_handle_events_timeout_completed(nullptr, &tv, nullptr);
+        }
+    });
+    struct Ctx {
+        std::atomic<int> done{0};
+        int actual = -1;
+        std::thread::id thread;
+    } ctx;
+    unsigned char buf[11];
+    libusb_fill_control_setup(buf, 0x40, 0xFE, 0, 0, 3);
+    buf[8] = 11;
+    buf[9] = 0;
+    buf[10] = 77;
+    libusb_transfer* t = libusb_alloc_transfer(0);
+    libusb_fill_control_transfer(
+        t, s.handle, buf,
+        [](libusb_transfer* x) {
+            auto* c = static_cast<Ctx*>(x->user_data);
+            c->actual = x->actual_length;
+            c->thread = std::this_thread::get_id();
+            c->done = 1;
+        },
+        &ctx, 1500);
+    ASSERT_EQ(libusb_submit_transfer(t), 0);
+    EXPECT_EQ(s.writeRegister(27, 0), 3);
+    for (int i = 0; i < 400 && !ctx.done; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    stop = true;
+    loop.join();
+    ASSERT_EQ(ctx.done, 1);
+    EXPECT_EQ(ctx.actual, 3);
+    EXPECT_EQ(ctx.thread, eventThread);
+    libusb_free_transfer(t);
+    s.finish();
+    auto log = s.lines("log.txt");
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0], (std::vector<std::string>{log[0][0], "async", "reg", "11", "77"}));
+    EXPECT_EQ(log[1], (std::vector<std::string>{log[1][0], "sync", "reg", "27", "0"}));
+}
+
+} // namespace

@@ -1,0 +1,150 @@
+#pragma once
+// One session with the emulated sensor for a test: scene and files in the test's own temp
+// folder, the device opened, and helpers to write registers and to take frames as the
+// capture thread does.
+#include <libusb.h>
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+class EmulatorSession
+{
+public:
+    struct Frame {
+        int status = -1;
+        int length = 0;
+        std::vector<unsigned char> data;
+        bool onHandlerThread = false;
+    };
+
+    explicit EmulatorSession(const std::string& sceneText, bool open = true)
+    {
+        static int counter = 0;
+        const char* tmp = std::getenv("TMPDIR");
+        dir = std::string(tmp ? tmp : "/tmp") + "/emu" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
+        std::system(("mkdir -p " + dir).c_str());
+        std::ofstream(dir + "/scene.txt") << sceneText;
+        setenv("VELORA_EMU_SCENE", (dir + "/scene.txt").c_str(), 1);
+        setenv("VELORA_EMU_LOG", (dir + "/log.txt").c_str(), 1);
+        setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
+        initResult = libusb_init(nullptr);
+        if (initResult == 0 && open) {
+            handle = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7E1A);
+        }
+    }
+
+    ~EmulatorSession()
+    {
+        finish();
+        unsetenv("VELORA_EMU_SCENE");
+        unsetenv("VELORA_EMU_LOG");
+        unsetenv("VELORA_EMU_TRUTH");
+        std::system(("rm -rf " + dir).c_str());
+    }
+
+    // Closes and ends the session, so that the files are complete.
+    void finish()
+    {
+        if (handle) {
+            libusb_close(handle);
+            handle = nullptr;
+        }
+        if (initResult == 0) {
+            libusb_exit(nullptr);
+            initResult = -1;
+        }
+    }
+
+    int writeRegister(int reg, int value)
+    {
+        unsigned char d[3] = {static_cast<unsigned char>(reg), static_cast<unsigned char>(value >> 8),
+                              static_cast<unsigned char>(value)};
+        return libusb_control_transfer(handle, 0x40, 0xFE, 0, 0, d, 3, 2000);
+    }
+
+    int setOutput(int mask, int level)
+    {
+        unsigned char d = static_cast<unsigned char>(level);
+        return libusb_control_transfer(handle, 0x40, 0xFC, static_cast<uint16_t>(mask), 0, &d, 1, 2000);
+    }
+
+    int start() { return libusb_control_transfer(handle, 0x40, 0xAA, 0, 0, nullptr, 0, 2000); }
+
+    // One asynchronous bulk transfer, handled to its end on this thread.
+    Frame grab(int length = 752 * 480, unsigned timeoutMs = 1500)
+    {
+        Frame f;
+        f.data.assign(static_cast<size_t>(length), 0);
+        struct Ctx {
+            Frame* f;
+            std::thread::id waiter;
+            int done;
+        } ctx{&f, std::this_thread::get_id(), 0};
+        libusb_transfer* t = libusb_alloc_transfer(0);
+        libusb_fill_bulk_transfer(
+            t, handle, 0x82, f.data.data(), length,
+            [](libusb_transfer* x) {
+                auto* c = static_cast<Ctx*>(x->user_data);
+                c->f->status = x->status;
+                c->f->length = x->actual_length;
+                c->f->onHandlerThread = std::this_thread::get_id() == c->waiter;
+                c->done = 1;
+            },
+            &ctx, timeoutMs);
+        f.status = libusb_submit_transfer(t) == 0 ? -1 : -2;
+        while (f.status == -1 && !ctx.done) {
+            timeval tv{1, 0};
+            libusb_handle_events_timeout_completed(nullptr, &tv, &ctx.done);
+        }
+        libusb_free_transfer(t);
+        return f;
+    }
+
+    std::vector<std::vector<std::string>> lines(const std::string& file) const
+    {
+        std::vector<std::vector<std::string>> out;
+        std::ifstream in(dir + "/" + file);
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream words(line);
+            std::vector<std::string> w;
+            for (std::string s; words >> s;) {
+                w.push_back(s);
+            }
+            out.push_back(w);
+        }
+        return out;
+    }
+
+    std::string dir;
+    int initResult = -1;
+    libusb_device_handle* handle = nullptr;
+};
+
+// Brightest pixel of a frame, as column and row.
+inline std::pair<int, int> brightest(const std::vector<unsigned char>& data, int columns, int count)
+{
+    int best = 0;
+    for (int i = 1; i < count; ++i) {
+        if (data[static_cast<size_t>(i)] > data[static_cast<size_t>(best)]) {
+            best = i;
+        }
+    }
+    return {best % columns, best / columns};
+}
+
+inline double meanOf(const std::vector<unsigned char>& data, int count)
+{
+    double sum = 0;
+    for (int i = 0; i < count; ++i) {
+        sum += data[static_cast<size_t>(i)];
+    }
+    return count ? sum / count : 0;
+}
