@@ -111,7 +111,9 @@ TEST(UpdaterStateListener, SignalsAnUpdateAndStopsWhenTheUpdaterLetsGo)
         updater.unlock();
     };
     setWord(1);
-    auto* listener = new UpdaterStateListener(key);
+    // Lives as long as the process, as the watchers of the system do: its thread may outlive the test.
+    static UpdaterStateListener* listener = nullptr;
+    listener = new UpdaterStateListener(key);
     QSignalSpy spy(listener, &UpdaterStateListener::updateInProcess);
     EXPECT_TRUE(waitFor([&] { return spy.count() >= 1; }));
     setWord(-1);
