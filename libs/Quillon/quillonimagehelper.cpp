@@ -5,6 +5,17 @@
 
 namespace {
 
+// pixel / 255.0 for every byte value, exactly as the division gives it.
+struct UnitWeights {
+    double w[256];
+    UnitWeights()
+    {
+        for (int v = 0; v < 256; ++v)
+            w[v] = v / 255.0;
+    }
+};
+const UnitWeights unitWeights;
+
 // Byte offset of (x, y) under the accessors' range rules, or -1.
 inline std::ptrdiff_t offsetOf(const cv::Mat* image, int x, int y)
 {
@@ -149,7 +160,7 @@ EVector QuillonImageHelper::subPix(cv::Mat* image, cv::Rect rect, int thresh, bo
                 const int v = data[off];
                 if (v <= thresh)
                     continue;
-                const double w = v / 255.0;
+                const double w = unitWeights.w[v];
                 weightSum += w;
                 xSum += x * w;
                 ySum += y * w;

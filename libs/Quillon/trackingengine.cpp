@@ -16,6 +16,9 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
 
 TrackingEngine::TrackingEngine(int width_, int height_, int threshold_, int pixelStep_, bool weighted_)
     : width(width_), height(height_), threshold(threshold_), pixelStep(pixelStep_), weighted(weighted_),
@@ -130,6 +133,14 @@ void TrackingEngine::scan(bloblineContext* c, const unsigned char* image)
     const int maskedFrom = static_cast<int>(std::ceil(threshold));
     const unsigned char* table = backgroundTable.get();
 
+    if (pixelStep == 1 && clipLeft == 0 && clipRight == w && clipBottom > clipTop) {
+        const long long first = startIndex;
+        const long long last = first + static_cast<long long>(clipBottom - clipTop) * w - 1;
+        if (first >= 0 && last < bufferSize) {
+            scanRowFast(c, image, static_cast<int>(first), static_cast<int>(last - first + 1), clipTop);
+            return;
+        }
+    }
     for (int y = clipTop; y < clipBottom; ++y) {
         const long long rowIndex = static_cast<long long>(startIndex)
                                    + static_cast<long long>(y - clipTop) * w * pixelStep
@@ -153,45 +164,112 @@ void TrackingEngine::scan(bloblineContext* c, const unsigned char* image)
     }
 }
 
+namespace {
+
+// pixel / 255.0 for every byte value, exactly as the division gives it.
+struct UnitWeights {
+    double w[256];
+    UnitWeights()
+    {
+        for (int v = 0; v < 256; ++v)
+            w[v] = v / 255.0;
+    }
+};
+const UnitWeights unitWeights;
+
+constexpr int DarkBlock = 128;
+
+#if defined(__SSE2__)
+inline __m128i load16(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+// First block start from k on whose block holds a pixel above limit, or the start of
+// the last, incomplete block.
+int skipDarkSse2(const unsigned char* img, int k, int count, unsigned char limit)
+{
+    const __m128i lim = _mm_set1_epi8(static_cast<char>(limit));
+    for (; k + DarkBlock <= count; k += DarkBlock) {
+        const unsigned char* p = img + k;
+        const __m128i m0 = _mm_max_epu8(_mm_max_epu8(load16(p), load16(p + 16)), _mm_max_epu8(load16(p + 32), load16(p + 48)));
+        const __m128i m1 = _mm_max_epu8(_mm_max_epu8(load16(p + 64), load16(p + 80)), _mm_max_epu8(load16(p + 96), load16(p + 112)));
+        const __m128i m = _mm_max_epu8(m0, m1);
+        if (_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(m, lim), lim)) != 0xFFFF)
+            return k;
+    }
+    return k;
+}
+#endif
+
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("avx2"))) int skipDarkAvx2(const unsigned char* img, int k, int count, unsigned char limit)
+{
+    const __m256i lim = _mm256_set1_epi8(static_cast<char>(limit));
+    for (; k + DarkBlock <= count; k += DarkBlock) {
+        const __m256i* p = reinterpret_cast<const __m256i*>(img + k);
+        const __m256i m = _mm256_max_epu8(_mm256_max_epu8(_mm256_loadu_si256(p), _mm256_loadu_si256(p + 1)),
+                                          _mm256_max_epu8(_mm256_loadu_si256(p + 2), _mm256_loadu_si256(p + 3)));
+        if (static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(m, lim), lim))) != 0xFFFFFFFFu)
+            return k;
+    }
+    return k;
+}
+const bool haveAvx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2"));
+#endif
+
+} // namespace
+
 void TrackingEngine::scanRowFast(bloblineContext* c, const unsigned char* image, int rowIndex, int count, int y)
 {
     const int above = static_cast<int>(std::floor(threshold));
     const int maskedFrom = static_cast<int>(std::ceil(threshold));
     const unsigned char* img = image + rowIndex;
     const unsigned char* tab = backgroundTable.get() + rowIndex;
+    // count may span several rows when the window is the full width: positions are
+    // then recovered from the offset, which only bright pixels need.
+    const int w = static_cast<int>(width);
     const int x0 = clipLeft;
+    auto add = [&](int k) {
+        if (count <= w - x0)
+            AddBlobPixel(c, x0 + k, y, img[k]);
+        else
+            AddBlobPixel(c, (x0 + k) % w, y + (x0 + k) / w, img[k]);
+    };
     int k = 0;
 #if defined(__SSE2__)
-    // Most of a stylus frame is dark: skip 64 pixels at a time when none is above the
-    // threshold, and look at the table only where one is.
+    // Most of a stylus frame is dark: whole blocks without a pixel above the threshold
+    // are skipped, and the table is read only where there is one.
     const __m128i low = _mm_set1_epi8(static_cast<char>(above + 1));
     const __m128i high = _mm_set1_epi8(static_cast<char>(maskedFrom - 1));
-    const __m128i limit = _mm_set1_epi8(static_cast<char>(above));
-    for (; k + 64 <= count; k += 64) {
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(img + k));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(img + k + 16));
-        const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(img + k + 32));
-        const __m128i e = _mm_loadu_si128(reinterpret_cast<const __m128i*>(img + k + 48));
-        const __m128i m = _mm_max_epu8(_mm_max_epu8(a, b), _mm_max_epu8(d, e));
-        if (_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(m, limit), limit)) == 0xFFFF)
-            continue;
-        for (int s = k; s < k + 64; s += 16) {
-            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(img + s));
-            const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(tab + s));
-            const __m128i bright = _mm_cmpeq_epi8(_mm_max_epu8(v, low), v);
-            const __m128i free = _mm_cmpeq_epi8(_mm_min_epu8(t, high), t);
-            unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(bright, free)));
-            while (bits) {
-                const int bit = __builtin_ctz(bits);
-                bits &= bits - 1;
-                AddBlobPixel(c, x0 + s + bit, y, img[s + bit]);
-            }
+    auto scan16 = [&](int s) {
+        const __m128i v = load16(img + s);
+        const __m128i t = load16(tab + s);
+        const __m128i bright = _mm_cmpeq_epi8(_mm_max_epu8(v, low), v);
+        const __m128i free = _mm_cmpeq_epi8(_mm_min_epu8(t, high), t);
+        unsigned bits = static_cast<unsigned>(_mm_movemask_epi8(_mm_and_si128(bright, free)));
+        while (bits) {
+            const int bit = __builtin_ctz(bits);
+            bits &= bits - 1;
+            add(s + bit);
         }
+    };
+    const unsigned char limit = static_cast<unsigned char>(above);
+    for (;;) {
+#if defined(__x86_64__) && defined(__GNUC__)
+        k = haveAvx2 ? skipDarkAvx2(img, k, count, limit) : skipDarkSse2(img, k, count, limit);
+#else
+        k = skipDarkSse2(img, k, count, limit);
+#endif
+        if (k + DarkBlock > count)
+            break;
+        for (int s = k; s < k + DarkBlock; s += 16)
+            scan16(s);
+        k += DarkBlock;
     }
+    for (; k + 16 <= count; k += 16)
+        scan16(k);
 #endif
     for (; k < count; ++k) {
         if (img[k] > above && tab[k] < maskedFrom)
-            AddBlobPixel(c, x0 + k, y, img[k]);
+            add(k);
     }
 }
 
@@ -262,7 +340,7 @@ void TrackingEngine::buildBlobList(bloblineContext* c, unsigned char* image)
                 lineW += 1;
                 continue;
             }
-            const double wt = image[idx] / 255.0;
+            const double wt = unitWeights.w[image[idx]];
             sumX += px * wt;
             sumY += r.y * wt;
             lineW += wt;
@@ -274,7 +352,7 @@ void TrackingEngine::buildBlobList(bloblineContext* c, unsigned char* image)
                 const long long idx2 = (static_cast<long long>(w) * yy + px) * pixelStep;
                 if (idx2 >= bufferSize)
                     continue;
-                const double w2 = image[idx2] / 255.0;
+                const double w2 = unitWeights.w[image[idx2]];
                 lineW += w2;
                 sumX += px * w2;
                 sumY += yy * w2;
