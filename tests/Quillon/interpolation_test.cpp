@@ -36,20 +36,6 @@ TEST(BezierFilter, ThirdFrameOnIsTheMeanOfTheLastSmoothedAndTheNewPosition)
     EXPECT_DOUBLE_EQ(other.x, 100) << "touches do not share a path";
 }
 
-TEST(BezierFilter, WithHistoryTheLastTwoPathPointsAreTheControlPoints)
-{
-    Interpolation f(0.6);
-    for (double x : {0.0, 10.0, 20.0}) {
-        Blob b = at(x, 0, 3);
-        f.BezierCurveFilter(&b, true);
-        EXPECT_DOUBLE_EQ(b.x, x);
-    }
-    Blob b = at(40, 8, 3);
-    f.BezierCurveFilter(&b, true);
-    EXPECT_DOUBLE_EQ(b.x, 0.25 * 10 + 0.5 * 20 + 0.25 * 40);
-    EXPECT_DOUBLE_EQ(b.y, 2);
-}
-
 TEST(InertiaFilter, FollowsTheCurveWithTheGivenOrAutomaticFactor)
 {
     Interpolation f(0.5);

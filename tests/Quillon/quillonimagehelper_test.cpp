@@ -25,23 +25,6 @@ TEST_F(Pixels, AccessorsReadWriteAndKeepTheirRangeRules)
     EXPECT_EQ(QuillonImageHelper::intensityAt(image.data, 2, 7, 6, -1), -1);
 }
 
-TEST_F(Pixels, RectangleMeasures)
-{
-    image.at<unsigned char>(1, 1) = 100;
-    image.at<unsigned char>(2, 2) = 50;
-    unsigned char background[24] = {};
-    background[1 * 6 + 1] = 80;
-    const cv::Rect all(0, 0, 6, 4);
-    EXPECT_EQ(QuillonImageHelper::getMaxIntensity(all, &image, nullptr), 100);
-    EXPECT_EQ(QuillonImageHelper::getMaxIntensity(all, &image, background), 50);
-    EXPECT_EQ(QuillonImageHelper::getMaxIntensity(cv::Rect(50, 50, 3, 3), &image, nullptr), 0);
-    EXPECT_DOUBLE_EQ(QuillonImageHelper::getAvgIntensity(all, &image, nullptr), 150.0 / 24);
-    EXPECT_DOUBLE_EQ(QuillonImageHelper::getMinIntensity(cv::Rect(0, 0, 0, 3), &image), 999.0);
-    EXPECT_TRUE(QuillonImageHelper::hasBrighterThan(all, &image, 110, 11));
-    EXPECT_FALSE(QuillonImageHelper::hasBrighterThan(all, &image, 110, 10));
-    EXPECT_FALSE(QuillonImageHelper::hasBrighterThan(all, &image, 100, 0));
-}
-
 TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
 {
     double sum = -1;
@@ -63,13 +46,6 @@ TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
     EXPECT_EQ(two.measureD, 255);
     EXPECT_EQ(image.at<unsigned char>(2, 4), 1) << "erased";
     EXPECT_EQ(image.at<unsigned char>(0, 0), 10);
-}
-
-TEST(MaskRect, BoundsThePointsFromItsFixedStart)
-{
-    const cv::Rect r = QuillonImageHelper::createMaskRect({EVector(10.7, 20.2), EVector(30.1, 5.9)});
-    EXPECT_EQ(r, cv::Rect(10, 5, 20, 15));
-    EXPECT_EQ(QuillonImageHelper::createMaskRect({}), cv::Rect(640, 480, -640, -480));
 }
 
 } // namespace
