@@ -6,6 +6,27 @@
 
 int Blob::incS_Id = 0;
 
+namespace {
+
+// Processor time of the process in milliseconds. clock() is a system call, and an engine
+// makes blobs by the dozen per frame; the value is taken again only when the coarse clock
+// (read without a system call) has ticked, so it may lag by one tick of a few milliseconds.
+int64_t processTimeMs()
+{
+    thread_local int64_t lastTick = -1;
+    thread_local int64_t cached = 0;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    const int64_t tick = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    if (tick != lastTick) {
+        lastTick = tick;
+        cached = static_cast<int64_t>(static_cast<double>(clock()) / 1000000.0 * 1000.0);
+    }
+    return cached;
+}
+
+} // namespace
+
 Blob::Blob(double x_, double y_, double width_, double height_, int id_)
     : id(id_), moved(0), slot(-1), partner(nullptr), reach(999.0), prevFx(0), prevFy(0),
       measureD(0), measureB(0), outside(false)
@@ -22,8 +43,7 @@ void Blob::init(double x_, double y_, double width_, double height_)
     left = x - width * 0.5;
     top = y - height * 0.5;
     size = width * height;
-    // Processor time of the process, as the matching and filters were tuned with it.
-    timeMs = static_cast<int64_t>(static_cast<double>(clock()) / 1000000.0 * 1000.0);
+    timeMs = processTimeMs();
     state = -1;
     lostFrames = 0;
     lostEvents = 0;

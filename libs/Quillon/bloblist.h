@@ -1,13 +1,15 @@
 #pragma once
 
 #include "blob.h"
+#include "blobdistance.h"
+#include "blobiddistance.h"
 
 #include <memory>
 #include <vector>
 
+class ICorrection;
 class KuhnMunkresAssignment;
 class TransformGrid;
-class ICorrection;
 
 // Ordered blob pointers. The list never deletes a blob itself; frame matching does.
 class BlobList {
@@ -46,8 +48,24 @@ public:
     // -1 first as it stands, 0 top, 1 left, 2 right, 3 bottom, 4..7 the corners.
     Blob* getSortedBlob(int which);
 
+    // Folds the next frame's detections into this list so that each touch keeps its
+    // sessionId; takes over newList's blobs. correction is not used.
+    void mergeWith(BlobList newList, int keepFrames, ICorrection* correction);
+    bool hungarianMatch(std::vector<Blob*>* kept, std::vector<Blob*>* fresh, std::vector<Blob*>* result);
+    // Moves the entries of longer that are farthest from everything in shorter to its end.
+    void rearrangeList(std::vector<Blob*>* longer, std::vector<Blob*>* shorter);
+    static bool isConnectionCrossing(const std::vector<BlobDistance>& connections);
+    void rejectCrossingConnections(const std::vector<BlobDistance>& connections);
+
 private:
     using Less = bool (*)(Blob*, Blob*);
     Blob* firstAfterSort(Less order);
     Blob* cornerBlob(Less rowOrder, Less columnOrder);
+
+    // Working storage of mergeWith, kept between frames so that matching allocates
+    // nothing in the steady state. Empty outside a merge.
+    std::vector<Blob*> keptScratch, freshScratch, resultScratch;
+    std::vector<BlobDistance> candidateScratch, connectionScratch;
+    std::vector<BlobIDDistance> nearestScratch;
+    std::vector<int> surplusScratch;
 };

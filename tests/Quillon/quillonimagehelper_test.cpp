@@ -1,0 +1,51 @@
+#include "quillonimagehelper.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class Pixels : public ::testing::Test {
+protected:
+    cv::Mat image = cv::Mat::zeros(4, 6, CV_8UC1);
+};
+
+TEST_F(Pixels, AccessorsReadWriteAndKeepTheirRangeRules)
+{
+    image.at<unsigned char>(0, 0) = 7;
+    image.at<unsigned char>(1, 0) = 9;
+    EXPECT_EQ(QuillonImageHelper::intensityAtByPos(&image, 0, -1), -1) << "position 0 is never readable";
+    EXPECT_EQ(QuillonImageHelper::intensityAtByPos(&image, 6, -1), 9);
+    EXPECT_EQ(QuillonImageHelper::intensityAtByPos(&image, 24, -1), -1);
+    EXPECT_EQ(QuillonImageHelper::intensityAt(&image, 6, 0, -1), 9) << "x == width is the next row";
+    EXPECT_EQ(QuillonImageHelper::intensityAt(&image, -1, 0, -1), -1);
+    EXPECT_EQ(QuillonImageHelper::intensityAt(&image, 7, 0, -1), -1);
+    EXPECT_EQ(QuillonImageHelper::intensityAt(&image, 2, 3, 200), 200);
+    EXPECT_EQ(image.at<unsigned char>(3, 2), 200);
+    EXPECT_EQ(QuillonImageHelper::intensityAt(image.data, 2, 3, 6, -1), 200);
+    EXPECT_EQ(QuillonImageHelper::intensityAt(image.data, 2, 7, 6, -1), -1);
+}
+
+TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
+{
+    double sum = -1;
+    EVector none = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 0, false, &sum, 0);
+    EXPECT_EQ(none.x, -1);
+    EXPECT_EQ(none.y, -1);
+    EXPECT_EQ(sum, 0);
+
+    image.at<unsigned char>(2, 3) = 255;
+    EVector one = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 10, false, &sum, 0);
+    EXPECT_DOUBLE_EQ(one.x, 3);
+    EXPECT_DOUBLE_EQ(one.y, 2);
+    image.at<unsigned char>(2, 4) = 255;
+    image.at<unsigned char>(0, 0) = 10; // at the threshold: does not count
+    EVector two = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 10, true, &sum, 1);
+    EXPECT_DOUBLE_EQ(two.x, 3.5);
+    EXPECT_DOUBLE_EQ(sum, 2.0);
+    EXPECT_EQ(two.measureC, 2);
+    EXPECT_EQ(two.measureD, 255);
+    EXPECT_EQ(image.at<unsigned char>(2, 4), 1) << "erased";
+    EXPECT_EQ(image.at<unsigned char>(0, 0), 10);
+}
+
+} // namespace

@@ -1,0 +1,272 @@
+#include "syntheticframe.h"
+
+#include "globalsettings.h"
+#include "icorrection.h"
+#include "trackingengine.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+constexpr int W = SyntheticFrames::Width;
+constexpr int H = SyntheticFrames::Height;
+
+class IdentityCorrection : public ICorrection {
+public:
+    EVector undistort(EVector p) override { return p; }
+    bool initByIntrinsic(double, double, double, double) override { return true; }
+    bool initByFiles(const char*, const char*, double, double) override { return true; }
+    void correctIntrinsicFileCenter(double*, int) override {}
+};
+
+std::vector<unsigned char> blank() { return std::vector<unsigned char>(std::size_t(W) * H, 0); }
+
+void fill(std::vector<unsigned char>& f, int x0, int y0, int w, int h, int value)
+{
+    for (int y = y0; y < y0 + h; ++y)
+        for (int x = x0; x < x0 + w; ++x)
+            f[std::size_t(y) * W + x] = static_cast<unsigned char>(value);
+}
+
+// The blobs stay the caller's; this frees them after a test looked at them.
+struct Result {
+    AllBlobs all;
+    ~Result()
+    {
+        for (Blob* b : all.blobs.blobs)
+            delete b;
+        for (Blob* b : all.outsideBlobs.blobs)
+            delete b;
+    }
+    std::vector<Blob*>& blobs() { return all.blobs.blobs; }
+};
+
+class Engine : public ::testing::Test {
+protected:
+    TrackingEngine engine{W, H, 230, 1, true};
+
+    void learn(const std::vector<unsigned char>& background)
+    {
+        std::vector<unsigned char> f = background;
+        int frames = 0;
+        while (engine.learning) {
+            engine.processImage(nullptr, false, false); // neither learns nor counts
+            EXPECT_EQ(engine.processImage(f.data(), false, false).size(), 0);
+            ++frames;
+        }
+        EXPECT_EQ(frames, GS::instance()->stylusBgFrames);
+    }
+    void detect(std::vector<unsigned char>& f, Result& r) { r.all = engine.processImage(f.data(), false, false); }
+};
+
+TEST_F(Engine, RunRulesGapsCapAndTheUnstoredLastRun)
+{
+    TrackingEngine::bloblineContext* c = engine.CreateBloblineContext(2000);
+    for (int x : {10, 11, 14, 15}) // gap of 2 then ends at 15
+        TrackingEngine::AddBlobPixel(c, x, 5, 255);
+    for (int x : {30, 33}) // three columns on: one run
+        TrackingEngine::AddBlobPixel(c, x, 5, 255);
+    for (int x : {50, 54}) // four columns on: two runs
+        TrackingEngine::AddBlobPixel(c, x, 5, 255);
+    TrackingEngine::AddBlobPixel(c, 52, 6, 255); // a new row always starts a run
+    ASSERT_EQ(c->lines.size(), 4u) << "the run that is still open is not stored";
+    EXPECT_EQ(c->lines[0].xStart, 10);
+    EXPECT_EQ(c->lines[0].xEnd, 15);
+    EXPECT_EQ(c->lines[1].xStart, 30);
+    EXPECT_EQ(c->lines[1].xEnd, 33);
+    EXPECT_EQ(c->lines[2].xEnd, 50);
+    EXPECT_EQ(c->lines[3].xStart, 54);
+    EXPECT_EQ(c->lines[3].y, 5);
+
+    c = engine.CreateBloblineContext(2000);
+    EXPECT_TRUE(c->lines.empty());
+    for (int i = 0; i < 5000; ++i)
+        TrackingEngine::AddBlobPixel(c, (i % 100) * 7, i / 100, 255);
+    EXPECT_EQ(c->lines.size(), 2001u);
+}
+
+TEST_F(Engine, SingleRowsGiveNoBlobAndTheFramesLastRowIsLost)
+{
+    learn(blank());
+    std::vector<unsigned char> f = blank();
+    fill(f, 100, 100, 8, 1, 255); // one row
+    {
+        Result r;
+        detect(f, r);
+        EXPECT_EQ(r.all.size(), 0);
+    }
+    fill(f, 100, 100, 8, 2, 255); // two rows, the bottom of all bright pixels
+    {
+        Result r;
+        detect(f, r);
+        EXPECT_EQ(r.all.size(), 0) << "its last run is never stored";
+    }
+    fill(f, 300, 300, 8, 8, 255); // something below keeps both rows of the first
+    {
+        Result r;
+        detect(f, r);
+        ASSERT_EQ(r.all.blobs.size(), 2);
+        EXPECT_DOUBLE_EQ(r.blobs()[0]->height, 2);
+        EXPECT_DOUBLE_EQ(r.blobs()[0]->width, 8);
+        EXPECT_NEAR(r.blobs()[0]->x, 103.5, 1e-9);
+        EXPECT_NEAR(r.blobs()[0]->y, 100.5, 1e-9);
+        EXPECT_DOUBLE_EQ(r.blobs()[1]->height, 7) << "lower spot loses its last row";
+    }
+}
+
+TEST_F(Engine, ThresholdAndMaskAreStrict)
+{
+    std::vector<unsigned char> bg = blank();
+    fill(bg, 200, 50, 10, 10, 230); // learned exactly at threshold: masks
+    fill(bg, 400, 50, 10, 10, 229); // just below: does not
+    learn(bg);
+    std::vector<unsigned char> f = blank();
+    fill(f, 200, 50, 10, 10, 255);
+    fill(f, 400, 50, 10, 10, 255);
+    fill(f, 100, 200, 10, 10, 230); // at threshold: not bright
+    fill(f, 300, 400, 5, 5, 255);   // keeps the others off the last run
+    Result r;
+    detect(f, r);
+    ASSERT_EQ(r.all.blobs.size(), 2);
+    EXPECT_NEAR(r.blobs()[0]->x, 404.5, 0.01);
+    EXPECT_NEAR(r.blobs()[1]->x, 302.0, 0.01);
+}
+
+TEST_F(Engine, ChainsFollowOnePathSoAForkGivesTwoBlobs)
+{
+    learn(blank());
+    std::vector<unsigned char> f = blank();
+    fill(f, 100, 100, 31, 2, 255); // bar
+    fill(f, 100, 102, 3, 6, 255);  // left leg
+    fill(f, 128, 102, 3, 6, 255);  // right leg, part of the same connected shape
+    fill(f, 300, 400, 5, 5, 255);
+    Result r;
+    detect(f, r);
+    EXPECT_EQ(r.all.blobs.size(), 3);
+}
+
+TEST_F(Engine, GlowAboveTheFirstAndBelowTheLastRunCounts)
+{
+    auto centreY = [&](int glowRow) {
+        std::vector<unsigned char> f = blank();
+        fill(f, 10, 20, 3, 2, 255);
+        if (glowRow >= 0)
+            fill(f, 11, glowRow, 1, 1, 100);
+        TrackingEngine::bloblineContext* c = engine.CreateBloblineContext(2000);
+        c->lines.push_back({-1, 10, 12, 20});
+        c->lines.push_back({0, 10, 12, 21});
+        AllBlobs all = engine.GenerateBlobList(c, f.data());
+        EXPECT_EQ(all.blobs.size(), 1);
+        EXPECT_TRUE(c->lines.empty()) << "chained runs are used up";
+        const double y = all.blobs.size() ? all.blobs[0]->y : -1;
+        for (Blob* b : all.blobs.blobs)
+            delete b;
+        return y;
+    };
+    EXPECT_DOUBLE_EQ(centreY(-1), 20.5);
+    EXPECT_LT(centreY(16), 20.5); // 4 rows above the first run
+    EXPECT_GT(centreY(25), 20.5); // 4 rows below the last run
+    EXPECT_DOUBLE_EQ(centreY(14), 20.5) << "6 rows away is outside the glow";
+}
+
+TEST_F(Engine, EdgeSpotsAreDroppedAndTheRestRefined)
+{
+    learn(blank());
+    std::vector<unsigned char> f = blank();
+    fill(f, 3, 100, 3, 3, 255);   // centre 4: box grown by 3 starts left of column 1
+    fill(f, 5, 200, 3, 3, 255);   // centre 6: box starts at column 1, kept
+    fill(f, 745, 300, 3, 3, 255); // grown box reaches the right edge
+    fill(f, 300, 400, 5, 5, 255);
+    Result r;
+    detect(f, r);
+    ASSERT_EQ(r.all.blobs.size(), 2);
+    EXPECT_NEAR(r.blobs()[0]->x, 6.0, 1e-9);
+    EXPECT_NEAR(r.blobs()[0]->y, 201.0, 1e-9);
+}
+
+TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
+{
+    IdentityCorrection correction;
+    EPolygon screen({EVector(50, 50), EVector(400, 50), EVector(400, 400), EVector(50, 400)});
+    engine.correction = &correction;
+    engine.blobFilter = &screen;
+    learn(blank());
+    SyntheticFrames synth;
+    std::vector<unsigned char> f = synth.make({{200.3, 200.6, 7}, {600.7, 300.2, 7}, {650, 450, 5}});
+    Result r;
+    detect(f, r);
+    ASSERT_EQ(r.all.blobs.size(), 1);
+    ASSERT_EQ(r.all.outsideBlobs.size(), 2);
+    EXPECT_NEAR(r.all.outsideBlobs[0]->x, 600.7, 0.25);
+    EXPECT_NEAR(r.all.outsideBlobs[0]->y, 300.2, 0.25);
+    engine.correction = nullptr; // the filter needs both
+    Result r2;
+    detect(f, r2);
+    EXPECT_EQ(r2.all.blobs.size(), 3);
+}
+
+TEST_F(Engine, BlobCountIsCapped)
+{
+    std::vector<unsigned char> f = blank();
+    TrackingEngine::bloblineContext* c = engine.CreateBloblineContext(2000);
+    for (int y = 10; y < 470; y += 4) {
+        for (int pass = 0; pass < 2; ++pass)
+            for (int x = 10; x < 740; x += 6) {
+                fill(f, x, y + pass, 1, 1, 255);
+                c->lines.push_back({0, x, x, y + pass});
+            }
+    }
+    ASSERT_GT(c->lines.size(), 2u * 1100);
+    AllBlobs all = engine.GenerateBlobList(c, f.data());
+    EXPECT_EQ(all.blobs.size(), BlobList::MaxBlobs);
+    for (Blob* b : all.blobs.blobs)
+        delete b;
+}
+
+// Ground truth: spots of 3 to 15 pixels at sub-pixel centres over a noisy background
+// with bright areas that were there while learning.
+TEST_F(Engine, FindsEverySpotOnceWithinAQuarterPixel)
+{
+    SyntheticFrames synth(11);
+    synth.areas = {{60, 60, 40, 30, 250}, {500, 380, 80, 20, 240}, {680, 40, 12, 200, 255}};
+    for (int i = 0; i < GS::instance()->stylusBgFrames; ++i) {
+        std::vector<unsigned char> bg = synth.make({});
+        engine.processImage(bg.data(), false, false);
+    }
+    ASSERT_FALSE(engine.learning);
+
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> frac(0.0, 1.0);
+    int checked = 0;
+    for (int frame = 0; frame < 40; ++frame) {
+        std::vector<Spot> spots;
+        for (int k = 0; k < 12; ++k) {
+            const double d = 3 + (k % 7) * 2;
+            const double x = 130 + (k % 4) * 130 + frac(rng) * 20;
+            const double y = 120 + (k / 4) * 110 + frac(rng) * 20;
+            spots.push_back({x, y, d});
+        }
+        std::vector<unsigned char> f = synth.make(spots);
+        Result r;
+        detect(f, r);
+        EXPECT_EQ(r.all.outsideBlobs.size(), 0);
+        ASSERT_EQ(r.all.blobs.size(), int(spots.size())) << "frame " << frame;
+        for (const Spot& s : spots) {
+            int near = 0;
+            for (Blob* b : r.blobs()) {
+                const double dist = std::hypot(b->x - s.x, b->y - s.y);
+                if (dist < 5) {
+                    ++near;
+                    EXPECT_LT(dist, 0.25) << "spot " << s.x << "," << s.y << " d " << s.diameter;
+                    ++checked;
+                }
+            }
+            EXPECT_EQ(near, 1);
+        }
+    }
+    EXPECT_EQ(checked, 40 * 12);
+}
+
+} // namespace
