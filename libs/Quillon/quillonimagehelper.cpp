@@ -1,20 +1,12 @@
 #include "quillonimagehelper.h"
 
+#include "unitweights.h"
+
 #include <algorithm>
 #include <cstddef>
 
 namespace {
 
-// pixel / 255.0 for every byte value, exactly as the division gives it.
-struct UnitWeights {
-    double w[256];
-    UnitWeights()
-    {
-        for (int v = 0; v < 256; ++v)
-            w[v] = v / 255.0;
-    }
-};
-const UnitWeights unitWeights;
 
 // Byte offset of (x, y) under the accessors' range rules, or -1.
 inline std::ptrdiff_t offsetOf(const cv::Mat* image, int x, int y)

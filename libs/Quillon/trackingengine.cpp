@@ -1,5 +1,7 @@
 #include "trackingengine.h"
 
+#include "unitweights.h"
+
 #include "globalsettings.h"
 #include "icorrection.h"
 #include "quillonimagehelper.h"
@@ -166,16 +168,6 @@ void TrackingEngine::scan(bloblineContext* c, const unsigned char* image)
 
 namespace {
 
-// pixel / 255.0 for every byte value, exactly as the division gives it.
-struct UnitWeights {
-    double w[256];
-    UnitWeights()
-    {
-        for (int v = 0; v < 256; ++v)
-            w[v] = v / 255.0;
-    }
-};
-const UnitWeights unitWeights;
 
 constexpr int DarkBlock = 128;
 
