@@ -7,7 +7,6 @@
 
 namespace {
 
-
 // Byte offset of (x, y) under the accessors' range rules, or -1.
 inline std::ptrdiff_t offsetOf(const cv::Mat* image, int x, int y)
 {

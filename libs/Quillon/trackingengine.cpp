@@ -1,10 +1,9 @@
 #include "trackingengine.h"
 
-#include "unitweights.h"
-
 #include "globalsettings.h"
 #include "icorrection.h"
 #include "quillonimagehelper.h"
+#include "unitweights.h"
 #include "workerthread.h"
 
 #include <opencv2/imgproc.hpp>
