@@ -233,7 +233,8 @@ int libusb_handle_events_timeout_completed(libusb_context*, struct timeval* tv, 
             t->status = LIBUSB_TRANSFER_TIMED_OUT;
             d.completed.push_back(t);
         }
-        while (!d.frames.empty() && !d.pendingBulk.empty()) {
+        // One frame per round, as a sensor spaces them in time.
+        if (!d.frames.empty() && !d.pendingBulk.empty()) {
             libusb_transfer* t = d.pendingBulk.front();
             d.pendingBulk.pop_front();
             d.deadlines.pop_front();
