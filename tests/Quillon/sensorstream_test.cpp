@@ -37,6 +37,12 @@ struct Seen {
         std::unique_lock<std::mutex> hold(lock);
         changed.wait(hold, [&] { return frames.size() >= count; });
     }
+    // A copy: the callback may be appending meanwhile.
+    std::vector<unsigned char> frame(size_t index)
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        return frames.at(index);
+    }
     void open()
     {
         std::lock_guard<std::mutex> hold(lock);
@@ -90,7 +96,7 @@ void framesReachTheCallbackWithTheWindowPlacedInTheFullFrame()
     auto sensor = startSensor(&s);
     fakeusb::pushFrame(filled(W * H, 9));
     s.waitFor(1);
-    if (s.frames[0][0] != 9 || s.frames[0][W * H - 1] != 9)
+    if (s.frame(0)[0] != 9 || s.frame(0)[W * H - 1] != 9)
         _exit(2);
     // Changing the window waits for both threads; a stalled stream answers by time-out.
     sensor->setWindow(100, 50, 200, 100);
@@ -99,7 +105,7 @@ void framesReachTheCallbackWithTheWindowPlacedInTheFullFrame()
     for (int k = 0; k <= sensor->bufferCount; ++k)
         fakeusb::pushFrame(filled(frameBytes, 7));
     s.waitFor(2);
-    const auto& f = s.frames[1];
+    const auto f = s.frame(1);
     const bool inside = f[50 * W + 100] == 7 && f[149 * W + 299] == 7;
     const bool outside = f[50 * W + 99] == 0 && f[49 * W + 100] == 0 && f[150 * W + 299] == 0
         && f[149 * W + 300] == 0;
@@ -113,7 +119,7 @@ void shortFramesAreDropped()
     fakeusb::pushFrame(filled(W * H / 2, 5));
     fakeusb::pushFrame(filled(W * H + 100, 6)); // more than a frame, as far as the transfer holds
     s.waitFor(1);
-    _exit(s.frames[0][0] == 6 && s.frames[0][W * H - 1] == 6 ? 0 : 2);
+    _exit(s.frame(0)[0] == 6 && s.frame(0)[W * H - 1] == 6 ? 0 : 2);
 }
 
 void newestFramesAreLostWhenAllImageBuffersAreFull()
@@ -169,7 +175,7 @@ void streamsAtNormalPriorityWithoutTheRightToRaiseIt()
     auto sensor = startSensor(&s);
     fakeusb::pushFrame(filled(W * H, 4));
     s.waitFor(1);
-    _exit(s.frames[0][0] == 4 ? 0 : 2);
+    _exit(s.frame(0)[0] == 4 ? 0 : 2);
 }
 
 } // namespace
