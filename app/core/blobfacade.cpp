@@ -5,6 +5,9 @@
 #include "globalsettings.h"
 #include "ibloblistener.h"
 #include "multipointercontroller.h"
+#include "sensor.h"
+#include "statuswriter.h"
+#include "workerthread.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -36,12 +39,32 @@ bool BlobFacade::start()
         qDebug() << "velora-menu is not running. Run with -v flag or run with velora-menu.";
         return false;
     }
+
+    sensor = new Sensor(gs->cyusbConfPath.c_str(), gs->sensorConfPath.c_str());
+    while (sensor->getSensorCount() == 0) {
+        qDebug() << "No device connected.";
+        StatusWriter::instance()->write(-1);
+        if (!gs->verboseLog && !ExitListener::instance()->isAnotherRunning()) {
+            sensor->stop();
+            return false;
+        }
+        WorkerThread::msleep(1000);
+    }
+
     if (!gs->verboseLog)
         connect(ExitListener::instance(), &ExitListener::hasExited, this, &BlobFacade::onMenuExited);
 
     pointerController = new MultiPointerController();
     pointerController->enablePrimary();
     addBlobListener(pointerController);
+
+    sensor->connect(0);
+    sensor->start(this, ImageCallback, StoppedCallback, gs->sensorWidth, gs->sensorHeight);
+    sensor->setMinimumWindow(gs->windowWidth, gs->windowHeight);
+    setExposure(gs->inputMode == 1 ? gs->stylusExposure : gs->fingerExposure);
+    sensor->setBinning(gs->binningY, gs->binningX);
+    sensor->switchFilter(false);
+    sensor->setLaser(gs->inputMode == 0);
     return true;
 }
 
@@ -49,6 +72,31 @@ void BlobFacade::onMenuExited()
 {
     qDebug() << "quit velora main ";
     QCoreApplication::quit();
+}
+
+void BlobFacade::setExposure(int exposure)
+{
+    qDebug() << "set exposure to" << exposure;
+    sensor->setExposure(exposure);
+}
+
+int BlobFacade::getExposure()
+{
+    return sensor->getExposure();
+}
+
+void BlobFacade::switchFilter()
+{
+    filterSwitched = !filterSwitched;
+    sensor->switchFilter(filterSwitched);
+}
+
+void StoppedCallback()
+{
+    qDebug() << "Device plugged out, exit";
+    StatusWriter::instance()->write(-1);
+    QCoreApplication::quit();
+    exit(0);
 }
 
 void BlobFacade::addBlobListener(IBlobListener* listener)

@@ -12,6 +12,7 @@
 class Blob;
 class IBlobListener;
 class MultiPointerController;
+class Sensor;
 
 // The central object: owns what runs, gates frames and fans blobs out to the listeners.
 class BlobFacade : public QObject, public IImageSource, public IBlobEmitter {
@@ -24,6 +25,7 @@ public:
     std::atomic<bool> paused{false};
     bool calibrationLoaded = false;
     MultiPointerController* pointerController = nullptr;
+    Sensor* sensor = nullptr;
     // Gates kept as hooks in the frame path: nothing sets them.
     bool dropAllFrames = false;
     bool dropThreeOfFour = false;
@@ -53,6 +55,9 @@ public:
     void setProcessing(bool on) override { processing = on; }
     void emulateBlob(int x, int y) override;
     unsigned char* getImage() override;
+    void setExposure(int exposure) override;
+    int getExposure() override;
+    void switchFilter() override;
 
     // The blobs of one frame, new objects; Blob::outside tells the screen's from the rest.
     virtual std::vector<Blob*> process(unsigned char* image, bool debug);
@@ -78,3 +83,5 @@ private:
 
 // The sensor's frame callback; context is the BlobFacade.
 void ImageCallback(void* context, unsigned char* image);
+// The sensor's end of streaming, on the USB thread: the device is gone, so is the process.
+[[noreturn]] void StoppedCallback();

@@ -26,8 +26,12 @@ protected:
     {
         ASSERT_TRUE(QFile::copy(VELORA_BINARY, program));
         QDir().mkpath(dir.filePath("config"));
-        ASSERT_TRUE(QFile::copy(VELORA_SOURCE_DIR "/config/velora.conf", dir.filePath("config/velora.conf")));
+        const QDir factory(VELORA_SOURCE_DIR "/config");
+        for (const QString& name : factory.entryList(QDir::Files))
+            ASSERT_TRUE(QFile::copy(factory.filePath(name), dir.filePath("config/" + name)));
         process.setProgram(program);
+        // The factory paths are relative: the program runs where its config/ is.
+        process.setWorkingDirectory(dir.path());
         process.setProcessChannelMode(QProcess::SeparateChannels);
     }
     void TearDown() override
@@ -56,6 +60,16 @@ protected:
         }
         *out += QString::fromLocal8Bit(process.readAllStandardOutput());
         return out->contains(text);
+    }
+    // Collects the program's output for a while; QProcess reads only while somebody waits on it.
+    void collectFor(QString* out, int ms)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (t.elapsed() < ms && process.state() == QProcess::Running) {
+            process.waitForReadyRead(50);
+            *out += QString::fromLocal8Bit(process.readAllStandardOutput());
+        }
     }
 };
 
@@ -86,20 +100,21 @@ TEST_F(Program, VerboseFlagCountsOnlyInFirstPlace)
     start({" -v "});
     QString out;
     EXPECT_TRUE(waitForOutput(&out, "Verbose Flag found")) << qPrintable(out);
-    QThread::msleep(1500);
+    collectFor(&out, 1500);
     EXPECT_EQ(process.state(), QProcess::Running) << "with -v it runs without the menu";
 }
 
-TEST_F(Program, RunsWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes)
+TEST_F(Program, WaitsForTheDeviceWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes)
 {
     RunGuard menu("velora");
     ASSERT_TRUE(menu.tryToRun());
     start({});
     QString out;
-    ASSERT_TRUE(waitForOutput(&out, "Making a new instance of global settings")) << qPrintable(out);
-    QThread::msleep(1500);
-    out += QString::fromLocal8Bit(process.readAllStandardOutput());
+    // No camera here: it waits, saying so once a second.
+    ASSERT_TRUE(waitForOutput(&out, "No device connected.")) << qPrintable(out);
+    collectFor(&out, 1500);
     ASSERT_EQ(process.state(), QProcess::Running) << qPrintable(out);
+    EXPECT_GE(out.count("No device connected."), 2) << qPrintable(out);
     EXPECT_FALSE(out.contains("velora-menu is not running"));
 
     menu.release();
@@ -109,8 +124,6 @@ TEST_F(Program, RunsWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes)
     EXPECT_LT(gone.elapsed(), 5000);
     out += QString::fromLocal8Bit(process.readAllStandardOutput());
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().constData();
-    EXPECT_TRUE(out.contains("Detected app is not running anymore")) << qPrintable(out);
-    EXPECT_TRUE(out.contains("quit velora main ")) << qPrintable(out);
 }
 
 TEST_F(Program, ABlankSettingEndsTheProgramNamingFileAndLine)

@@ -1,0 +1,99 @@
+#include "configfileerror.h"
+#include "cyusbconfig.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include <fcntl.h>
+#include <fstream>
+#include <string>
+
+namespace {
+
+std::string writeFile(const std::string& content)
+{
+    const std::string path = QDir::tempPath().toStdString() + "/cyusb.conf";
+    std::ofstream(path) << content;
+    return path;
+}
+
+CyusbConfig readConfig(const std::string& content)
+{
+    const std::string path = writeFile(content);
+    CyusbConfig config;
+    config.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
+    return config;
+}
+
+int lineOfError(const std::string& content)
+{
+    try {
+        readConfig(content);
+    } catch (const ConfigFileError& e) {
+        return e.line();
+    }
+    return -1;
+}
+
+} // namespace
+
+TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
+{
+    const CyusbConfig c = readConfig("# comment\n\n  \t \nLogFile /tmp/a.log extra\nPIDFile=/run/x.pid\n<VPD>\n"
+                                     "# inside\n04b4\t00F3\tBootLoader\n\n1209 7e1a VeloraSensor trailing\n</VPD>\n");
+    EXPECT_STREQ(c.logfile, "/tmp/a.log");
+    EXPECT_STREQ(c.pidfile, "/run/x.pid");
+    ASSERT_EQ(c.maxdevices, 2);
+    EXPECT_EQ(c.vpd[0].vid, 0x04B4);
+    EXPECT_EQ(c.vpd[0].pid, 0x00F3);
+    EXPECT_STREQ(c.vpd[0].desc, "BootLoader");
+    EXPECT_EQ(c.vpd[1].vid, 0x1209);
+    EXPECT_EQ(c.vpd[1].pid, 0x7E1A);
+    EXPECT_STREQ(c.vpd[1].desc, "VeloraSensor");
+}
+
+TEST(CyusbConfig, DescriptionIsCutToTwentyNineCharacters)
+{
+    const CyusbConfig c = readConfig("<VPD>\n1 2 " + std::string(40, 'd') + "\n</VPD>\n");
+    ASSERT_EQ(c.maxdevices, 1);
+    EXPECT_EQ(std::string(c.vpd[0].desc), std::string(29, 'd'));
+}
+
+TEST(CyusbConfig, NinthDeviceIsTheLastAndSwallowsTheRestOfTheFile)
+{
+    std::string content = "<VPD>\n";
+    for (int i = 1; i <= 10; ++i)
+        content += std::to_string(i) + " " + std::to_string(i) + " dev" + std::to_string(i) + "\n";
+    // Not seen: the closing tag and an unknown key behind it.
+    content += "</VPD>\nBogusKey 1\n";
+    const CyusbConfig c = readConfig(content);
+    ASSERT_EQ(c.maxdevices, 9);
+    EXPECT_EQ(c.vpd[8].vid, 9);
+    EXPECT_STREQ(c.vpd[8].desc, "dev9");
+}
+
+TEST(CyusbConfig, MalformedLinesEndTheRunNamingFileAndLine)
+{
+    EXPECT_EQ(lineOfError("# ok\nLogFile x\nVerbose yes\n"), 3);
+    EXPECT_EQ(lineOfError("<VPD>\n1209 7e1a Sensor\n</VPD>\n</VPD>\n"), 4);
+    EXPECT_EQ(lineOfError("<VPD>\n1209 7e1a\n</VPD>\n"), 2);
+    // A line longer than 99 characters goes on as a line of its own.
+    EXPECT_EQ(lineOfError("LogFile " + std::string(91, 'a') + "tail\n"), 1);
+    try {
+        readConfig("\nunknown\n");
+        FAIL() << "no error";
+    } catch (const ConfigFileError& e) {
+        EXPECT_NE(e.file().find("cyusb.conf"), std::string::npos);
+        EXPECT_NE(std::string(e.what()).find("unknown"), std::string::npos);
+    }
+}
+
+TEST(CyusbConfig, ReadingAgainStartsFromAnEmptyTable)
+{
+    const std::string path = writeFile("<VPD>\n1 2 a\n</VPD>\n");
+    CyusbConfig c;
+    c.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
+    c.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
+    EXPECT_EQ(c.maxdevices, 1);
+}

@@ -1,0 +1,275 @@
+#include "fakelibusb.h"
+
+#include "configfileerror.h"
+#include "cyusb.h"
+#include "globalsettings.h"
+#include "sensor.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include <fstream>
+#include <memory>
+#include <string>
+
+namespace {
+
+struct RegisterWrite {
+    int reg;
+    int value;
+    bool operator==(const RegisterWrite&) const = default;
+};
+
+std::vector<RegisterWrite> registerWrites()
+{
+    std::vector<RegisterWrite> out;
+    for (const auto& r : fakeusb::requests()) {
+        if (r.request != 0xFE)
+            continue;
+        EXPECT_EQ(r.requestType, 0x40);
+        EXPECT_EQ(r.data.size(), 3u);
+        out.push_back({r.data[0], r.data[1] << 8 | r.data[2]});
+    }
+    return out;
+}
+
+// Each write must come as an identical pair; returns one of each pair.
+std::vector<RegisterWrite> pairedWrites()
+{
+    const auto all = registerWrites();
+    EXPECT_EQ(all.size() % 2, 0u);
+    std::vector<RegisterWrite> once;
+    for (size_t i = 0; i + 1 < all.size(); i += 2) {
+        EXPECT_EQ(all[i], all[i + 1]) << "write " << i;
+        once.push_back(all[i]);
+    }
+    return once;
+}
+
+std::string tempFile(const std::string& name, const std::string& content)
+{
+    const std::string path = QDir::tempPath().toStdString() + "/" + name;
+    std::ofstream(path) << content;
+    return path;
+}
+
+class SensorControl : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        conf = tempFile("cyusb.conf", "<VPD>\n1209 7e1a VeloraSensor\n</VPD>\n");
+        ccf = tempFile("sensor.conf", "");
+        GS* gs = GS::instance();
+        gs->inputMode = 0;
+        gs->blankingFactorFinger = 3.5;
+        sensor = std::make_unique<Sensor>(conf.c_str(), ccf.c_str());
+        ASSERT_EQ(sensor->getSensorCount(), 1);
+        ASSERT_EQ(sensor->connect(0), 1);
+        // The geometry of start, without the capture threads.
+        sensor->sensorWidth = sensor->windowWidth = 752;
+        sensor->sensorHeight = sensor->windowHeight = 480;
+        sensor->fullFrameBytes = 752 * 480;
+        fakeusb::clearRequests();
+    }
+
+    // Stands in for both capture threads answering the handshake.
+    void threadsIdle()
+    {
+        sensor->reconfiguring = true;
+        sensor->imageThreadIdle = true;
+        sensor->usbThreadIdle = true;
+    }
+
+    std::string conf;
+    std::string ccf;
+    std::unique_ptr<Sensor> sensor;
+};
+
+} // namespace
+
+TEST_F(SensorControl, ConnectTakesTheBulkInEndpoint)
+{
+    EXPECT_EQ(sensor->endpoint, 0x82);
+}
+
+TEST_F(SensorControl, EveryRegisterWriteReachesTheDeviceTwice)
+{
+    EXPECT_EQ(sensor->setExposure(300), 1);
+    sensor->setLaser(true);
+    sensor->setLaser(false);
+    EXPECT_EQ(sensor->getExposure(), 300);
+    const auto all = fakeusb::requests();
+    ASSERT_EQ(all.size(), 6u);
+    for (const auto& r : all) {
+        EXPECT_EQ(r.value, 0);
+        EXPECT_EQ(r.index, 0);
+    }
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{11, 300}, {27, 0}, {27, 2}}));
+}
+
+TEST_F(SensorControl, BlankingRegistersAlwaysCarryTheFixedValues)
+{
+    sensor->usbCtrlWrite(5, 61);
+    sensor->usbCtrlWrite(6, 500);
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{5, 999}, {6, 47}}));
+    EXPECT_EQ(sensor->sentHorizontalBlanking, 999);
+    EXPECT_EQ(sensor->sentVerticalBlanking, 47);
+
+    fakeusb::clearRequests();
+    sensor->setBlankingSync(999);
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{5, 999}}));
+    fakeusb::clearRequests();
+    sensor->setBlankingSync(400);
+    sensor->setBlankingSync(1500);
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{5, 999}, {6, 47}, {5, 999}, {6, 47}}));
+}
+
+TEST_F(SensorControl, FilterMovesAreOutputPulses)
+{
+    sensor->switchFilter(true);
+    sensor->switchFilter(false);
+    std::vector<std::pair<int, int>> pulses;
+    for (const auto& r : fakeusb::requests()) {
+        ASSERT_EQ(r.request, 0xFC);
+        ASSERT_EQ(r.data.size(), 1u); // before the USB thread runs
+        pulses.emplace_back(r.value, r.data[0]);
+    }
+    const std::vector<std::pair<int, int>> expected{{128, 1}, {128, 1}, {128, 0}, {128, 0},
+                                                    {64, 1},  {64, 1},  {64, 0},  {64, 0}};
+    EXPECT_EQ(pulses, expected);
+}
+
+TEST_F(SensorControl, WindowIsClampedToMinimaAndFrame)
+{
+    GS::instance()->blankingFactorFinger = 0.0;
+    sensor->setMinimumWindow(100, 100);
+    threadsIdle();
+    sensor->setWindow(-5, -5, 3, 3);
+    EXPECT_EQ(sensor->windowX, 0);
+    EXPECT_EQ(sensor->windowY, 0);
+    EXPECT_EQ(sensor->windowWidth, 100);
+    EXPECT_EQ(sensor->windowHeight, 100);
+    EXPECT_FALSE(sensor->reconfiguring);
+    EXPECT_EQ(sensor->frameBytes, 10000);
+    EXPECT_EQ(sensor->transferBytes, 10240);
+    // Formula: 209558880 / (157 * 400) - 100.
+    EXPECT_EQ(sensor->horizontalBlanking, 3236);
+    const auto w = pairedWrites();
+    ASSERT_EQ(w.size(), 6u);
+    EXPECT_EQ(w[0], (RegisterWrite{5, 999}));
+    EXPECT_EQ(w[1], (RegisterWrite{6, 47}));
+    EXPECT_EQ(std::vector<RegisterWrite>(w.begin() + 2, w.end()),
+              (std::vector<RegisterWrite>{{1, 1}, {2, 4}, {3, 100}, {4, 100}}));
+
+    threadsIdle();
+    GS::instance()->blankingFactorFinger = 3.5;
+    sensor->setWindow(745, 0, 100, 100);
+    EXPECT_EQ(sensor->windowX, 652);
+    EXPECT_EQ(sensor->frameOffset, 652);
+    EXPECT_EQ(sensor->horizontalBlanking, static_cast<int>(3.5 * 652));
+
+    threadsIdle();
+    sensor->setWindow(10, 470, 900, 40);
+    EXPECT_EQ(sensor->windowWidth, 752);
+    EXPECT_EQ(sensor->windowX, 0);
+    EXPECT_EQ(sensor->windowY, 440);
+    EXPECT_EQ(sensor->frameOffset, 752 * 440);
+}
+
+TEST_F(SensorControl, BlankingRuleFollowsTheRoundedFactor)
+{
+    struct Case {
+        double factor;
+        int width;
+        int height;
+        int blanking;
+    };
+    const Case cases[] = {
+        {0.4, 752, 480, static_cast<int>(209558880.0 / (537.0 * 400.0) - 752)}, // rounds to 0: formula
+        {3.5, 400, 480, static_cast<int>(3.5 * 352)},                          // rounds to 4, multiplies by 3.5
+        {-1.0, 100, 100, static_cast<int>((3236 - 999) / 2.4 + 999)},          // formula, damped above 999
+        {-1.0, 752, 480, 223},                                                 // formula below 999 stays
+        {-2.0, 752, 480, 5000},
+        {-3.0, 752, 480, 1000},
+    };
+    GS::instance()->inputMode = 1;
+    for (const Case& c : cases) {
+        GS::instance()->blankingFactorStylus = c.factor;
+        threadsIdle();
+        sensor->setWindow(0, 0, c.width, c.height);
+        EXPECT_EQ(sensor->horizontalBlanking, c.blanking) << "factor " << c.factor;
+    }
+    // The stylus factor was used, not the finger one.
+    EXPECT_EQ(GS::instance()->blankingFactorFinger, 3.5);
+}
+
+TEST_F(SensorControl, BinningIsClampedAndShrinksTheTransfer)
+{
+    threadsIdle();
+    sensor->setBinning(3, 0);
+    EXPECT_EQ(sensor->binningY, 4);
+    EXPECT_EQ(sensor->binningX, 1);
+    const auto w = pairedWrites();
+    ASSERT_FALSE(w.empty());
+    EXPECT_EQ(w[0], (RegisterWrite{13, 2}));
+    EXPECT_EQ(sensor->rowBytes, 752);
+    EXPECT_EQ(sensor->rowCount, 120);
+    EXPECT_EQ(sensor->frameBytes, 752 * 120);
+    EXPECT_EQ(sensor->transferBytes % 512, 0);
+    EXPECT_FALSE(sensor->reconfiguring);
+
+    fakeusb::clearRequests();
+    threadsIdle();
+    sensor->setBinning(2, 9);
+    EXPECT_EQ(pairedWrites()[0], (RegisterWrite{13, 1 | 2 * 4}));
+}
+
+TEST_F(SensorControl, RegisterListIsWrittenInFileOrder)
+{
+    const std::string path = tempFile("regs.conf", "# header\nREG= 000B, 120\nREGISTER 1\nreg= 0003, 100\n"
+                                                   "REG= 0005, 061\nREG= 001B  002 tail\nREG= zz  , abc\n");
+    Sensor s(conf.c_str(), path.c_str());
+    s.handle = sensor->handle;
+    s.init();
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{11, 120}, {5, 999}, {27, 2}, {0, 0}}));
+}
+
+TEST_F(SensorControl, ShortRegisterLineEndsTheRunWithItsPlace)
+{
+    const std::string path = tempFile("bad.conf", "REG= 000B, 120\n\nREG= 000B\n");
+    Sensor s(conf.c_str(), path.c_str());
+    s.handle = sensor->handle;
+    try {
+        s.init();
+        FAIL() << "no error";
+    } catch (const ConfigFileError& e) {
+        EXPECT_EQ(e.line(), 3);
+        EXPECT_EQ(e.file(), path);
+    }
+    // A missing file is only logged.
+    Sensor none(conf.c_str(), "/nonexistent/sensor.conf");
+    EXPECT_NO_THROW(none.init());
+}
+
+TEST(SensorDevice, DevicePluggedInLaterIsCountedAndStillConnects)
+{
+    const std::string conf = tempFile("late.conf", "<VPD>\n1209 7e1a VeloraSensor\n</VPD>\n");
+    cyusb_close(); // the layer's table outlives every Sensor
+    fakeusb::device().present = 0;
+    Sensor s(conf.c_str(), "/nonexistent");
+    EXPECT_EQ(s.getSensorCount(), 0);
+    EXPECT_FALSE(s.isConnected());
+    fakeusb::device().present = 1;
+    EXPECT_EQ(s.getSensorCount(), 1);
+    EXPECT_EQ(cyusb_gethandle(0), nullptr);
+    EXPECT_EQ(s.connect(0), 1);
+    EXPECT_NE(s.handle, nullptr);
+}
+
+TEST(SensorDevice, OtherDevicesAreNotCounted)
+{
+    const std::string conf = tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n");
+    Sensor s(conf.c_str(), "/nonexistent");
+    EXPECT_EQ(s.getSensorCount(), 0);
+}
