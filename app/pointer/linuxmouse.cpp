@@ -58,7 +58,7 @@ void LinuxMouse::WheelDown() { click(5); }
 
 void LinuxMouse::Move(double x, double y)
 {
-    qDebug() << "Mouse move to " << x << "/ " << y;
+    qDebug().nospace() << "Mouse move to " << x << "/ " << y;
     std::lock_guard<std::mutex> hold(lock);
     if (!connected())
         return;
