@@ -21,6 +21,8 @@ class TouchGestures : public ::testing::Test {
 protected:
     DevicePipe pipe;
     std::unique_ptr<TouchController> tc;
+    // No event loop runs in these cases; the right click has cases of its own.
+    int rightClickTime = 600;
 
     void SetUp() override
     {
@@ -29,8 +31,7 @@ protected:
         gs->screenHeight = 32767;
         gs->pointerMode = 1;
         gs->rightClickTolerance = 5;
-        // No event loop runs in these cases; the right click has cases of its own.
-        gs->rightClickTime = 600;
+        gs->rightClickTime = rightClickTime;
         tc.reset(new TouchController(pipe.makeTouch()));
         uinput_user_dev dev;
         ASSERT_TRUE(pipe.readRecord(&dev));
@@ -173,7 +174,7 @@ protected:
     void SetUp() override
     {
         ASSERT_NE(desk->dpy, nullptr);
-        GS::instance()->rightClickTime = 100;
+        rightClickTime = 100;
         TouchGestures::SetUp();
         GS::instance()->screenWidth = 1280;
         GS::instance()->screenHeight = 1024;
