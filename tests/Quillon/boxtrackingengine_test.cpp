@@ -281,7 +281,7 @@ TEST_F(FingerEngine, SetUpLaysBoxesOverTheScreenAndWritesTheFingerZone)
             EXPECT_GE(box.width, 20.0);
             EXPECT_EQ(box.width, box.height);
         }
-    // Thresholds by position: highest along the near edge, cut down in the finger zone.s bottom corners.
+    // Thresholds by position: highest along the near edge, cut down in the finger zone's bottom corners.
     const ScanBox& near = engine->boxes[std::size_t(2 * n + n / 2)];
     const ScanBox& middle = engine->boxes[std::size_t(n / 2 * n + n / 2)];
     const ScanBox& farCorner = engine->boxes[std::size_t(3 * n + 3)];
