@@ -1,12 +1,15 @@
 #include "blobfacade.h"
 
+#include "activepen.h"
 #include "blob.h"
+#include "calibration.h"
 #include "exitlistener.h"
 #include "globalsettings.h"
 #include "ibloblistener.h"
 #include "multipointercontroller.h"
 #include "sensor.h"
 #include "statuswriter.h"
+#include "touchcontroller.h"
 #include "workerthread.h"
 
 #include <QCoreApplication>
@@ -55,8 +58,43 @@ bool BlobFacade::start()
         connect(ExitListener::instance(), &ExitListener::hasExited, this, &BlobFacade::onMenuExited);
 
     pointerController = new MultiPointerController();
+    pointerController->addPrimaryController(new TouchController());
     pointerController->enablePrimary();
     addBlobListener(pointerController);
+
+    activePen = new ActivePen();
+    ActivePenContext context;
+    context.width = gs->sensorWidth;
+    context.height = gs->sensorHeight;
+    context.stylusThreshold = gs->stylusThreshold;
+    context.fingerThreshold = gs->fingerThreshold;
+    context.boxParameter = gs->boxParameter;
+    context.unusedA = gs->unusedLine50;
+    context.unusedB = gs->unusedLine51;
+    context.windowX = gs->windowX;
+    context.windowY = gs->windowY;
+    context.windowWidth = gs->windowWidth;
+    context.windowHeight = gs->windowHeight;
+    context.unusedC = gs->unusedLine8;
+    context.bezierFactor = gs->bezierFactor;
+    context.inertiaRadius = gs->inertiaRadius;
+    context.unusedD = gs->unusedLine40;
+    context.unusedE = gs->unusedLine38;
+    context.unusedF = gs->unusedLine39;
+    context.boxFactor = gs->boxFactor;
+    context.unusedG = gs->unusedLine9;
+    context.autoWindow = gs->autoWindow;
+    activePen->start(sensor, context);
+    activePen->configExtraCorrection(gs->extraCorrectionX, gs->extraCorrectionY, gs->extraCorrectionFactor);
+
+    // The lens model belongs to the full sensor; binning shrinks the picture it sees.
+    const double bx = 1.0 / gs->binningX;
+    const double by = 1.0 / gs->binningY;
+    if (gs->tableTopAc)
+        activePen->initFisheyeUndistortion(int(gs->fisheyeA * bx), int(gs->fisheyeB * by), int(gs->fisheyeC * bx),
+                                           int(gs->fisheyeD * by));
+    else
+        activePen->initNormalUndistortion(gs->intrinsicPath, gs->distortionPath, bx, by);
 
     sensor->connect(0);
     sensor->start(this, ImageCallback, StoppedCallback, gs->sensorWidth, gs->sensorHeight);
@@ -64,8 +102,157 @@ bool BlobFacade::start()
     setExposure(gs->inputMode == 1 ? gs->stylusExposure : gs->fingerExposure);
     sensor->setBinning(gs->binningY, gs->binningX);
     sensor->switchFilter(false);
-    sensor->setLaser(gs->inputMode == 0);
+    activePen->setInputMode(gs->inputMode);
+    sensor->setLaser(activePen->inputMode == Finger);
+
+    if (Calibration::exists(gs->fingerCalibrationPath.c_str()))
+        fingerCalibration = Calibration::read(gs->fingerCalibrationPath.c_str());
+    if (Calibration::exists(gs->stylusCalibrationPath.c_str()))
+        stylusCalibration = Calibration::read(gs->stylusCalibrationPath.c_str());
+
+    calibrationLoaded = false;
+    if (fingerCalibration && (activePen->inputMode == Finger || stylusCalibration)) {
+        WorkerThread::doWork(this, "1loadCalibration()", -1);
+    } else if (!fingerCalibration && stylusCalibration) {
+        fingerCalibration = stylusCalibration;
+        WorkerThread::doWork(this, "1loadCalibration()", -1);
+    } else {
+        activePen->setWindow();
+        qDebug() << "System not calibrated.";
+        StatusWriter::instance()->write(-6);
+    }
     return true;
+}
+
+Calibration* BlobFacade::getCalibration()
+{
+    if (!activePen)
+        return fingerCalibration;
+    return activePen->inputMode != Finger ? stylusCalibration : fingerCalibration;
+}
+
+void BlobFacade::loadCalibration()
+{
+    if (calibrating)
+        return;
+    qDebug() << "Load calibration";
+    if (setCalibration(getCalibration())) {
+        calibrationLoaded = false;
+        if (calibrating)
+            return;
+        const bool chained = acBeforeMc || mcFallback || mcAfterAc;
+        if (!chained)
+            StatusWriter::instance()->write(0);
+        if (!calibrating || chained)
+            pointerController->enabled = true;
+    } else {
+        qDebug() << "No calibration found";
+        StatusWriter::instance()->write(-6);
+    }
+    usleep(100000);
+}
+
+bool BlobFacade::setCalibration(Calibration* calibration)
+{
+    if (!calibration)
+        return false;
+    GS* gs = GS::instance();
+
+    // The bar's outside points survive a new screen calibration.
+    if (fingerCalibration && !fingerCalibration->refPoints.empty())
+        calibration->refPoints = fingerCalibration->refPoints;
+    else if (stylusCalibration && !stylusCalibration->refPoints.empty())
+        calibration->refPoints = stylusCalibration->refPoints;
+    qDebug() << "Set calib: " << static_cast<void*>(calibration) << " vs " << static_cast<void*>(stylusCalibration)
+             << " vs " << static_cast<void*>(fingerCalibration);
+
+    const bool fingerMode = activePen->inputMode == Finger;
+    bool storedStylus;
+    if (fingerMode) {
+        if (fingerCalibration && fingerCalibration != calibration && fingerCalibration != stylusCalibration) {
+            qDebug() << "Delete touch calibration";
+            delete fingerCalibration;
+            fingerCalibration = nullptr;
+        }
+        fingerCalibration = calibration;
+        storedStylus = false;
+    } else {
+        if (stylusCalibration && stylusCalibration != calibration) {
+            qDebug() << "Delete stylus calibration";
+            if (fingerCalibration == stylusCalibration) {
+                fingerCalibration = calibration;
+                if (acBeforeMc && Calibration::exists(gs->fingerCalibrationPath.c_str()))
+                    std::remove(gs->fingerCalibrationPath.c_str());
+            } else if (acBeforeMc) {
+                delete fingerCalibration;
+                fingerCalibration = calibration;
+                std::remove(gs->fingerCalibrationPath.c_str());
+            }
+            delete stylusCalibration;
+            stylusCalibration = nullptr;
+        }
+        stylusCalibration = calibration;
+        storedStylus = true;
+    }
+
+    savedProcessing = processing.load();
+    setExposure(storedStylus ? gs->stylusExposure : gs->fingerExposure);
+    sensor->setLaser(activePen->inputMode == Finger);
+    sensor->switchFilter(false);
+    processing = savedProcessing;
+
+    if (!fingerMode)
+        calibration->save(gs->stylusCalibrationPath.c_str());
+    else if (fingerCalibration != stylusCalibration)
+        calibration->save(gs->fingerCalibrationPath.c_str());
+
+    qDebug() << "Window Minima: " << gs->windowWidth << gs->windowHeight;
+    activePen->setCalibration(calibration, stylusCalibration ? stylusCalibration : calibration, gs->screenWidth,
+                              gs->screenHeight, gs->boxParameter);
+    setBlobFilter();
+    paused = false;
+    processing = true;
+    activePen->resetBackgroundTable(false);
+    updateLumerailCalibration();
+    return true;
+}
+
+void BlobFacade::setBlobFilter()
+{
+    const GS* gs = GS::instance();
+    const double left = 1 - gs->blobFilterLeft;
+    const double right = gs->blobFilterRight;
+    const double top = 1 - gs->blobFilterTop;
+    const double bottom = gs->blobFilterBottom;
+    const double w = gs->screenWidth;
+    const double h = gs->screenHeight;
+    std::vector<EVector> points;
+    // Clockwise from the top left in steps of a tenth; each run tests its end before every point.
+    for (double x = left; x <= right; x += 0.1)
+        points.emplace_back(w * x, h * top);
+    for (double y = top; y <= bottom; y += 0.1)
+        points.emplace_back(w * right, h * y);
+    for (double x = right; x >= left; x -= 0.1)
+        points.emplace_back(w * x, h * bottom);
+    for (double y = bottom; y >= top; y -= 0.1)
+        points.emplace_back(w * left, h * y);
+    activePen->setAutoWindow(points);
+    sensor->setRobustMode(0);
+    for (EVector& p : points)
+        p = activePen->transform(p, true);
+    activePen->setBlobFilter(points);
+}
+
+void BlobFacade::resetBackgroundTable()
+{
+    qDebug() << "reset background table";
+    activePen->resetBackgroundTable(false);
+}
+
+void BlobFacade::updateShiftCorrection()
+{
+    if (Calibration* active = getCalibration())
+        activePen->setShiftCorrection(std::vector<EVector>(active->shifts));
 }
 
 void BlobFacade::onMenuExited()
@@ -158,10 +345,11 @@ void BlobFacade::onNewOutsideBlobList(std::vector<Blob*> all)
     forEachListener([&](IBlobListener* l) { l->newOutsideBlobList(all); });
 }
 
-std::vector<Blob*> BlobFacade::process(unsigned char*, bool)
+std::vector<Blob*> BlobFacade::process(unsigned char* frame, bool debug)
 {
-    // The engines join here with the tracking front end.
-    return {};
+    if (!activePen)
+        return {};
+    return activePen->convert(frame, keepFrames, debug);
 }
 
 unsigned char* BlobFacade::getImage()

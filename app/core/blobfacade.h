@@ -9,7 +9,9 @@
 #include <mutex>
 #include <vector>
 
+class ActivePen;
 class Blob;
+class Calibration;
 class IBlobListener;
 class MultiPointerController;
 class Sensor;
@@ -26,6 +28,10 @@ public:
     bool calibrationLoaded = false;
     MultiPointerController* pointerController = nullptr;
     Sensor* sensor = nullptr;
+    ActivePen* activePen = nullptr;
+    // Owned; one object serves both modes when only a stylus calibration exists.
+    Calibration* stylusCalibration = nullptr;
+    Calibration* fingerCalibration = nullptr;
     // Gates kept as hooks in the frame path: nothing sets them.
     bool dropAllFrames = false;
     bool dropThreeOfFour = false;
@@ -51,7 +57,13 @@ public:
 
     void addBlobListener(IBlobListener* listener) override;
     void removeBlobListener(IBlobListener* listener) override;
+    void resetBackgroundTable() override;
+    bool setCalibration(Calibration* calibration) override;
     void updateLumerailCalibration() override {}
+    Calibration* getCalibration() override;
+    void updateShiftCorrection() override;
+    // The outline of the accepted screen area, in sensor space, for the engines.
+    void setBlobFilter();
     void setProcessing(bool on) override { processing = on; }
     void emulateBlob(int x, int y) override;
     unsigned char* getImage() override;
@@ -72,6 +84,8 @@ public:
 
 public slots:
     void onMenuExited();
+    // On a worker thread: puts the calibration of the present mode in force.
+    void loadCalibration();
 
 private:
     // Guards only the vector itself, never a listener call: listeners call back in.

@@ -2,9 +2,14 @@
 
 static std::string describe(const std::string& file, int line, const std::string& what)
 {
-    if (line > 0)
-        return file + ":" + std::to_string(line) + ": " + what;
-    return file + ": " + what;
+    std::string text = file;
+    if (line > 0) {
+        text += ':';
+        text += std::to_string(line);
+    }
+    text += ": ";
+    text += what;
+    return text;
 }
 
 ConfigFileError::ConfigFileError(std::string file, int line, const std::string& what, int exitStatus)
