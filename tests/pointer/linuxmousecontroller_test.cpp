@@ -1,0 +1,194 @@
+#include "globalsettings.h"
+#include "linuxmouse.h"
+#include "linuxmousecontroller.h"
+#include "messagelog.h"
+
+#include <QCoreApplication>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+// Xlib's macros clash with Qt's names: last.
+#include "xtestdesktop.h"
+
+namespace {
+
+using Pos = std::pair<int, int>;
+
+class MouseOnDesktop : public ::testing::Test {
+protected:
+    static XTestDesktop* desk;
+    std::unique_ptr<LinuxMouseController> mc;
+
+    static void SetUpTestSuite()
+    {
+        desk = new XTestDesktop();
+        if (!desk->start())
+            ADD_FAILURE() << "X server: " << desk->failure;
+    }
+    static void TearDownTestSuite()
+    {
+        delete desk;
+        desk = nullptr;
+    }
+    void SetUp() override
+    {
+        ASSERT_NE(desk->dpy, nullptr);
+        GS* gs = GS::instance();
+        gs->rightClickTolerance = 5;
+        gs->doubleClickTolerance = 15;
+        gs->doubleClickTime = 700;
+        // Cases that want the right click lower this; the others never run the event loop.
+        gs->rightClickTime = 600;
+        desk->pendingButtons();
+    }
+    void make() { mc.reset(new LinuxMouseController()); }
+
+    void down(double x, double y) { mc->handleDown(EVector(x, y), 1); }
+    void move(double x, double y) { mc->handleMove(EVector(x, y), 1); }
+    void up(double x, double y) { mc->handleUp(EVector(x, y), 1); }
+
+    // Waits until the server has done everything sent so far, by a move to a known place.
+    std::vector<XTestDesktop::Button> buttonsSoFar()
+    {
+        // Alternating, so that the marker is always a real move.
+        static int marker = 0;
+        marker = 3 - marker;
+        LinuxMouse::instance()->Move(marker, 1);
+        desk->pointerAt(marker, 1);
+        return desk->pendingButtons();
+    }
+    static void expectButton(const XTestDesktop::Button& b, bool press, unsigned number, Pos at)
+    {
+        EXPECT_EQ(b.press, press);
+        EXPECT_EQ(b.number, number);
+        EXPECT_EQ(Pos(b.x, b.y), at);
+    }
+};
+
+XTestDesktop* MouseOnDesktop::desk = nullptr;
+
+} // namespace
+
+TEST_F(MouseOnDesktop, TheMouseMovesToWholePixelsAndPressesEachButton)
+{
+    LinuxMouse* mouse = LinuxMouse::instance();
+    mouse->Move(210.9, 160.2);
+    EXPECT_EQ(desk->pointerAt(210, 160), Pos(210, 160));
+
+    mouse->LeftPress();
+    mouse->LeftRelease();
+    mouse->MiddlePress();
+    mouse->MiddleRelease();
+    mouse->RightPress();
+    mouse->RightRelease();
+    mouse->WheelUp();
+    mouse->WheelDown();
+    for (unsigned number : {1u, 2u, 3u, 4u, 5u}) {
+        expectButton(desk->nextButton(), true, number, {210, 160});
+        expectButton(desk->nextButton(), false, number, {210, 160});
+    }
+}
+
+TEST_F(MouseOnDesktop, ATapFollowsWithoutAButtonAndClicksAtTheLift)
+{
+    make();
+    down(200, 150);
+    move(203, 152);
+    EXPECT_EQ(desk->pointerAt(203, 152), Pos(203, 152)) << "the pointer follows at once";
+    EXPECT_TRUE(desk->pendingButtons().empty()) << "no button before the meaning is known";
+
+    up(204, 152);
+    expectButton(desk->nextButton(), true, 1, {200, 150});
+    expectButton(desk->nextButton(), false, 1, {204, 152});
+    EXPECT_TRUE(mc->path.empty());
+}
+
+TEST_F(MouseOnDesktop, ADragPressesOnceBeyondTheDiagonalToleranceAndReleasesAtTheLift)
+{
+    make();
+    EXPECT_EQ(mc->rightClickTolerance, 7);
+    down(300, 300);
+    move(307, 300);
+    EXPECT_EQ(desk->pointerAt(307, 300), Pos(307, 300));
+    EXPECT_TRUE(desk->pendingButtons().empty()) << "exactly the tolerance stays undecided";
+
+    move(300, 307.01);
+    expectButton(desk->nextButton(), true, 1, {300, 300});
+    unsigned int mask = 0;
+    EXPECT_EQ(desk->pointerAt(300, 307, &mask), Pos(300, 307)) << "the path is walked again";
+    EXPECT_TRUE(mask & Button1Mask);
+
+    move(350, 320);
+    EXPECT_EQ(desk->pointerAt(350, 320, &mask), Pos(350, 320));
+    EXPECT_TRUE(mask & Button1Mask) << "the button stays down while dragging";
+    up(360, 330);
+    expectButton(desk->nextButton(), false, 1, {360, 330});
+    EXPECT_TRUE(buttonsSoFar().empty()) << "one press, one release";
+}
+
+TEST_F(MouseOnDesktop, AStillPressBecomesARightClickAtTheMovedPositionAndNothingFollows)
+{
+    GS::instance()->rightClickTime = 100;
+    make();
+    MessageLog log;
+    auto onImageThread = [](auto steps) { std::thread(steps).join(); };
+
+    onImageThread([&] {
+        down(400, 300);
+        move(403, 300);
+    });
+    auto runLoop = [] { QCoreApplication::processEvents(); };
+    expectButton(desk->nextButton(runLoop), true, 3, {403, 300});
+    expectButton(desk->nextButton(runLoop), false, 3, {403, 300});
+    EXPECT_EQ(log.count("l  right click!"), 1);
+
+    onImageThread([&] { move(450, 320); });
+    unsigned int mask = 0;
+    EXPECT_EQ(desk->pointerAt(450, 320, &mask), Pos(450, 320)) << "the pointer still follows";
+    EXPECT_EQ(mask & (Button1Mask | Button3Mask), 0u);
+    onImageThread([&] { up(450, 320); });
+    EXPECT_TRUE(buttonsSoFar().empty()) << "the lift sends nothing";
+    EXPECT_FALSE(mc->isRightDown);
+
+    onImageThread([&] {
+        down(500, 300);
+        up(500, 300);
+    });
+    expectButton(desk->nextButton(runLoop), true, 1, {500, 300});
+    expectButton(desk->nextButton(runLoop), false, 1, {500, 300});
+    EXPECT_EQ(log.count("l  right click!"), 1);
+}
+
+TEST_F(MouseOnDesktop, ASecondTapSoonAndNearIsADoubleClickOfTwoOrdinaryClicks)
+{
+    const std::string line = "l********** double click triggered! ***********";
+    GS::instance()->doubleClickTime = 60000;
+    make();
+    MessageLog log;
+
+    down(200, 150);
+    up(200, 150);
+    down(210, 160);
+    up(210, 160);
+    EXPECT_EQ(log.count(line), 1);
+    for (Pos at : {Pos(200, 150), Pos(210, 160)}) {
+        expectButton(desk->nextButton(), true, 1, at);
+        expectButton(desk->nextButton(), false, 1, at);
+    }
+
+    down(226, 175);
+    up(226, 175);
+    EXPECT_EQ(log.count(line), 1) << "22 pixels from the last down is too far";
+
+    GS::instance()->doubleClickTime = 30;
+    mc->onResolutionChanged(0, 0);
+    QTest::qWait(100);
+    down(226, 175);
+    up(226, 175);
+    EXPECT_EQ(log.count(line), 1) << "too late";
+    EXPECT_EQ(buttonsSoFar().size(), 4u) << "both clicks are sent all the same";
+}

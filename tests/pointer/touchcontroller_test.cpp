@@ -1,0 +1,263 @@
+#include "devicepipe.h"
+#include "globalsettings.h"
+#include "messagelog.h"
+#include "touchcontroller.h"
+
+#include <QCoreApplication>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+// Xlib's macros clash with Qt's names: last.
+#include "xtestdesktop.h"
+
+namespace {
+
+// The desktop is as wide and high as the device, so device units equal pixels here.
+class TouchGestures : public ::testing::Test {
+protected:
+    DevicePipe pipe;
+    std::unique_ptr<TouchController> tc;
+    // No event loop runs in these cases; the right click has cases of its own.
+    int rightClickTime = 600;
+
+    void SetUp() override
+    {
+        GS* gs = GS::instance();
+        gs->screenWidth = 32767;
+        gs->screenHeight = 32767;
+        gs->pointerMode = 1;
+        gs->rightClickTolerance = 5;
+        gs->rightClickTime = rightClickTime;
+        tc.reset(new TouchController(pipe.makeTouch()));
+        uinput_user_dev dev;
+        ASSERT_TRUE(pipe.readRecord(&dev));
+    }
+    void down(double x, double y, int id) { tc->handleDown(EVector(x, y), id); }
+    void move(double x, double y, int id) { tc->handleMove(EVector(x, y), id); }
+    void up(double x, double y, int id) { tc->handleUp(EVector(x, y), id); }
+};
+
+} // namespace
+
+TEST_F(TouchGestures, ATapReachesTheDeviceOnlyAtItsEndAsDownThenUp)
+{
+    down(100, 200, 70000);
+    EXPECT_TRUE(pipe.events().empty()) << "a press is held back";
+    up(100, 200, 70000);
+    EXPECT_EQ(pipe.events(), contact(0, 4464, 100, 200) + lift(0));
+    EXPECT_FALSE(tc->isPressed);
+    EXPECT_TRUE(tc->slotsById.empty());
+}
+
+TEST_F(TouchGestures, APressIsReleasedOnlyBeyondTheToleranceAndReplayedFromItsStart)
+{
+    MessageLog log;
+    down(1000, 1000, 3);
+    move(1003, 1000, 3);
+    move(1000, 1005, 3);
+    EXPECT_TRUE(pipe.events().empty()) << "exactly the tolerance stays undecided";
+
+    move(1005.01, 1000, 3);
+    EXPECT_EQ(pipe.events(), contact(0, 3, 1000, 1000) + contact(0, 3, 1003, 1000) + contact(0, 3, 1000, 1005)
+                                 + contact(0, 3, 1005, 1000) + contact(0, 3, 1005, 1000));
+    EXPECT_EQ(log.count("stop right click timer isMoving: false isRightDown: false isPressed: true len: 5.01"), 1);
+
+    move(1100, 1020, 3);
+    EXPECT_EQ(pipe.events(), contact(0, 3, 1100, 1020)) << "a released contact passes straight through";
+    up(1100, 1020, 3);
+    EXPECT_EQ(pipe.events(), lift(0));
+}
+
+TEST_F(TouchGestures, AnUndecidedStrokeIsReplayedAtItsLiftWithEveryPoint)
+{
+    MessageLog log;
+    down(500, 500, 4);
+    move(501, 500, 4);
+    move(502, 501, 4);
+    up(503, 501, 4);
+    EXPECT_EQ(pipe.events(), contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0));
+    EXPECT_EQ(log.count("flushing in handle up "), 2);
+
+    // A stroke whose down was never seen (it began off the screen) comes out whole as well.
+    move(10, 10, 9);
+    move(20, 10, 9);
+    EXPECT_TRUE(pipe.events().empty());
+    up(30, 10, 9);
+    EXPECT_EQ(pipe.events(), contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0));
+    up(30, 10, 9);
+    EXPECT_TRUE(pipe.events().empty()) << "an up without a contact sends nothing";
+}
+
+TEST_F(TouchGestures, ASecondFingerGoesOutAtOnceAheadOfTheFirstFingersReplay)
+{
+    down(1000, 1000, 1);
+    move(1001, 1000, 1);
+    down(5000, 5000, 2);
+    EXPECT_EQ(pipe.events(), contact(0, 2, 5000, 5000));
+    EXPECT_TRUE(tc->isMoving);
+
+    move(1002, 1000, 1);
+    EXPECT_EQ(pipe.events(), contact(1, 1, 1000, 1000) + contact(1, 1, 1001, 1000) + contact(1, 1, 1002, 1000));
+    move(5010, 5000, 2);
+    EXPECT_EQ(pipe.events(), contact(0, 2, 5010, 5000));
+
+    // Any finger's lift ends the press; the other finger goes on live.
+    up(1002, 1000, 1);
+    EXPECT_EQ(pipe.events(), lift(1));
+    EXPECT_FALSE(tc->isPressed);
+    move(5020, 5000, 2);
+    EXPECT_EQ(pipe.events(), contact(0, 2, 5020, 5000));
+    up(5020, 5000, 2);
+    EXPECT_EQ(pipe.events(), lift(0));
+}
+
+TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
+{
+    down(1000, 1000, 1);
+    move(1100, 1000, 1);
+    pipe.events();
+
+    tc->reset();
+    tc->reset();
+    EXPECT_TRUE(pipe.events().empty());
+    // The press is still on, so the next finger is a second one, and slot 0 is free again.
+    down(3000, 3000, 2);
+    EXPECT_EQ(pipe.events(), contact(0, 2, 3000, 3000));
+    up(1100, 1000, 1);
+    up(3000, 3000, 2);
+    EXPECT_EQ(pipe.events(), lift(0) + lift(0));
+}
+
+TEST_F(TouchGestures, PositionsScaleOverTheDesktopAndWrapBeyondIt)
+{
+    GS* gs = GS::instance();
+    gs->screenWidth = 1920;
+    gs->screenHeight = 1080;
+    down(1, 540, 1);
+    up(1, 540, 1);
+    down(1920, 1080, 2);
+    up(1920, 1080, 2);
+    EXPECT_EQ(pipe.events(), contact(0, 1, 17, 16384) + lift(0) + contact(0, 2, 32767, 32767) + lift(0));
+    EXPECT_EQ(TouchController::toDeviceX(-5), -85);
+    EXPECT_EQ(TouchController::toDeviceX(3000), -14338);
+
+    // A new desktop size holds from the next conversion on.
+    gs->screenWidth = 3840;
+    down(1920, 0, 3);
+    up(1920, 0, 3);
+    EXPECT_EQ(pipe.events(), contact(0, 3, 16384, 0) + lift(0));
+}
+
+namespace {
+
+// The right click and single-pointer mode reach the X server; handlers run on a thread
+// of their own as on the image thread, while this thread runs the event loop.
+class TouchOnDesktop : public TouchGestures {
+protected:
+    static XTestDesktop* desk;
+
+    static void SetUpTestSuite()
+    {
+        desk = new XTestDesktop();
+        if (!desk->start())
+            ADD_FAILURE() << "X server: " << desk->failure;
+    }
+    static void TearDownTestSuite()
+    {
+        delete desk;
+        desk = nullptr;
+    }
+    void SetUp() override
+    {
+        ASSERT_NE(desk->dpy, nullptr);
+        rightClickTime = 100;
+        TouchGestures::SetUp();
+        GS::instance()->screenWidth = 1280;
+        GS::instance()->screenHeight = 1024;
+        desk->pendingButtons();
+    }
+    template <typename Steps> void onImageThread(Steps steps)
+    {
+        std::thread image(steps);
+        image.join();
+    }
+    XTestDesktop::Button nextButton()
+    {
+        return desk->nextButton([] { QCoreApplication::processEvents(); });
+    }
+};
+
+XTestDesktop* TouchOnDesktop::desk = nullptr;
+
+} // namespace
+
+TEST_F(TouchOnDesktop, AStillPressBecomesOneRightClickThroughTheMouseAndNoContact)
+{
+    onImageThread([&] {
+        down(300, 300, 1);
+        move(302, 301, 1);
+    });
+    const auto press = nextButton();
+    EXPECT_TRUE(press.press);
+    EXPECT_EQ(press.number, 3u);
+    EXPECT_EQ(press.x, 302) << "at the last position";
+    EXPECT_EQ(press.y, 301);
+    const auto release = nextButton();
+    EXPECT_FALSE(release.press);
+    EXPECT_EQ(release.number, 3u);
+    EXPECT_TRUE(tc->isRightDown);
+
+    onImageThread([&] {
+        move(400, 400, 1);
+        up(400, 400, 1);
+    });
+    EXPECT_TRUE(pipe.events().empty()) << "neither then nor at the lift";
+    EXPECT_FALSE(tc->isPressed);
+    EXPECT_FALSE(tc->isRightDown);
+
+    onImageThread([&] {
+        down(500, 500, 2);
+        up(500, 500, 2);
+    });
+    EXPECT_EQ(pipe.events(), contact(0, 2, TouchController::toDeviceX(500), TouchController::toDeviceY(500)) + lift(0))
+        << "the next tap is an ordinary one";
+}
+
+TEST_F(TouchOnDesktop, NoRightClickOnceASecondFingerIsDown)
+{
+    onImageThread([&] {
+        down(300, 300, 1);
+        down(600, 300, 2);
+    });
+    QTest::qWait(400);
+    EXPECT_FALSE(tc->isRightDown);
+    EXPECT_TRUE(desk->pendingButtons().empty());
+    onImageThread([&] {
+        up(300, 300, 1);
+        up(600, 300, 2);
+    });
+}
+
+TEST_F(TouchOnDesktop, InSinglePointerModeGesturesGoToTheMouseAndTheDeviceStaysSilent)
+{
+    GS::instance()->pointerMode = 0;
+    onImageThread([&] {
+        down(200, 150, 1);
+        up(200, 150, 1);
+    });
+    const auto press = nextButton();
+    const auto release = nextButton();
+    EXPECT_TRUE(press.press);
+    EXPECT_EQ(press.number, 1u);
+    EXPECT_EQ(press.x, 200);
+    EXPECT_EQ(press.y, 150);
+    EXPECT_FALSE(release.press);
+    EXPECT_EQ(release.number, 1u);
+    EXPECT_TRUE(pipe.events().empty());
+    EXPECT_FALSE(tc->isPressed) << "the touch state is not touched";
+    GS::instance()->pointerMode = 1;
+}

@@ -1,0 +1,181 @@
+#pragma once
+// A private X server for one test binary, with a window that records the buttons pressed
+// on it. Xvfb picks its own free display; DISPLAY points the process at it.
+
+#include <X11/Xlib.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+class XTestDesktop {
+public:
+    struct Button {
+        bool press;
+        unsigned int number;
+        int x;
+        int y;
+    };
+
+    Display* dpy = nullptr;
+    Window window = 0;
+    std::string display;
+    std::string failure;
+
+    // The window covers (left, top) to (left + width, top + height) of a 1280x1024 screen.
+    static constexpr int left = 100, top = 100, width = 800, height = 600;
+
+    bool start()
+    {
+        int fds[2];
+        if (pipe(fds) != 0)
+            return fail("pipe");
+        const std::string fdText = std::to_string(fds[1]);
+        std::vector<std::string> args = {"Xvfb", "-displayfd", fdText, "-screen", "0", "1280x1024x24",
+                                         "-nolisten", "tcp"};
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        const int rc = posix_spawnp(&pid, "Xvfb", &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        if (rc != 0) {
+            close(fds[0]);
+            pid = 0;
+            return fail("cannot start Xvfb");
+        }
+        std::string number;
+        pollfd p{fds[0], POLLIN, 0};
+        while (poll(&p, 1, 30000) > 0) {
+            char c;
+            if (read(fds[0], &c, 1) != 1 || c == '\n')
+                break;
+            number += c;
+        }
+        close(fds[0]);
+        if (number.empty())
+            return fail("Xvfb gave no display number");
+        display = ":" + number;
+        setenv("DISPLAY", display.c_str(), 1);
+        dpy = XOpenDisplay(display.c_str());
+        if (!dpy)
+            return fail("cannot open " + display);
+        return openWindow();
+    }
+
+    void stop()
+    {
+        if (dpy)
+            XCloseDisplay(dpy);
+        dpy = nullptr;
+        if (pid > 0) {
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+        pid = 0;
+    }
+
+    ~XTestDesktop() { stop(); }
+
+    // Where the server has the pointer, once it has reached (x, y) or after a time-out.
+    std::pair<int, int> pointerAt(int x, int y, unsigned int* mask = nullptr)
+    {
+        std::pair<int, int> at{-1, -1};
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        do {
+            Window root, child;
+            int wx, wy;
+            unsigned int m = 0;
+            XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &at.first, &at.second, &wx, &wy, &m);
+            if (mask)
+                *mask = m;
+            if (at.first == x && at.second == y)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        } while (std::chrono::steady_clock::now() < until);
+        return at;
+    }
+
+    // The next button event on the window, waiting up to the time-out; number 0 when none came.
+    // idle is called while waiting, for example to run the Qt event loop.
+    template <typename Idle> Button nextButton(Idle idle, int timeoutMs = 10000)
+    {
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            while (XPending(dpy) > 0) {
+                XEvent e;
+                XNextEvent(dpy, &e);
+                if (e.type == ButtonPress || e.type == ButtonRelease)
+                    return {e.type == ButtonPress, e.xbutton.button, e.xbutton.x_root, e.xbutton.y_root};
+            }
+            if (std::chrono::steady_clock::now() >= until)
+                return {false, 0, 0, 0};
+            idle();
+            pollfd p{ConnectionNumber(dpy), POLLIN, 0};
+            poll(&p, 1, 5);
+        }
+    }
+    Button nextButton(int timeoutMs = 10000)
+    {
+        return nextButton([] {}, timeoutMs);
+    }
+
+    // Every button event that has arrived by now, without waiting.
+    std::vector<Button> pendingButtons()
+    {
+        std::vector<Button> out;
+        XSync(dpy, False);
+        while (XPending(dpy) > 0) {
+            XEvent e;
+            XNextEvent(dpy, &e);
+            if (e.type == ButtonPress || e.type == ButtonRelease)
+                out.push_back({e.type == ButtonPress, e.xbutton.button, e.xbutton.x_root, e.xbutton.y_root});
+        }
+        return out;
+    }
+
+private:
+    pid_t pid = 0;
+
+    bool fail(const std::string& why)
+    {
+        failure = why;
+        return false;
+    }
+
+    bool openWindow()
+    {
+        XSetWindowAttributes attrs{};
+        attrs.override_redirect = True;
+        attrs.event_mask = ButtonPressMask | ButtonReleaseMask | ExposureMask;
+        window = XCreateWindow(dpy, DefaultRootWindow(dpy), left, top, width, height, 0, CopyFromParent,
+                               InputOutput, CopyFromParent, CWOverrideRedirect | CWEventMask, &attrs);
+        XMapRaised(dpy, window);
+        XSync(dpy, False);
+        // Input reaches the window only once it is on the screen.
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (std::chrono::steady_clock::now() < until) {
+            XEvent e;
+            if (XCheckTypedWindowEvent(dpy, window, Expose, &e))
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return fail("the window never showed");
+    }
+};
