@@ -99,16 +99,17 @@ public:
         int fds[2];
         if (pipe(fds) != 0)
             return;
+        // Built before the fork: the child may only call async-signal-safe functions.
+        std::vector<char*> args;
+        for (auto& a : argv)
+            args.push_back(a.data());
+        args.push_back(nullptr);
         pid = fork();
         if (pid == 0) {
             dup2(fds[1], 1);
             dup2(fds[1], 2);
             close(fds[0]);
             close(fds[1]);
-            std::vector<char*> args;
-            for (auto& a : argv)
-                args.push_back(a.data());
-            args.push_back(nullptr);
             execvp(args[0], args.data());
             _exit(127);
         }
@@ -125,6 +126,8 @@ public:
     // Reads what is there, waiting at most `ms` for more; false once the program closed its end.
     bool readFor(int ms)
     {
+        if (out < 0)
+            return false;
         pollfd p{out, POLLIN, 0};
         if (poll(&p, 1, ms) <= 0)
             return true;
@@ -153,8 +156,9 @@ public:
         if (pid <= 0)
             return;
         kill(pid, SIGINT);
-        while (readFor(200)) {
-        }
+        for (int rounds = 0; readFor(200); ++rounds)
+            if (rounds == 100)
+                kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         pid = -1;
     }
@@ -169,7 +173,8 @@ std::string runToEnd(std::vector<std::string> argv)
     Child child(std::move(argv));
     while (child.readFor(1000)) {
     }
-    waitpid(child.pid, nullptr, 0);
+    if (child.pid > 0)
+        waitpid(child.pid, nullptr, 0);
     child.pid = -1;
     return child.text;
 }
