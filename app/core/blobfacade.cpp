@@ -70,6 +70,8 @@ bool BlobFacade::start()
 
 void BlobFacade::onMenuExited()
 {
+    if (sensor)
+        sensor->setLaser(false);
     qDebug() << "quit velora main ";
     QCoreApplication::quit();
 }

@@ -2,6 +2,7 @@
 
 #include "epolygon.h"
 #include "evector.h"
+#include "scanbox.h"
 #include "transformarea.h"
 
 #include <vector>
@@ -47,6 +48,12 @@ public:
 
     // Brightness threshold of a scan box by its place on the surface.
     static int getLocationThreshold(EVector position, double scale);
+
+    // One square scan box at the image of each raster point of the grid's source space that
+    // falls inside width by height; the size follows the local scale of the map. The boxes
+    // come in raster order, rows of the raster outside, each with its region.
+    static std::vector<ScanBox> getScanBoxes(double radius, int step, int gridWidth, int gridHeight,
+                                             TransformGrid* grid, int width, int height);
 
     // A new polygon whose vertices are moved by the shift tables, or null without
     // a correction or a formula.

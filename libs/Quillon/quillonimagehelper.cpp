@@ -1,9 +1,11 @@
 #include "quillonimagehelper.h"
 
+#include "scanbox.h"
 #include "unitweights.h"
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 
 namespace {
 
@@ -173,6 +175,30 @@ EVector QuillonImageHelper::subPix(cv::Mat* image, cv::Rect rect, int thresh, bo
     r.measureC = count;
     r.measureD = valueSum / count;
     return r;
+}
+
+EVector QuillonImageHelper::subPix(cv::Mat* image, const ScanBox& box, int thresh, bool erase, double* sum,
+                                   int eraseValue)
+{
+    return subPix(image, box.rect(), thresh, erase, sum, eraseValue);
+}
+
+void QuillonImageHelper::floodFill(cv::Mat* image, const ScanBox& box, int value)
+{
+    const cv::Rect r = box.rect();
+    if (!image || !image->data || r.width <= 0 || r.height <= 0)
+        return;
+    if (r.x >= 0 && r.y >= 0 && r.x + r.width <= image->cols && r.y + r.height <= image->rows &&
+        image->channels() == 1) {
+        // The usual case: a scan box inside the frame, filled a row at a time.
+        for (int y = r.y; y < r.y + r.height; ++y)
+            std::memset(image->ptr<unsigned char>(y) + r.x, value, std::size_t(r.width));
+        return;
+    }
+    for (int x = r.x; x < r.x + r.width; ++x) {
+        for (int y = r.y; y < r.y + r.height; ++y)
+            intensityAt(image, x, y, value);
+    }
 }
 
 cv::Rect QuillonImageHelper::createMaskRect(const std::vector<EVector>& points)

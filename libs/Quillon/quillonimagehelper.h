@@ -6,6 +6,8 @@
 
 #include <vector>
 
+class ScanBox;
+
 // Pixel and rectangle measurement on 8-bit frames, shared by both engines. Stateless.
 // Rectangles are walked column by column (x outside, y inside); an empty one does nothing.
 // The pixel accessors read when value is -1 and write value otherwise; out of range they
@@ -30,5 +32,9 @@ public:
     // Brightness-weighted centroid of the pixels strictly above thresh, or (-1, -1) when
     // there are none. measureC of the result is their count, measureD their mean value.
     static EVector subPix(cv::Mat* image, cv::Rect rect, int thresh, bool erase, double* sum, int eraseValue);
+    // The same over the box's rectangle, each value truncated.
+    static EVector subPix(cv::Mat* image, const ScanBox& box, int thresh, bool erase, double* sum, int eraseValue);
+    // Writes value to every pixel of the box's rectangle; no connectivity is followed.
+    static void floodFill(cv::Mat* image, const ScanBox& box, int value);
     static cv::Rect createMaskRect(const std::vector<EVector>& points);
 };

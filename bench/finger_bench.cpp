@@ -1,0 +1,145 @@
+// The finger engine's frame loop against two references measured in the same run: a memcpy
+// of one frame and the usual OpenCV way of finding bright contours (adaptive threshold plus
+// contours over the whole frame).
+#include "boxtrackingengine.h"
+#include "calibration.h"
+#include "globalsettings.h"
+
+#include <benchmark/benchmark.h>
+#include <opencv2/imgproc.hpp>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace {
+
+constexpr int W = 752;
+constexpr int H = 480;
+
+// A screen seen straight on, a 5 by 5 calibration over it; fingers spread over the screen.
+const double Left = 40, Top = 30, Right = 712, Bottom = 452;
+
+EVector toSensor(double u, double v) { return EVector(Left + u * (Right - Left), Top + v * (Bottom - Top)); }
+
+std::vector<unsigned char> frameWith(int fingers, std::mt19937& rng)
+{
+    std::vector<unsigned char> f(std::size_t(W) * H);
+    std::uniform_int_distribution<int> noise(0, 6);
+    for (auto& p : f)
+        p = static_cast<unsigned char>(12 + noise(rng));
+    for (int i = 0; i < fingers; ++i) {
+        const EVector c = toSensor(0.1 + 0.2 * (i % 5), 0.25 + 0.5 * (i / 5));
+        const double sigma = 2.5;
+        for (int y = int(c.y) - 12; y <= int(c.y) + 12; ++y)
+            for (int x = int(c.x) - 12; x <= int(c.x) + 12; ++x) {
+                const double r2 = (x - c.x) * (x - c.x) + (y - c.y) * (y - c.y);
+                unsigned char& p = f[std::size_t(y) * W + x];
+                p = static_cast<unsigned char>(std::min(255.0, p + 190 * std::exp(-r2 / (2 * sigma * sigma))));
+            }
+    }
+    return f;
+}
+
+std::unique_ptr<Calibration> calibration()
+{
+    std::vector<EVector> dummy(25);
+    Calibration layout(5, 5, dummy, {}, 0.05, 0.05, 0, false, false);
+    std::vector<EVector> src;
+    for (const EVector& d : layout.calcDstPoints(1920, 1080))
+        src.push_back(toSensor(d.x / 1920, d.y / 1080));
+    return std::make_unique<Calibration>(5, 5, src, std::vector<EVector>{}, 0.05, 0.05, 0, false, true);
+}
+
+struct Rig {
+    std::unique_ptr<Calibration> cal = calibration();
+    BoxTrackingEngine engine{W, H, GS::instance()->boxFactor, GS::instance()->boxParameter};
+    std::mt19937 rng{11};
+
+    Rig()
+    {
+        GS::instance()->regionalDeltaLimit = 8;
+        engine.setCalibration(cal.get(), GS::instance()->boxParameter);
+        engine.triggerBgRefresh(true, false);
+        for (int i = 0; i < 80; ++i) {
+            std::vector<unsigned char> f = frameWith(0, rng);
+            AllBlobs all = engine.processImage(f.data(), false, false);
+            for (Blob* b : all.blobs.blobs)
+                delete b;
+        }
+    }
+};
+
+void BM_Memcpy(benchmark::State& state)
+{
+    std::mt19937 rng(1);
+    std::vector<unsigned char> src = frameWith(10, rng), dst(src.size());
+    for (auto _ : state) {
+        std::memcpy(dst.data(), src.data(), src.size());
+        benchmark::DoNotOptimize(dst.data());
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_Memcpy);
+
+void BM_OpenCvContours(benchmark::State& state)
+{
+    std::mt19937 rng(1);
+    std::vector<unsigned char> raw = frameWith(int(state.range(0)), rng);
+    cv::Mat frame(H, W, CV_8UC1, raw.data());
+    cv::Mat binary;
+    std::vector<std::vector<cv::Point>> contours;
+    std::vector<cv::Point2d> found;
+    for (auto _ : state) {
+        cv::adaptiveThreshold(frame, binary, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, 7, -40);
+        cv::findContours(binary, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+        found.clear();
+        for (const auto& c : contours) {
+            const cv::Moments m = cv::moments(c);
+            if (m.m00 > 0)
+                found.emplace_back(m.m10 / m.m00, m.m01 / m.m00);
+        }
+        benchmark::DoNotOptimize(found.data());
+    }
+}
+BENCHMARK(BM_OpenCvContours)->Arg(0)->Arg(1)->Arg(5)->Arg(10);
+
+// The stylus benchmark's OpenCV reference: a global threshold and connected components.
+void BM_OpenCvComponents(benchmark::State& state)
+{
+    std::mt19937 rng(1);
+    std::vector<unsigned char> raw = frameWith(int(state.range(0)), rng);
+    cv::Mat frame(H, W, CV_8UC1, raw.data());
+    cv::Mat binary, labels, stats, centroids;
+    for (auto _ : state) {
+        cv::threshold(frame, binary, 60, 255, cv::THRESH_BINARY);
+        const int n = cv::connectedComponentsWithStats(binary, labels, stats, centroids, 8, CV_32S);
+        benchmark::DoNotOptimize(n);
+    }
+}
+BENCHMARK(BM_OpenCvComponents)->Arg(0)->Arg(10);
+
+void BM_ProcessImage(benchmark::State& state)
+{
+    Rig rig;
+    const int fingers = int(state.range(0));
+    const std::vector<unsigned char> source = frameWith(fingers, rig.rng);
+    std::vector<unsigned char> frame(source.size());
+    int reported = 0;
+    for (auto _ : state) {
+        // The engine blanks what fires in the frame it is given: each run gets a fresh one.
+        std::memcpy(frame.data(), source.data(), source.size());
+        AllBlobs all = rig.engine.processImage(frame.data(), false, false);
+        reported = all.blobs.size();
+        for (Blob* b : all.blobs.blobs)
+            delete b;
+    }
+    state.counters["blobs"] = reported;
+}
+BENCHMARK(BM_ProcessImage)->Arg(0)->Arg(1)->Arg(5)->Arg(10);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,118 @@
+#pragma once
+
+#include "allblobs.h"
+#include "epolygon.h"
+#include "evector.h"
+#include "itrackingengine.h"
+#include "scanbox.h"
+
+#include <QList>
+
+#include <opencv2/core.hpp>
+
+#include <atomic>
+#include <vector>
+
+class BoxTrackingDebug;
+class TransformGrid;
+
+// The finger engine. A calibrated grid of scan boxes lies over the screen; each frame only
+// the centre pixel of each box is compared with the box's own background plus the
+// threshold of its region. What fires is grouped, traced as contours, checked again and
+// turned into blobs. Regions of the screen follow slow changes of ambient light.
+//
+// Frames come on one thread. pause(), setCalibration() and resetBackgroundTable() may be
+// called from another; the frame loop sees them through the atomic flags below.
+class BoxTrackingEngine : public ITrackingEngine {
+public:
+    int width, height;
+    int gridSize;
+    bool cameraInverted = false;
+    std::atomic<bool> paused{false};
+    std::atomic<bool> idle{true};
+    bool shiftInverted = false;
+    std::atomic<bool> regionsReset{true};
+    double boxRadius;
+    std::atomic<int> updateCount{0};
+    int updateFrames;
+    int frameCount = 0;
+    bool backgroundScaled = false;
+    std::atomic<int> learnCount{0};
+    int learnFrames;
+    double backgroundScale = 1.2;
+    TransformGrid* transform = nullptr;        // sensor pixels to grid space
+    TransformGrid* inverseTransform = nullptr; // grid space to sensor pixels
+    std::vector<EVector> border;               // outline of the screen in the sensor image
+    EPolygon* screenArea = nullptr;
+    // Read-only outside the engine: the frame loop works on its own packed copy of the
+    // centre indices and backgrounds, and writes a box's record back when it changes.
+    // intensity is refreshed only on boxes whose centre rose above their limit.
+    std::vector<ScanBox> boxes;
+    EVector topCenterGrid, topCenter;
+    EVector shadowLeft, shadowRight;
+    EVector bottomMiddle, topLeft, bottomLeft, topRight, bottomRight;
+    QList<double> regionIntensity, regionBackground, regionThreshold;
+    QList<int> regionsToUpdate;
+    QList<double> regionDeltas;
+    QList<double> regionHits;
+    cv::Mat frameHeader; // the caller's frame, seen without a copy
+    cv::Mat lastFrame;   // untouched copy of the frame in work
+    cv::Mat backgroundMax;
+    std::atomic<bool> updating{false};
+    int regionCount;
+    AllBlobs result;
+    BoxTrackingDebug* debug;
+    bool extended = false;
+    // The last contour box of the frame, drawn by the overlay.
+    ScanBox lastContourBox;
+
+    BoxTrackingEngine(int width, int height, double boxRadius, int gridSize);
+    ~BoxTrackingEngine() override;
+    BoxTrackingEngine(const BoxTrackingEngine&) = delete;
+    BoxTrackingEngine& operator=(const BoxTrackingEngine&) = delete;
+
+    // The caller's frame is changed: boxes that fire are blanked in it. With debugFrame it
+    // ends up as the untouched frame with an overlay of what was found.
+    AllBlobs processImage(unsigned char* image, bool extended, bool debugFrame) override;
+    AllBlobs processImage(cv::Mat* image, bool debugFrame);
+
+    // Lays the scan boxes over the screen of calibration, in a grid space of gridSize
+    // units, and starts learning anew.
+    void setCalibration(Calibration* calibration, int gridSize) override;
+    // Holds frames back and waits for the one in work, without a time limit.
+    void pause();
+
+    // One frame of learning: the per-pixel maximum.
+    void triggerUpdateBackground(cv::Mat* image);
+    // Orders a refresh of the listed regions (of all when full): over all frames of an
+    // update when full and not topUp, else over GS::stylusBgTopUpFrames. Frame thread only.
+    void triggerBgRefresh(bool full, bool topUp);
+    void updateRegionals();
+    // Refreshes all regions (short when topUp) and waits for it, for learning too, at
+    // most ten seconds. Safe from any thread: the frame loop starts the refresh.
+    void resetBackgroundTable(bool topUp) override;
+
+private:
+    struct Run {
+        int begin, end, region; // consecutive boxes of one region
+        // Sum of trunc(bgIntensity / gain) over the run, valid for cachedGain.
+        double backgroundPart;
+    };
+
+    void rebuildPackedBoxes();
+    void sumBackgrounds();
+    void firstPass(cv::Mat* image, int* hits, bool* anyReset);
+    void drawOverlay(cv::Mat* image);
+
+    std::vector<int> packedIndex;
+    std::vector<int> packedBackground;
+    std::vector<Run> runs;
+    double cachedGain = 0;
+    std::vector<int> limitOfRegion;
+    std::vector<char> refreshing;
+    std::vector<std::vector<ScanBox>> groups, groups2;
+    std::vector<ScanBox> merged;
+    std::vector<EVector> points;
+    // 0 none, 1 a full refresh, 2 a short one; asked for by resetBackgroundTable.
+    std::atomic<int> pendingRefresh{0};
+};

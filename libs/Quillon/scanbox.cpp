@@ -1,0 +1,286 @@
+#include "scanbox.h"
+
+#include "globalsettings.h"
+#include "gridhelper.h"
+#include "quillonimagehelper.h"
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+ScanBox::ScanBox(double x_, double y_, double width_, double height_, double imageWidth_, int threshold_)
+    : imageWidth(static_cast<int>(imageWidth_)), x(x_), y(y_), width(width_), height(height_),
+      centerX(std::round(x_ + 0.5 * width_)), centerY(std::round(y_ + 0.5 * height_)),
+      centerIndex(static_cast<int>(centerX + centerY * imageWidth)), threshold(threshold_)
+{
+    if (threshold == -1) {
+        const GS* gs = GS::instance();
+        const double d = (gs->cornerTopLeft - gs->cornerTopRight).length();
+        threshold = GridHelper::getLocationThreshold(EVector(centerX, centerY), d);
+    }
+}
+
+void ScanBox::copyFrom(const ScanBox& o)
+{
+    x = o.x;
+    y = o.y;
+    width = o.width;
+    height = o.height;
+    centerX = o.centerX;
+    centerY = o.centerY;
+    centerIndex = o.centerIndex;
+    threshold = o.threshold;
+}
+
+void ScanBox::shrink(int n)
+{
+    x += n;
+    y += n;
+    width -= 2 * n;
+    height -= 2 * n;
+}
+
+bool ScanBox::isOverlappingWith(const ScanBox& o) const
+{
+    return x < o.x + o.width && o.x < x + width && y < o.y + o.height && o.y < y + height;
+}
+
+bool ScanBox::contains(const ScanBox& o) const
+{
+    return o.x > x && o.y > y && o.x + o.width < x + width && o.y + o.height < y + height;
+}
+
+bool ScanBox::fitsIn(const ScanBox& o) const { return o.width > width && o.height > height; }
+
+cv::Rect ScanBox::rect() const
+{
+    return cv::Rect(static_cast<int>(x), static_cast<int>(y), static_cast<int>(width), static_cast<int>(height));
+}
+
+bool ScanBox::hasBrightCenter(cv::Mat* image, bool checkEdges, double thresh, bool erase, bool useNeighbours)
+{
+    int value;
+    if (checkEdges && useNeighbours) {
+        const cv::Rect square(static_cast<int>(centerX) - 1, static_cast<int>(centerY) - 1, 3, 3);
+        value = static_cast<int>(QuillonImageHelper::getMaxIntensity(square, image, nullptr));
+    } else {
+        value = QuillonImageHelper::intensityAtByPos(image, centerIndex, -1);
+    }
+    intensity = value;
+    if (!(value > bgIntensity + thresh))
+        return false;
+
+    if (checkEdges) {
+        ScanBox probe;
+        probe.copyFrom(*this);
+        for (int i = 0; i < 5; ++i) {
+            if (!probe.hasBrightEdge(image, thresh))
+                return true;
+            probe.shrink(-1);
+        }
+        // Still bright 4 pixels out: larger than a finger.
+        std::printf("checkEdges failed \n");
+        return false;
+    }
+    if (erase)
+        QuillonImageHelper::floodFill(image, *this, 0);
+    return true;
+}
+
+bool ScanBox::hasBrightEdge(cv::Mat* image, double thresh) const
+{
+    const cv::Rect square(static_cast<int>(centerX) - 1, static_cast<int>(centerY) - 1, 3, 3);
+    const double m = QuillonImageHelper::getMaxIntensity(square, image, nullptr);
+    const int ix = static_cast<int>(x), iy = static_cast<int>(y);
+    const int iw = static_cast<int>(width), ih = static_cast<int>(height);
+    const int right = static_cast<int>(x + width - 1), bottom = static_cast<int>(y + height - 1);
+    return QuillonImageHelper::hasBrighterThan(cv::Rect(ix, iy, iw, 1), image, m, thresh) ||
+           QuillonImageHelper::hasBrighterThan(cv::Rect(right, iy, 1, ih), image, m, thresh) ||
+           QuillonImageHelper::hasBrighterThan(cv::Rect(ix, bottom, iw, 1), image, m, thresh) ||
+           QuillonImageHelper::hasBrighterThan(cv::Rect(ix, iy, 1, ih), image, m, thresh);
+}
+
+bool ScanBox::hasBrightEdgeAvg(cv::Mat* image, const ScanBox& centerBox, unsigned char* background,
+                               double thresh) const
+{
+    const cv::Rect square(static_cast<int>(centerBox.centerX) - 1, static_cast<int>(centerBox.centerY) - 1, 3, 3);
+    const double m = QuillonImageHelper::getMaxIntensity(square, image, background);
+    const int ix = static_cast<int>(x), iy = static_cast<int>(y);
+    const int iw = static_cast<int>(width), ih = static_cast<int>(height);
+    const int right = static_cast<int>(x + width - 1), bottom = static_cast<int>(y + height - 1);
+    const cv::Rect strips[4] = {cv::Rect(ix, iy, iw, 1), cv::Rect(right, iy, 1, ih), cv::Rect(ix, bottom, iw, 1),
+                                cv::Rect(ix, iy, 1, ih)};
+    for (const cv::Rect& s : strips) {
+        if (m < QuillonImageHelper::getAvgIntensity(s, image, background) + thresh)
+            return true;
+    }
+    return false;
+}
+
+ScanBox ScanBox::merge(const std::vector<ScanBox>& boxes)
+{
+    if (boxes.empty())
+        return ScanBox(0, 0, 0, 0, 0, -1);
+    double left = boxes[0].x, top = boxes[0].y;
+    double right = boxes[0].x + boxes[0].width, bottom = boxes[0].y + boxes[0].height;
+    long long thresholdSum = 0;
+    int maxIntensity = boxes[0].intensity, maxBackground = boxes[0].bgIntensity;
+    for (const ScanBox& b : boxes) {
+        left = std::min(left, b.x);
+        top = std::min(top, b.y);
+        right = std::max(right, b.x + b.width);
+        bottom = std::max(bottom, b.y + b.height);
+        thresholdSum += b.threshold;
+        maxIntensity = std::max(maxIntensity, b.intensity);
+        maxBackground = std::max(maxBackground, b.bgIntensity);
+    }
+    ScanBox merged(left, top, right - left, bottom - top, boxes[0].imageWidth, -1);
+    merged.threshold = static_cast<int>(thresholdSum / static_cast<long long>(boxes.size()));
+    merged.intensity = maxIntensity;
+    merged.bgIntensity = maxBackground;
+    merged.region = boxes[0].region;
+    merged.children = boxes;
+    return merged;
+}
+
+std::vector<ScanBox> ScanBox::mergeOverlapping(const std::vector<std::vector<ScanBox>>& groups)
+{
+    std::vector<ScanBox> result;
+    result.reserve(groups.size());
+    for (const auto& g : groups) {
+        if (!g.empty())
+            result.push_back(merge(g));
+    }
+    return result;
+}
+
+void ScanBox::addOverlapping(std::vector<std::vector<ScanBox>>* groups, const ScanBox& box)
+{
+    for (auto& g : *groups) {
+        for (const ScanBox& member : g) {
+            if (member.isOverlappingWith(box)) {
+                g.push_back(box);
+                return;
+            }
+        }
+    }
+    groups->emplace_back(1, box);
+}
+
+void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* offset)
+{
+    const int raw = static_cast<int>(std::round(std::pow(std::sqrt(avgWidth * avgWidth + avgWidth * avgWidth), 1.6)));
+    const int b = static_cast<int>(raw * (extended ? 0.17 : 0.03));
+    *offset = std::max(-2 * b, -190);
+    *block = b <= 2 ? 3 : (b % 2 == 0 ? b + 1 : b);
+}
+
+namespace {
+
+// Scratch of the contour step, kept per thread so that a frame allocates only what grows.
+struct ContourScratch {
+    cv::Mat patch;
+    cv::Mat binary;
+    std::vector<std::vector<cv::Point>> contours;
+};
+
+thread_local ContourScratch scratch;
+
+const char* yesNo(bool b) { return b ? "true" : "false"; }
+
+} // namespace
+
+std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* image, const std::vector<ScanBox>& boxes,
+                                                cv::Mat* background, bool useBackground, bool extended) const
+{
+    std::vector<ScanBox> found;
+    double avgWidth = 0;
+    for (const ScanBox& b : boxes)
+        avgWidth += b.width;
+    if (!boxes.empty())
+        avgWidth /= static_cast<double>(boxes.size());
+    if (contourFound)
+        *contourFound = false;
+
+    if (x < 0 || y < 0 || width < 1 || height < 1)
+        return found;
+    if (!image || !image->data)
+        return found;
+    const cv::Rect roi = rect() & cv::Rect(0, 0, image->cols, image->rows);
+    if (roi.width <= 0 || roi.height <= 0)
+        return found;
+
+    // A copy of the region, since the threshold works in place.
+    (*image)(roi).copyTo(scratch.patch);
+    if (useBackground && background && background->data)
+        cv::subtract(scratch.patch, (*background)(roi), scratch.patch);
+
+    int block = 3, offset = 0;
+    thresholdBlock(avgWidth, extended, &block, &offset);
+
+    const GS* gs = GS::instance();
+    if (gs->scanBoxLargeCheck && block > 40) {
+        cv::dilate(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), 2);
+    } else {
+        const int erosions = block > 100 ? 3 : block > 80 ? 2 : block > 55 ? 1 : 0;
+        if (erosions > 0)
+            cv::erode(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), erosions);
+    }
+
+    cv::adaptiveThreshold(scratch.patch, scratch.binary, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block,
+                          extended ? -20.0 : static_cast<double>(offset));
+    if (scratch.binary.cols == 0 || scratch.binary.rows == 0) {
+        std::printf("Exception caught\n");
+        return found;
+    }
+
+    // The contour tracer has always treated the outermost row and column as empty; a spot
+    // cut by the rectangle keeps that shape.
+    scratch.binary.row(0).setTo(0);
+    scratch.binary.row(scratch.binary.rows - 1).setTo(0);
+    scratch.binary.col(0).setTo(0);
+    scratch.binary.col(scratch.binary.cols - 1).setTo(0);
+
+    scratch.contours.clear();
+    cv::findContours(scratch.binary, scratch.contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+
+    for (const std::vector<cv::Point>& contour : scratch.contours) {
+        const cv::Moments m = cv::moments(contour);
+        const cv::Rect r = cv::boundingRect(contour);
+        if (contourFound)
+            *contourFound = true;
+        if (r.width <= 0 || r.height <= 0)
+            continue;
+
+        bool roundEnough = true;
+        if (gs->scanBoxShapeLimit > 0) {
+            const double a = std::fabs(cv::contourArea(contour));
+            const double p = cv::arcLength(contour, true);
+            if (a >= gs->scanBoxMinArea && p >= gs->scanBoxMinArcLength)
+                roundEnough = a / p > gs->scanBoxShapeLimit;
+        }
+        const bool small = r.width < gs->scanBoxShape2A && r.height < gs->scanBoxShape2B;
+        bool widthOk = true;
+        if (gs->scanBoxShape2Ratio > 0 && !small)
+            widthOk = static_cast<double>(r.width) / r.height < gs->scanBoxShape2Ratio;
+        bool heightOk = true;
+        if (gs->scanBoxShape2Limit > 0 && !small)
+            heightOk = static_cast<double>(r.height) / r.width < gs->scanBoxShape2Limit;
+        if (!roundEnough || !widthOk || !heightOk) {
+            if (gs->verboseLog)
+                std::printf("area: %s, w/h: %s\n", yesNo(roundEnough), yesNo(widthOk));
+            continue;
+        }
+
+        ScanBox box(static_cast<int>(r.x + x), static_cast<int>(r.y + y), r.width, r.height, imageWidth, -1);
+        box.intensity = intensity;
+        box.bgIntensity = bgIntensity;
+        box.centroidX = m.m10 / m.m00 + x;
+        box.centroidY = m.m01 / m.m00 + y;
+        box.region = 0;
+        found.push_back(box);
+    }
+    return found;
+}

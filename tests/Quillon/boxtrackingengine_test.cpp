@@ -1,0 +1,357 @@
+#include "fingerscene.h"
+
+#include "boxtrackingengine.h"
+#include "globalsettings.h"
+#include "transformgrid.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+constexpr int W = FingerScene::Width;
+constexpr int H = FingerScene::Height;
+
+// The blobs are the caller's; this frees them once a test has looked at them.
+struct Found {
+    AllBlobs all;
+    Found() = default;
+    Found(const Found&) = delete;
+    ~Found()
+    {
+        for (Blob* b : all.blobs.blobs)
+            delete b;
+    }
+    int size() const { return all.blobs.size(); }
+    Blob* at(int i) const { return all.blobs.blobs[std::size_t(i)]; }
+    // The blob nearest to p, or null.
+    Blob* near(const EVector& p, double within) const
+    {
+        Blob* best = nullptr;
+        for (Blob* b : all.blobs.blobs)
+            if ((b->center() - p).length() < within && (!best || (b->center() - p).length() < (best->center() - p).length()))
+                best = b;
+        return best;
+    }
+};
+
+// Settings that the tests change, put back after each.
+class FingerEngine : public ::testing::Test {
+protected:
+    GS* gs = GS::instance();
+    FingerScene scene;
+    std::unique_ptr<BoxTrackingEngine> engine;
+    std::unique_ptr<Calibration> calibration;
+
+    void SetUp() override
+    {
+        remember();
+        gs->regionalDeltaLimit = 8; // the working value; the default is a place holder
+        engine = std::make_unique<BoxTrackingEngine>(W, H, gs->boxFactor, gs->boxParameter);
+    }
+    void TearDown() override { restore(); }
+
+    // Calibrates as the system does after a calibration: lays the boxes, orders a full
+    // refresh, and lets learning and the refresh run over frames of the empty scene.
+    void calibrate()
+    {
+        calibration = scene.calibration();
+        engine->setCalibration(calibration.get(), gs->boxParameter);
+        engine->triggerBgRefresh(true, false);
+        settle();
+    }
+    void settle()
+    {
+        for (int i = 0; i < 200 && (engine->learnCount < engine->learnFrames || engine->updating ||
+                                    engine->updateCount < engine->updateFrames);
+             ++i) {
+            Found f;
+            std::vector<unsigned char> frame = scene.frame();
+            f.all = engine->processImage(frame.data(), false, false);
+            EXPECT_EQ(f.size(), 0) << "nothing is reported while the background is learned";
+        }
+        ASSERT_FALSE(engine->updating);
+    }
+    void detect(const std::vector<Finger>& fingers, Found& out, bool extended = false)
+    {
+        std::vector<unsigned char> frame = scene.frame(fingers);
+        out.all = engine->processImage(frame.data(), extended, false);
+    }
+
+private:
+    double blobFilterLeft, blobFilterRight, blobFilterTop, blobFilterBottom;
+    int deltaLimit, belowLimit, refreshLimit;
+    bool shadowEnabled;
+    void remember()
+    {
+        blobFilterLeft = gs->blobFilterLeft;
+        blobFilterRight = gs->blobFilterRight;
+        blobFilterTop = gs->blobFilterTop;
+        blobFilterBottom = gs->blobFilterBottom;
+        deltaLimit = gs->regionalDeltaLimit;
+        belowLimit = gs->regionalBelowLimit;
+        refreshLimit = gs->regionalRefreshLimit;
+        shadowEnabled = gs->shadowEnabled;
+    }
+    void restore()
+    {
+        gs->blobFilterLeft = blobFilterLeft;
+        gs->blobFilterRight = blobFilterRight;
+        gs->blobFilterTop = blobFilterTop;
+        gs->blobFilterBottom = blobFilterBottom;
+        gs->regionalDeltaLimit = deltaLimit;
+        gs->regionalBelowLimit = belowLimit;
+        gs->regionalRefreshLimit = refreshLimit;
+        gs->shadowEnabled = shadowEnabled;
+    }
+};
+
+TEST_F(FingerEngine, EachFingerIsReportedOnceWithinOnePixel)
+{
+    calibrate();
+    const std::vector<Finger> fingers = {{300, 200}, {960, 540}, {1600, 300}, {200, 950}, {1750, 980}, {1000, 120}};
+    for (int frame = 0; frame < 3; ++frame) {
+        Found f;
+        detect(fingers, f);
+        EXPECT_EQ(f.size(), int(fingers.size()));
+        for (const Finger& g : fingers) {
+            const EVector truth = scene.sensorOf(g);
+            int seen = 0;
+            for (int i = 0; i < f.size(); ++i)
+                seen += (f.at(i)->center() - truth).length() < 10 ? 1 : 0;
+            EXPECT_EQ(seen, 1) << "finger at " << g.screenX << "," << g.screenY;
+            Blob* b = f.near(truth, 10);
+            ASSERT_NE(b, nullptr);
+            EXPECT_NEAR(b->x, truth.x, 1.0);
+            EXPECT_NEAR(b->y, truth.y, 1.0);
+        }
+    }
+}
+
+TEST_F(FingerEngine, NothingIsReportedWhileLearningEvenWithFingers)
+{
+    calibration = scene.calibration();
+    engine->setCalibration(calibration.get(), gs->boxParameter);
+    engine->triggerBgRefresh(true, false);
+    for (int i = 0; i < gs->stylusBgFrames; ++i) {
+        Found f;
+        detect({{960, 540, 10, 240}}, f);
+        EXPECT_EQ(f.size(), 0);
+    }
+    EXPECT_EQ(engine->learnCount, engine->learnFrames);
+}
+
+TEST_F(FingerEngine, WhatIsNoFingerIsNotReported)
+{
+    // Reflections that are there from the start are learned as background.
+    scene.reflections = {{200, 150, 12, 180}, {520, 300, 8, 220}};
+    gs->blobFilterLeft = 0.85; // the accepted region leaves out the left 15 % of the screen
+    calibrate();
+    const Finger finger{1200, 600};
+    const Finger large{700, 400, 40, 200};
+    const Finger outside{100, 500};
+    const EVector fingerAt = scene.sensorOf(finger);
+    const EVector largeAt = scene.sensorOf(large);
+    const EVector outsideAt = scene.sensorOf(outside);
+
+    Found f;
+    detect({finger, large, outside}, f);
+    EXPECT_EQ(f.size(), 1);
+    EXPECT_NE(f.near(fingerAt, 1.0), nullptr);
+    EXPECT_EQ(f.near(largeAt, 20), nullptr) << "larger than a finger";
+    EXPECT_EQ(f.near(outsideAt, 20), nullptr) << "outside the screen polygon";
+    EXPECT_EQ(f.near(EVector(200, 150), 20), nullptr) << "learned reflection";
+    EXPECT_EQ(f.near(EVector(520, 300), 20), nullptr) << "learned reflection";
+
+    // The same spot inside the accepted region is a touch.
+    Found inside;
+    detect({{400, 500}}, inside);
+    EXPECT_EQ(inside.size(), 1);
+
+    // A flood of light fires far more than 255 boxes: the frame is dropped whole.
+    scene.ambientArea = cv::Rect(0, 0, W, H);
+    scene.ambient = 150;
+    Found flood;
+    detect({finger}, flood);
+    EXPECT_EQ(flood.size(), 0);
+}
+
+TEST_F(FingerEngine, ASpotInTheLightShadowOfAnotherIsErased)
+{
+    calibrate();
+    // Find the screen offset that puts a second finger straight above the first in the image.
+    const Finger lower{960, 700};
+    const EVector at = scene.sensorOf(lower);
+    auto above = [&](double pixels) {
+        Finger f = lower;
+        for (int i = 0; i < 60; ++i) {
+            const EVector s = scene.sensorOf(f);
+            f.screenY += (at.y - pixels - s.y) * 2.0;
+            f.screenX += (at.x - s.x) * 2.0;
+        }
+        return f;
+    };
+    Found close;
+    detect({lower, above(20)}, close);
+    ASSERT_EQ(close.size(), 1) << "the upper spot of two, 20 pixels apart, is in the lower one's shadow";
+    EXPECT_NEAR(close.at(0)->y, at.y, 1.0);
+
+    Found apart;
+    detect({lower, above(32)}, apart);
+    EXPECT_EQ(apart.size(), 2) << "beyond the shadow distance both stay";
+
+    // Side by side at the same distance both are kept.
+    Finger beside = lower;
+    beside.screenX += 60;
+    Found sideBySide;
+    detect({lower, beside}, sideBySide);
+    EXPECT_EQ(sideBySide.size(), 2);
+}
+
+TEST_F(FingerEngine, SlowAmbientChangeRefreshesItsRegionWithoutTouches)
+{
+    calibrate();
+    // One region of the 4 by 4: grid cell (1, 2) of the screen.
+    const EVector a = scene.sensorOf(1920 * 0.25, 1080 * 0.5), b = scene.sensorOf(1920 * 0.5, 1080 * 0.75);
+    scene.ambientArea = cv::Rect(cv::Point(int(a.x) + 12, int(a.y) + 12), cv::Point(int(b.x) - 12, int(b.y) - 12));
+    const int region = 1 + 2 * gs->boxStride;
+
+    auto backgroundOf = [&](int r) {
+        double sum = 0;
+        int n = 0;
+        for (const ScanBox& box : engine->boxes)
+            if (box.region == r) {
+                sum += box.bgIntensity;
+                ++n;
+            }
+        return sum / n;
+    };
+    const double before = backgroundOf(region), otherBefore = backgroundOf(0);
+    bool refreshed = false;
+    for (int level = 1; level <= 60; ++level) {
+        scene.ambient = level;
+        Found f;
+        detect({}, f);
+        EXPECT_EQ(f.size(), 0) << "at ambient " << level;
+        for (int r : engine->regionsToUpdate) {
+            EXPECT_NE(r, 0);
+            refreshed = refreshed || r == region;
+        }
+    }
+    EXPECT_TRUE(refreshed);
+    EXPECT_GT(backgroundOf(region), before + 30) << "the region has learned the brighter light";
+    EXPECT_EQ(backgroundOf(0), otherBefore) << "a region far from the change keeps its background";
+
+    // Once the light holds still and the refresh is over, a finger there is found again.
+    for (int i = 0; i < 10; ++i) {
+        Found quiet;
+        detect({}, quiet);
+        EXPECT_EQ(quiet.size(), 0);
+    }
+    EXPECT_FALSE(engine->updating);
+    Found f;
+    detect({{1920 * 0.375, 1080 * 0.625}}, f);
+    EXPECT_EQ(f.size(), 1);
+}
+
+TEST_F(FingerEngine, SetUpLaysBoxesOverTheScreenAndWritesTheFingerZone)
+{
+    calibrate();
+    EXPECT_FALSE(engine->cameraInverted) << "the top edge is the longer one";
+    EXPECT_FALSE(engine->shiftInverted);
+    EXPECT_NEAR((gs->cornerTopLeft - scene.sensorOf(960, 0)).length(), 0, 2.0);
+    EXPECT_NEAR((gs->cornerTopRight - scene.sensorOf(1920, 1080)).length(), 0, 2.0);
+    EXPECT_NEAR((gs->cornerBottomRight - scene.sensorOf(0, 0)).length(), 0, 2.0);
+    EXPECT_NEAR((gs->cornerBottomLeft - scene.sensorOf(1920, 0)).length(), 0, 2.0);
+    EXPECT_DOUBLE_EQ(gs->distanceScale, (gs->cornerTopLeft - gs->cornerTopRight).length());
+
+    const int n = gs->boxParameter;
+    ASSERT_EQ(int(engine->boxes.size()), n * n) << "the whole screen lies in the frame";
+    // Raster order, each box centred on the image of its grid point, in its region.
+    for (int gy : {0, 37, 120, 199})
+        for (int gx : {0, 51, 150, 199}) {
+            const ScanBox& box = engine->boxes[std::size_t(gy * n + gx)];
+            const EVector truth = scene.sensorOf(1920.0 * gx / n, 1080.0 * gy / n);
+            EXPECT_NEAR(box.centerX, truth.x, 2.0);
+            EXPECT_NEAR(box.centerY, truth.y, 2.0);
+            EXPECT_EQ(box.centerIndex, int(box.centerX) + int(box.centerY) * W);
+            const int rx = gx > 0 ? (gx - 1) * 4 / n : 0, ry = gy > 0 ? (gy - 1) * 4 / n : 0;
+            EXPECT_EQ(box.region, rx + ry * 4) << gx << "," << gy;
+            EXPECT_GE(box.width, 20.0);
+            EXPECT_EQ(box.width, box.height);
+        }
+    // Thresholds by position: highest along the near edge, cut down in the finger zone's bottom corners.
+    const ScanBox& near = engine->boxes[std::size_t(2 * n + n / 2)];
+    const ScanBox& middle = engine->boxes[std::size_t(n / 2 * n + n / 2)];
+    const ScanBox& farCorner = engine->boxes[std::size_t(3 * n + 3)];
+    EXPECT_GT(near.threshold, middle.threshold);
+    EXPECT_LT(farCorner.threshold, gs->fingerThreshold);
+    EXPECT_EQ(middle.bgIntensity == 0, false) << "the refresh has filled the backgrounds";
+
+    // A camera below the screen sees the bottom edge longer.
+    FingerScene flipped;
+    flipped.corners = {68, 30, 684, 30, 712, 452, 40, 452};
+    auto cal = flipped.calibration();
+    engine->setCalibration(cal.get(), n);
+    EXPECT_TRUE(engine->cameraInverted);
+    EXPECT_NEAR((gs->cornerTopLeft - flipped.sensorOf(960, 1080)).length(), 0, 2.0);
+    EXPECT_NEAR((gs->cornerTopRight - flipped.sensorOf(1920, 0)).length(), 0, 2.0);
+    EXPECT_EQ(engine->learnCount, 0) << "learning starts anew";
+    for (const ScanBox& box : engine->boxes)
+        ASSERT_EQ(box.bgIntensity, 0);
+}
+
+TEST_F(FingerEngine, ShiftTablesApplyExceptInExtendedMode)
+{
+    std::vector<EVector> shifts(9, EVector(4, -3));
+    engine->setFingerTouchShifts(shifts);
+    calibrate();
+    Found normal;
+    detect({{960, 540}}, normal);
+    ASSERT_EQ(normal.size(), 1);
+    EXPECT_EQ(normal.at(0)->hasShift, 1);
+    EXPECT_DOUBLE_EQ(normal.at(0)->xShift, 4);
+    EXPECT_DOUBLE_EQ(normal.at(0)->yShift, -3);
+
+    Found extended;
+    detect({{960, 540}}, extended, true);
+    ASSERT_EQ(extended.size(), 1);
+    EXPECT_EQ(extended.at(0)->hasShift, 0);
+    EXPECT_NEAR(extended.at(0)->x, normal.at(0)->x, 0.5);
+}
+
+TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
+{
+    calibrate();
+    const std::vector<Finger> fingers = {{600, 500}, {1400, 700}};
+    std::vector<unsigned char> plain = scene.frame(fingers);
+    std::vector<unsigned char> drawn = plain;
+    std::vector<unsigned char> original = plain;
+    Found a, b;
+    a.all = engine->processImage(plain.data(), false, false);
+    b.all = engine->processImage(drawn.data(), false, true);
+    ASSERT_EQ(a.size(), 2);
+    ASSERT_EQ(b.size(), 2);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_DOUBLE_EQ(a.at(i)->x, b.at(i)->x);
+        EXPECT_DOUBLE_EQ(a.at(i)->y, b.at(i)->y);
+    }
+    // Without the overlay the firing boxes are blanked in the caller's frame.
+    const Blob* first = a.at(0);
+    EXPECT_EQ(plain[std::size_t(int(first->y)) * W + int(first->x)], 0);
+    // With it the frame is the untouched one plus the drawing: labels above each blob.
+    EXPECT_EQ(drawn[std::size_t(int(first->y)) * W + int(first->x)], 255) << "centre dot";
+    int labelPixels = 0, changedFarAway = 0;
+    for (int y = int(first->y) - 30; y < int(first->y) - 18; ++y)
+        for (int x = int(first->x); x < int(first->x) + 100; ++x)
+            labelPixels += drawn[std::size_t(y) * W + x] == 255 ? 1 : 0;
+    EXPECT_GT(labelPixels, 20);
+    const EVector quiet = scene.sensorOf(1600, 250);
+    for (int y = int(quiet.y) - 20; y < int(quiet.y) + 20; ++y)
+        for (int x = int(quiet.x) - 20; x < int(quiet.x) + 20; ++x)
+            changedFarAway += drawn[std::size_t(y) * W + x] != original[std::size_t(y) * W + x] ? 1 : 0;
+    EXPECT_EQ(changedFarAway, 0);
+}
+
+} // namespace

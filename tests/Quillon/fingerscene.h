@@ -1,0 +1,124 @@
+#pragma once
+
+// Finger scenes for the box engine tests, described by what is in them: a screen seen by the
+// sensor through a projective map and the factory lens, a dark laser-curtain background with
+// noise, fixed reflections, extra ambient light on a patch, and finger spots at screen positions.
+
+#include "calibration.h"
+#include "evector.h"
+#include "lensmodel.h"
+#include "screenprojection.h"
+
+#include <opencv2/core.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+struct Finger {
+    double screenX, screenY;
+    double diameter = 10; // sensor pixels, about four standard deviations of the profile
+    double peak = 190;    // above the background
+};
+
+// A fixed bright spot on the surface, in sensor pixels.
+struct Reflection {
+    double x, y, diameter, peak;
+};
+
+class FingerScene {
+public:
+    static constexpr int Width = 752;
+    static constexpr int Height = 480;
+
+    double screenWidth = 1920, screenHeight = 1080;
+    // Sensor positions of the screen's top left, top right, bottom right and bottom left.
+    // The top edge is the longer one: the camera sits above the screen's top.
+    std::array<double, 8> corners{40, 30, 712, 30, 684, 452, 68, 452};
+    bool factoryLens = true;
+    int background = 12;
+    int noise = 6; // uniform, 0..noise on top of the background
+    std::vector<Reflection> reflections;
+    cv::Rect ambientArea; // extra ambient light, in sensor pixels
+    int ambient = 0;
+
+    explicit FingerScene(unsigned seed = 3) : rng(seed) {}
+
+    const ScreenProjection& projection()
+    {
+        if (!projector) {
+            LensModel lens;
+            std::string error;
+            if (factoryLens)
+                lens.loadFiles(std::string(VELORA_SOURCE_DIR) + "/config/intrinsic.xml",
+                               std::string(VELORA_SOURCE_DIR) + "/config/distortion.xml", error);
+            projector = std::make_unique<ScreenProjection>(screenWidth, screenHeight, corners.data(), lens);
+        }
+        return *projector;
+    }
+
+    EVector sensorOf(double sx, double sy)
+    {
+        double x = 0, y = 0;
+        projection().toSensor(sx, sy, x, y);
+        return EVector(x, y);
+    }
+    EVector sensorOf(const Finger& f) { return sensorOf(f.screenX, f.screenY); }
+
+    // What a calibration procedure would have recorded: the dots of a cols by cols layout,
+    // seen where the scene puts them.
+    std::unique_ptr<Calibration> calibration(int cols = 5, double margin = 0.05)
+    {
+        std::vector<EVector> dummy(std::size_t(cols) * cols);
+        Calibration layout(cols, cols, dummy, {}, margin, margin, 0, false, false);
+        std::vector<EVector> src;
+        for (const EVector& d : layout.calcDstPoints(screenWidth, screenHeight))
+            src.push_back(sensorOf(d.x, d.y));
+        return std::make_unique<Calibration>(cols, cols, src, std::vector<EVector>{}, margin, margin, 0, false, true);
+    }
+
+    std::vector<unsigned char> frame(const std::vector<Finger>& fingers = {})
+    {
+        std::vector<unsigned char> f(std::size_t(Width) * Height);
+        std::uniform_int_distribution<int> n(0, noise);
+        for (auto& p : f)
+            p = static_cast<unsigned char>(background + n(rng));
+        if (ambient != 0) {
+            const cv::Rect a = ambientArea & cv::Rect(0, 0, Width, Height);
+            for (int y = a.y; y < a.y + a.height; ++y)
+                for (int x = a.x; x < a.x + a.width; ++x) {
+                    unsigned char& p = f[std::size_t(y) * Width + x];
+                    p = static_cast<unsigned char>(std::clamp(p + ambient, 0, 255));
+                }
+        }
+        for (const Reflection& r : reflections)
+            spot(f, r.x, r.y, r.diameter, r.peak);
+        for (const Finger& g : fingers) {
+            const EVector s = sensorOf(g);
+            spot(f, s.x, s.y, g.diameter, g.peak);
+        }
+        return f;
+    }
+
+    static void spot(std::vector<unsigned char>& f, double cx, double cy, double diameter, double peak)
+    {
+        const double sigma = diameter / 4.0;
+        const int reach = static_cast<int>(std::ceil(4 * sigma)) + 1;
+        for (int y = int(cy) - reach; y <= int(cy) + reach; ++y)
+            for (int x = int(cx) - reach; x <= int(cx) + reach; ++x) {
+                if (x < 0 || y < 0 || x >= Width || y >= Height)
+                    continue;
+                const double r2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
+                unsigned char& p = f[std::size_t(y) * Width + x];
+                p = static_cast<unsigned char>(std::min(255.0, p + peak * std::exp(-r2 / (2 * sigma * sigma))));
+            }
+    }
+
+private:
+    std::mt19937 rng;
+    std::unique_ptr<ScreenProjection> projector;
+};
