@@ -21,6 +21,13 @@
 
 ActivePen::~ActivePen()
 {
+    // The tracked lists hold the blobs that matching keeps alive between frames.
+    for (BlobList* list : {blobs, outsideBlobs})
+        if (list)
+            for (Blob* b : list->blobs)
+                delete b;
+    if (fingerEngine)
+        delete fingerEngine->blobFilter;
     delete fingerEngine;
     delete stylusEngine;
     delete grid;
