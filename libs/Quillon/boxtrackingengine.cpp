@@ -312,7 +312,9 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
 {
     idle = false;
     result.clear();
-    if (!image || !image->data || boxes.empty() || paused) {
+    // paused first: once it is seen clear, a waiting setCalibration has not begun to
+    // change the boxes and will wait for idle.
+    if (paused || !image || !image->data || boxes.empty()) {
         idle = true;
         return result;
     }
@@ -325,6 +327,7 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
     if (learnCount < learnFrames) {
         triggerUpdateBackground(image);
         ++learnCount;
+        idle = true;
         return result;
     }
     if (!backgroundScaled) {
