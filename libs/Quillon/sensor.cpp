@@ -590,11 +590,12 @@ void drainTransfers(Sensor* s)
     }
 }
 
-// The image thread must be off the buffers before they go.
+// The image thread must be off the buffers before they go. It keeps off them for good once
+// it has seen stopping, which was set before this; reconfiguring is no help here, since a
+// window change running on another thread clears it when it ends.
 void parkImageThread(Sensor* s)
 {
     s->imageThreadIdle = false;
-    s->reconfiguring = true;
     for (int round = 0; round < 100 && !s->imageThreadIdle; ++round)
         ::usleep(10000);
 }
@@ -694,7 +695,7 @@ void* imgTransfer(void* sensor)
         // The ring exists once the USB thread has made it and opened the control path.
         if (s->asyncControl) {
             for (int k = 0; k < s->bufferCount; ++k) {
-                if (s->reconfiguring) {
+                if (s->reconfiguring || s->stopping) {
                     s->imageThreadIdle = true;
                     continue;
                 }

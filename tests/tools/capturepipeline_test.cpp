@@ -1,0 +1,245 @@
+// The real Sensor and both frame threads against the emulated sensor, through the sensor
+// probe: what the device received, and which frames reached the frame callback and how.
+#include "emulatedrun.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+namespace {
+
+using Write = EmulatedRun::Write;
+
+Write reg(int r, int v)
+{
+    return {0, false, "reg", r, v, 0};
+}
+
+Write out(int mask, int level, int length)
+{
+    return {0, false, "out", mask, level, length};
+}
+
+// Register and output writes as pairs: every one must come twice in a row.
+std::vector<Write> pairedWrites(const std::vector<Write>& all, std::vector<Write>* firstOfPair = nullptr)
+{
+    std::vector<Write> w;
+    for (const Write& x : all)
+        if (x.kind == "reg" || x.kind == "out")
+            w.push_back(x);
+    std::vector<Write> once;
+    for (size_t i = 0; i < w.size(); i += 2) {
+        EXPECT_LT(i + 1, w.size()) << "a lone last write";
+        if (i + 1 >= w.size())
+            break;
+        EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " (" << w[i].kind << " " << w[i].a << " " << w[i].b
+                                      << ") not repeated: next is " << w[i + 1].kind << " " << w[i + 1].a << " "
+                                      << w[i + 1].b;
+        once.push_back(w[i]);
+        if (firstOfPair)
+            firstOfPair->push_back(w[i]);
+    }
+    return once;
+}
+
+// Where `part` occurs in `all` as a contiguous run from `from` on, or npos.
+size_t findRun(const std::vector<Write>& all, const std::vector<Write>& part, size_t from = 0)
+{
+    for (size_t i = from; i + part.size() <= all.size(); ++i)
+        if (std::equal(part.begin(), part.end(), all.begin() + static_cast<long>(i)))
+            return i;
+    return std::string::npos;
+}
+
+// Every frame the callback saw was sent whole by the device and shows its window, after
+// binning, at its place in the full frame with black around it. The exception: a buffer that
+// waited in the ring while the geometry changed is cleared and delivered once the change is
+// over, with its old length; it blanks the top of the frame, or all of it. At most one per
+// buffer and change.
+void expectSeenFramesMatchWhatWasSent(const EmulatedRun& run, size_t atLeast, size_t changes = 0)
+{
+    const auto sent = run.truth();
+    const auto seen = run.records();
+    ASSERT_GE(seen.size(), atLeast);
+    std::set<long> once;
+    size_t cleared = 0;
+    for (const auto& r : seen) {
+        const auto it = sent.find(r.stamp);
+        const bool whole = it != sent.end() && r.x == it->second.x / it->second.binX
+            && r.y == it->second.y / it->second.binY;
+        if (r.w == 0 || !whole) {
+            ++cleared;
+            continue;
+        }
+        const auto& s = it->second;
+        EXPECT_EQ(s.bytes, (s.w / s.binX) * (s.h / s.binY)) << "a short frame was delivered: " << r.stamp;
+        EXPECT_EQ(r.w, s.w / s.binX) << r.stamp;
+        EXPECT_EQ(r.h, s.h / s.binY) << r.stamp;
+        // The ring is served in index order, so a late frame may overtake; none comes twice.
+        EXPECT_TRUE(once.insert(r.stamp).second) << "frame " << r.stamp << " delivered twice";
+    }
+    EXPECT_LE(cleared, 4 * changes);
+}
+
+} // namespace
+
+TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWindowArithmetic)
+{
+    EmulatedRun run("stamp on\n");
+    std::ofstream(run.path("sensor.conf")) << "# start-up registers\nREG= 0005, 061\nREG= 0006, 017\n"
+                                              "REG= 0021, 123\nREG= 000B, 030\n";
+    // 0.4 rounds to 0: window minima and the blanking formula, yet not exactly 0, so the
+    // once-a-second regulator stays out of the way of the writes checked here.
+    run.startProbe({"--sensor", QString::fromStdString(run.path("sensor.conf")), "--factor", "0.4"},
+                   {"minimum", "100", "100", "window", "-5", "-5", "3", "3", "window", "745", "0", "100", "100",
+                    "binning", "3", "0", "exposure", "45", "laser", "1", "laser", "0", "filter", "1", "filter", "0",
+                    "frames", "3", "stop"});
+    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+
+    const auto all = run.writes();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.front().kind, "start");
+    std::vector<Write> firsts;
+    const auto w = pairedWrites(all, &firsts);
+
+    // The device always runs with the fixed blanking, whatever was asked.
+    for (const Write& x : w) {
+        if (x.kind == "reg" && x.a == 5) {
+            EXPECT_EQ(x.b, 999);
+        }
+        if (x.kind == "reg" && x.a == 6) {
+            EXPECT_EQ(x.b, 47);
+        }
+    }
+    // The register file, in its order, before the stream's threads ran.
+    const size_t conf = findRun(w, {reg(5, 999), reg(6, 47), reg(33, 123), reg(11, 30)});
+    ASSERT_EQ(conf, 0u);
+    for (size_t i = 0; i < 8; ++i)
+        EXPECT_FALSE(all[1 + i].async);
+
+    // (-5, -5, 3, 3) with the minima 100 x 100 is a 100 x 100 window at the origin; a window
+    // at x 745 is pushed back into the 752 columns.
+    const size_t first = findRun(w, {reg(1, 1), reg(2, 4), reg(3, 100), reg(4, 100)});
+    const size_t second = findRun(w, {reg(1, 653), reg(2, 4), reg(3, 100), reg(4, 100)}, first + 1);
+    ASSERT_NE(first, std::string::npos);
+    ASSERT_NE(second, std::string::npos);
+    // Binning 3 x 0 is 4 rows by 1 column: register 13 gets 2, and the window is set again.
+    const size_t binning = findRun(w, {reg(13, 2)}, second);
+    ASSERT_NE(binning, std::string::npos);
+    EXPECT_NE(findRun(w, {reg(1, 653), reg(2, 4), reg(3, 100), reg(4, 100)}, binning), std::string::npos);
+    EXPECT_NE(findRun(w, {reg(11, 45), reg(27, 0), reg(27, 2)}, binning), std::string::npos);
+    // Filter to the picture, then back to tracking: each a rising and a falling pulse, three
+    // data bytes once the stream runs.
+    const size_t filter = findRun(w, {out(128, 1, 3), out(128, 0, 3), out(64, 1, 3), out(64, 0, 3)});
+    ASSERT_NE(filter, std::string::npos);
+
+    // Pauses of the pulses: 50 ms after every output write, 100 ms after each level.
+    std::vector<Write> outs;
+    for (const Write& x : all)
+        if (x.kind == "out")
+            outs.push_back(x);
+    ASSERT_EQ(outs.size(), 8u);
+    for (size_t i = 1; i < outs.size(); ++i) {
+        const double gap = outs[i].t - outs[i - 1].t;
+        EXPECT_GE(gap, i % 2 ? 0.049 : 0.149) << "before output write " << i;
+    }
+
+    // The device streams the last geometry: 100 x 100 at (652, 0), 4 rows binned to one.
+    const auto sent = run.truth();
+    ASSERT_FALSE(sent.empty());
+    const auto& lastSent = sent.rbegin()->second;
+    EXPECT_EQ(lastSent.x, 652);
+    EXPECT_EQ(lastSent.y, 0);
+    EXPECT_EQ(lastSent.w, 100);
+    EXPECT_EQ(lastSent.h, 100);
+    EXPECT_EQ(lastSent.binX, 1);
+    EXPECT_EQ(lastSent.binY, 4);
+    EXPECT_EQ(lastSent.bytes, 2500);
+    const auto seen = run.records();
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back().x, 652);
+    EXPECT_EQ(seen.back().w, 100);
+    EXPECT_EQ(seen.back().h, 25);
+}
+
+TEST(CapturePipeline, WindowAndBinningChangesWhileStreamingShowOnlyFramesOfTheNewGeometry)
+{
+    EmulatedRun run("stamp on\n");
+    run.startProbe({}, {"frames", "10", "window", "100", "50", "200", "100", "frames", "10", "binning", "2", "2",
+                        "frames", "10", "window", "0", "0", "752", "480", "frames", "10", "binning", "1", "4", "frames", "10",
+                        "stop"});
+    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    expectSeenFramesMatchWhatWasSent(run, 40, 5);
+
+    // Each geometry reached the callback.
+    std::vector<std::array<int, 4>> boxes;
+    for (const auto& r : run.records())
+        if (r.w > 0 && (boxes.empty() || boxes.back() != std::array<int, 4>{r.x, r.y, r.w, r.h}))
+            boxes.push_back({r.x, r.y, r.w, r.h});
+    const std::vector<std::array<int, 4>> expected{
+        {0, 0, 752, 480}, {100, 50, 200, 100}, {50, 25, 100, 50}, {0, 0, 376, 240}, {0, 0, 188, 480}};
+    EXPECT_EQ(boxes, expected);
+    EXPECT_FALSE(run.output.contains("low data:")) << "frames of an older geometry are dropped without a word";
+}
+
+TEST(CapturePipeline, ShortFramesAreDroppedWithTheirLogLine)
+{
+    EmulatedRun run("stamp on\nfault short 0.6 0.3\n");
+    run.startProbe({}, {"sleep", "1300", "stop"});
+    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    EXPECT_TRUE(run.output.contains("low data: 180480  /  360960")) << qPrintable(run.output);
+    expectSeenFramesMatchWhatWasSent(run, 20);
+    // And the stream goes on after the fault.
+    const auto sent = run.truth();
+    EXPECT_GT(sent.at(run.records().back().stamp).t, 0.9);
+}
+
+TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
+{
+    EmulatedRun run("stamp on\n");
+    // 40 ms per frame at 120 frames a second: the ring of four fills and stays full.
+    run.startProbe({"--callback-us", "40000"}, {"sleep", "1500", "stop"});
+    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    const auto sent = run.truth();
+    const auto seen = run.records();
+    ASSERT_GE(seen.size(), 5u);
+    std::set<long> delivered;
+    long newest = 0;
+    for (const auto& r : seen) {
+        EXPECT_EQ(sent.count(r.stamp), 1u);
+        delivered.insert(r.stamp);
+        newest = std::max(newest, r.stamp);
+    }
+    // Transfers kept running while the ring was full: frames came whole and went nowhere.
+    size_t dropped = 0;
+    for (const auto& [frame, s] : sent)
+        if (frame < newest && !delivered.count(frame) && s.bytes == 752 * 480)
+            ++dropped;
+    EXPECT_GE(dropped, 10u);
+    EXPECT_FALSE(run.output.contains("low data:"));
+}
+
+// Also the run that the sanitizer builds check: 2,000 frames with the window and binning
+// changed every 100 frames, then a stop with the full clean-up.
+TEST(CapturePipeline, TwoThousandFramesWithWindowChangesAndACleanStop)
+{
+    EmulatedRun run("stamp on\nfps 240\n");
+    const QStringList windows[] = {{"window", "100", "50", "200", "100"},
+                                   {"binning", "2", "2"},
+                                   {"window", "0", "0", "752", "480"},
+                                   {"window", "300", "200", "400", "240"},
+                                   {"binning", "1", "1"}};
+    QStringList script;
+    for (int k = 0; k < 20; ++k)
+        script << windows[k % 5] << "frames" << "100";
+    script << "stop";
+    run.startProbe({}, script);
+    ASSERT_TRUE(run.finish(300000)) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output.right(4000));
+    EXPECT_TRUE(run.output.contains("cleaned up!"));
+    expectSeenFramesMatchWhatWasSent(run, 2000, 20);
+}

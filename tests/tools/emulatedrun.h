@@ -1,0 +1,226 @@
+#pragma once
+// One child process (velora or the sensor probe) run against the emulated sensor: a temp
+// folder with the scene and the emulator's files, the emulator preloaded, the output
+// collected, and readers for the protocol log, the ground truth and the probe's records.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QTemporaryDir>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+class EmulatedRun
+{
+public:
+    // One control request as the device received it.
+    struct Write {
+        double t = 0;
+        bool async = false;
+        std::string kind; // reg, out, start, clear-halt, ...
+        int a = 0, b = 0, c = 0;  // reg: register, value; out: mask, level, data length
+        bool operator==(const Write& o) const { return kind == o.kind && a == o.a && b == o.b && c == o.c; }
+    };
+    // One frame the device sent.
+    struct Sent {
+        double t = 0;
+        long long ns = 0;
+        int bytes = 0, x = 0, y = 0, w = 0, h = 0, binX = 1, binY = 1;
+    };
+    // One frame the probe's callback saw.
+    struct Seen {
+        long stamp = 0;
+        long long ns = 0;
+        int x = 0, y = 0, w = 0, h = 0;
+    };
+
+    QTemporaryDir dir;
+    QProcess process;
+    QString output;
+
+    explicit EmulatedRun(const std::string& scene)
+    {
+        std::ofstream(path("scene.txt")) << scene;
+        std::ofstream(path("cyusb.conf")) << "<VPD>\n1209 7e1a VeloraSensor\n</VPD>\n";
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("VELORA_EMU_SCENE", QString::fromStdString(path("scene.txt")));
+        env.insert("VELORA_EMU_LOG", QString::fromStdString(path("log.txt")));
+        env.insert("VELORA_EMU_TRUTH", QString::fromStdString(path("truth.txt")));
+        env.insert("LD_PRELOAD", QString::fromStdString(preload()));
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        process.setProcessEnvironment(env);
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.setWorkingDirectory(dir.path());
+    }
+
+    ~EmulatedRun()
+    {
+        if (process.state() != QProcess::NotRunning) {
+            process.kill();
+            process.waitForFinished();
+        }
+    }
+
+    std::string path(const std::string& name) const { return dir.filePath(QString::fromStdString(name)).toStdString(); }
+
+    void start(const QString& program, const QStringList& args)
+    {
+        process.setProgram(program);
+        process.setArguments(args);
+        process.start();
+        ASSERT_TRUE(process.waitForStarted());
+    }
+
+    // The sensor probe with the test's cyusb.conf, its records file, and a script.
+    void startProbe(const QStringList& options, const QStringList& script)
+    {
+        start(VELORA_PROBE, QStringList{"--cyusb", QString::fromStdString(path("cyusb.conf")), "--out",
+                                        QString::fromStdString(path("records.txt"))}
+                  + options + script);
+    }
+
+    // velora -v from a copy with the factory config/ beside it, as it is installed.
+    void startVelora()
+    {
+        const QString program = dir.filePath("velora");
+        ASSERT_TRUE(QFile::copy(VELORA_BINARY, program));
+        QDir().mkpath(dir.filePath("config"));
+        const QDir factory(VELORA_SOURCE_DIR "/config");
+        for (const QString& name : factory.entryList(QDir::Files))
+            ASSERT_TRUE(QFile::copy(factory.filePath(name), dir.filePath("config/" + name)));
+        start(program, {"-v"});
+    }
+
+    bool waitForOutput(const QString& text, int ms = 60000)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (!output.contains(text) && t.elapsed() < ms && process.state() == QProcess::Running) {
+            process.waitForReadyRead(50);
+            output += QString::fromLocal8Bit(process.readAll());
+        }
+        output += QString::fromLocal8Bit(process.readAll());
+        return output.contains(text);
+    }
+
+    // Waits for the end; false if it did not come.
+    bool finish(int ms = 120000)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (process.state() != QProcess::NotRunning && t.elapsed() < ms) {
+            process.waitForFinished(100);
+            output += QString::fromLocal8Bit(process.readAll());
+        }
+        output += QString::fromLocal8Bit(process.readAll());
+        return process.state() == QProcess::NotRunning;
+    }
+
+    bool endedCleanly() const
+    {
+        return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    }
+
+    std::vector<Write> writes() const
+    {
+        std::vector<Write> out;
+        for (const auto& w : words("log.txt")) {
+            if (w.size() < 3)
+                continue;
+            Write x;
+            x.t = std::stod(w[0]);
+            x.async = w[1] == "async";
+            x.kind = w[2];
+            if (x.kind == "reg" && w.size() >= 5) {
+                x.a = std::stoi(w[3]);
+                x.b = std::stoi(w[4]);
+            } else if (x.kind == "out" && w.size() >= 6) {
+                x.a = std::stoi(w[3]);
+                x.b = std::stoi(w[4]);
+                x.c = std::stoi(w[5]);
+            }
+            out.push_back(x);
+        }
+        return out;
+    }
+
+    std::map<long, Sent> truth() const
+    {
+        std::map<long, Sent> out;
+        for (const auto& w : words("truth.txt")) {
+            if (w.size() < 11 || w[0] != "F")
+                continue;
+            Sent s;
+            s.t = std::stod(w[2]);
+            s.ns = std::stoll(w[3]);
+            s.bytes = std::stoi(w[4]);
+            s.x = std::stoi(w[5]);
+            s.y = std::stoi(w[6]);
+            s.w = std::stoi(w[7]);
+            s.h = std::stoi(w[8]);
+            s.binX = std::stoi(w[9]);
+            s.binY = std::stoi(w[10]);
+            out[std::stol(w[1])] = s;
+        }
+        return out;
+    }
+
+    std::vector<Seen> records() const
+    {
+        std::vector<Seen> out;
+        for (const auto& w : words("records.txt")) {
+            if (w.size() < 7 || w[0] != "C")
+                continue;
+            out.push_back({std::stol(w[1]), std::stoll(w[2]), std::stoi(w[3]), std::stoi(w[4]), std::stoi(w[5]),
+                           std::stoi(w[6])});
+        }
+        return out;
+    }
+
+    std::string fileText(const std::string& name) const
+    {
+        std::ifstream in(path(name));
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+
+private:
+    std::vector<std::vector<std::string>> words(const std::string& name) const
+    {
+        std::vector<std::vector<std::string>> out;
+        std::ifstream in(path(name));
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream ws(line);
+            std::vector<std::string> w;
+            for (std::string s; ws >> s;)
+                w.push_back(s);
+            out.push_back(w);
+        }
+        return out;
+    }
+
+    // A sanitizer runtime must be loaded before the preloaded emulator: take the one this
+    // test runs with, if any.
+    static std::string preload()
+    {
+        std::string runtime;
+        std::ifstream maps("/proc/self/maps");
+        for (std::string line; std::getline(maps, line) && runtime.empty();) {
+            for (const char* name : {"libasan.so", "libtsan.so"}) {
+                const size_t at = line.find(name);
+                const size_t slash = line.find('/');
+                if (at != std::string::npos && slash != std::string::npos)
+                    runtime = line.substr(slash);
+            }
+        }
+        return runtime.empty() ? VELORA_EMULATOR_LIB : runtime + " " + VELORA_EMULATOR_LIB;
+    }
+};

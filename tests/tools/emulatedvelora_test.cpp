@@ -1,0 +1,107 @@
+// The velora program with the factory config/ against the emulated sensor: waiting for the
+// device, the start-up writes, streaming, and the end when the device is unplugged.
+#include "emulatedrun.h"
+
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QThread>
+
+namespace {
+
+QString statusFile()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/pensettings.ini";
+}
+
+QString readStatus()
+{
+    QFile f(statusFile());
+    return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll()) : QString();
+}
+
+std::vector<EmulatedRun::Write> registerAndOutputWrites(const EmulatedRun& run, bool onlyFirstOfPair)
+{
+    std::vector<EmulatedRun::Write> w;
+    for (const auto& x : run.writes())
+        if (x.kind == "reg" || x.kind == "out")
+            w.push_back(x);
+    if (!onlyFirstOfPair)
+        return w;
+    std::vector<EmulatedRun::Write> once;
+    for (size_t i = 0; i + 1 < w.size(); i += 2) {
+        EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " not repeated";
+        once.push_back(w[i]);
+    }
+    return once;
+}
+
+} // namespace
+
+TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
+{
+    QFile::remove(statusFile());
+    EmulatedRun run("appear 2.5\n");
+    run.startVelora();
+    ASSERT_TRUE(run.waitForOutput("No device connected.")) << qPrintable(run.output);
+    // The file is written afresh once a second: read it between two writes.
+    QElapsedTimer waiting;
+    waiting.start();
+    while (readStatus() != "Result=-1" && waiting.elapsed() < 10000)
+        QThread::msleep(20);
+    EXPECT_EQ(readStatus(), "Result=-1");
+    // It keeps asking, once a second, until the device is there.
+    ASSERT_TRUE(run.waitForOutput("Sensor connect done")) << qPrintable(run.output);
+    EXPECT_GE(run.output.count("No device connected."), 2) << qPrintable(run.output);
+    EXPECT_EQ(run.output.count("No device connected."), run.output.count("\"Result=-1\""));
+    ASSERT_TRUE(run.waitForOutput("FPS: ")) << qPrintable(run.output);
+    const QRegularExpression fps(R"(FPS:  (\d+)  data:  360960)");
+    const auto m = fps.match(run.output);
+    ASSERT_TRUE(m.hasMatch()) << qPrintable(run.output);
+    EXPECT_GT(m.captured(1).toInt(), 0);
+    // The start-up goes on beside the stream: its last write is the laser.
+    QElapsedTimer t;
+    t.start();
+    while (t.elapsed() < 30000 && registerAndOutputWrites(run, false).size() < 32)
+        QThread::msleep(50);
+    run.process.kill();
+    run.finish();
+
+    // The start-up as the device saw it, with the factory files: the register file, then
+    // exposure, binning with the whole window, the filter to tracking and the laser on.
+    using W = EmulatedRun::Write;
+    auto r = [](int reg, int value) { return W{0, false, "reg", reg, value, 0}; };
+    auto o = [](int mask, int level) { return W{0, false, "out", mask, level, 3}; };
+    const std::vector<W> expected{r(5, 999), r(6, 47),  r(11, 30),  r(13, 0),  r(27, 2),  r(11, 30),
+                                  r(13, 0),  r(5, 999), r(6, 47),   r(1, 1),   r(2, 4),   r(3, 480),
+                                  r(4, 752), o(64, 1),  o(64, 0),   r(27, 0)};
+    const auto all = run.writes();
+    ASSERT_FALSE(all.empty());
+    EXPECT_EQ(all.front().kind, "start");
+    const auto once = registerAndOutputWrites(run, true);
+    ASSERT_GE(once.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_TRUE(once[i] == expected[i]) << "write " << i << ": " << once[i].kind << " " << once[i].a << " "
+                                            << once[i].b;
+    EXPECT_FALSE(run.truth().empty());
+}
+
+TEST(EmulatedVelora, UnplugEndsTheProcessWithItsCleanUpStatusMinusOneAndExitStatusZero)
+{
+    QFile::remove(statusFile());
+    // The device goes quiet a little before, so that a transfer is surely in flight.
+    EmulatedRun run("fault timeout 3.0\nunplug 3.3\n");
+    run.startVelora();
+    // The emulator's clock starts at the start request: time the end from there.
+    QElapsedTimer sinceStart;
+    while (run.process.state() == QProcess::Running && run.writes().empty())
+        run.process.waitForFinished(10);
+    sinceStart.start();
+    ASSERT_TRUE(run.finish(60000)) << qPrintable(run.output);
+    EXPECT_LT(sinceStart.elapsed() / 1000.0 - 3.3, 2.0);
+    EXPECT_TRUE(run.endedCleanly()) << "exit " << run.process.exitCode() << "\n" << qPrintable(run.output);
+    const QRegularExpression order(
+        R"(low data: 0  /  360960(.|\n)*outside readusb loop(.|\n)*Free buffers(.|\n)*Clear halts and close libusb)"
+        R"((.|\n)*Sensor stopping done, all cleaned up!(.|\n)*Device plugged out, exit(.|\n)*"Result=-1")");
+    EXPECT_TRUE(order.match(run.output).hasMatch()) << qPrintable(run.output);
+    EXPECT_EQ(readStatus(), "Result=-1");
+}
