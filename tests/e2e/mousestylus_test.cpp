@@ -1,4 +1,4 @@
-// Fingers under the laser curtain in single-pointer mode on a private X server: each stroke
+// A stylus in single-pointer mode on a private X server: each stroke
 // and the tap must reach the server as one left press and release, with the pointer on the
 // drawn path throughout, and the touch device must stay silent.
 #include "endtoendrun.h"
@@ -6,15 +6,15 @@
 
 namespace {
 
-// Inside the test window (100, 100) to (900, 700) of the 1280x1024 desktop, so that every
-// button event lands on it.
+// Spots as large as in the multi-touch run, for the same reason. The strokes keep inside the
+// test window, (100, 100) to (900, 700) of the 1280x1024 desktop, so that every button event
+// lands on it.
 const char* const scene = R"(
 screen 1280 1024
 lens factory
-laser follow
-stroke finger 1.0 1.5 path 200,200 800,200
-tap    finger 3.5 0.2 at 500,450
-stroke finger 5.0 1.5 path 250,650 750,300
+stroke stylus 3.0 1.5 size 9 path 200,200 800,200
+tap    stylus 5.5 0.2 size 9 at 500,450
+stroke stylus 7.0 1.5 size 9 path 250,650 750,300
 )";
 
 struct XGesture {
@@ -22,7 +22,7 @@ struct XGesture {
     bool closed = false;
 };
 
-TEST(MouseFinger, EveryStrokeIsOneLeftDragOnItsPath)
+TEST(MouseStylus, EveryStrokeIsOneLeftDragOnItsPath)
 {
     XTestDesktop desktop;
     ASSERT_TRUE(desktop.start()) << desktop.failure;
@@ -55,7 +55,7 @@ TEST(MouseFinger, EveryStrokeIsOneLeftDragOnItsPath)
 
     EndToEndRun run;
     run.idle = readServer;
-    run.run(scene, 0, 0, 8.0, 1280, 1024);
+    run.run(scene, 1, 0, 10.0, 1280, 1024);
     ASSERT_TRUE(run.started);
     XSync(desktop.dpy, False);
     readServer();
