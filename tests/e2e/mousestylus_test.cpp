@@ -12,9 +12,9 @@ namespace {
 const char* const scene = R"(
 screen 1280 1024
 lens factory
-stroke stylus 3.0 1.5 size 9 path 200,200 800,200
-tap    stylus 5.5 0.2 size 9 at 500,450
-stroke stylus 7.0 1.5 size 9 path 250,650 750,300
+stroke stylus 6.0 1.5 size 9 path 200,200 800,200
+tap    stylus 8.5 0.2 size 9 at 500,450
+stroke stylus 10.0 1.5 size 9 path 250,650 750,300
 )";
 
 struct XGesture {
@@ -55,7 +55,7 @@ TEST(MouseStylus, EveryStrokeIsOneLeftDragOnItsPath)
 
     EndToEndRun run;
     run.idle = readServer;
-    run.run(scene, 1, 0, 10.0, 1280, 1024);
+    run.run(scene, 1, 0, 13.0, 1280, 1024);
     ASSERT_TRUE(run.started);
     XSync(desktop.dpy, False);
     readServer();
