@@ -58,7 +58,7 @@ bool BlobFacade::start()
         connect(ExitListener::instance(), &ExitListener::hasExited, this, &BlobFacade::onMenuExited);
 
     pointerController = new MultiPointerController();
-    pointerController->addPrimaryController(new TouchController());
+    pointerController->addPrimaryController(createPrimaryController());
     pointerController->enablePrimary();
     addBlobListener(pointerController);
 
@@ -122,6 +122,11 @@ bool BlobFacade::start()
         StatusWriter::instance()->write(-6);
     }
     return true;
+}
+
+IPointerController* BlobFacade::createPrimaryController()
+{
+    return new TouchController();
 }
 
 Calibration* BlobFacade::getCalibration()

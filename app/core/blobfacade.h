@@ -13,6 +13,7 @@ class ActivePen;
 class Blob;
 class Calibration;
 class IBlobListener;
+class IPointerController;
 class MultiPointerController;
 class Sensor;
 
@@ -86,6 +87,10 @@ public slots:
     void onMenuExited();
     // On a worker thread: puts the calibration of the present mode in force.
     void loadCalibration();
+
+protected:
+    // The output start() puts behind the pointer fan-out; a subclass may drive another device.
+    virtual IPointerController* createPrimaryController();
 
 private:
     // Guards only the vector itself, never a listener call: listeners call back in.

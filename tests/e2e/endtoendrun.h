@@ -1,0 +1,318 @@
+#pragma once
+// One run of the whole system against the emulated sensor: the test's scene, the calibration
+// the scene-calibration tool derives from it, the real sensor and frame threads, ActivePen and
+// the pointer output of BlobFacade, with the touch device replaced by a pipe the test decodes.
+// Afterwards the emulator's ground truth is read back for comparison.
+#include "blobfacade.h"
+#include "devicepipe.h"
+#include "globalsettings.h"
+#include "ibloblistener.h"
+#include "sensor.h"
+#include "touchcontroller.h"
+
+#include <QCoreApplication>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The touch device of the facade is the test's pipe.
+class PipeFacade : public BlobFacade {
+public:
+    PipeFacade(DevicePipe* device, int argc, char** argv) : BlobFacade(argc, argv), device(device) {}
+
+protected:
+    IPointerController* createPrimaryController() override { return new TouchController(device->makeTouch()); }
+
+private:
+    DevicePipe* device;
+};
+
+inline long long monotonicNs()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+
+// Registered after the pointer output: it hears of each blob just after the output handled it,
+// and keeps per frame (the emulator stamps its number into the first bytes) the last such time.
+class FrameClock : public IBlobListener {
+public:
+    void newBlob(Blob*, std::vector<Blob*>, unsigned char* image) override
+    {
+        if (!image)
+            return;
+        unsigned frame = unsigned(image[0]) | unsigned(image[1]) << 8 | unsigned(image[2]) << 16
+            | unsigned(image[3]) << 24;
+        const long long now = monotonicNs();
+        std::lock_guard<std::mutex> hold(lock);
+        handled[frame] = now;
+    }
+    void newBlobList(std::vector<Blob*>) override {}
+
+    std::map<unsigned, long long> times()
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        return handled;
+    }
+
+private:
+    std::mutex lock;
+    std::map<unsigned, long long> handled;
+};
+
+struct TruthSpot {
+    int id;
+    double x, y;
+};
+struct TruthFrame {
+    long long completionNs = 0;
+    std::vector<TruthSpot> spots;
+};
+
+// frame number -> what the emulator sent in it
+inline std::map<unsigned, TruthFrame> readTruth(const std::string& path)
+{
+    std::map<unsigned, TruthFrame> frames;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream s(line);
+        std::string tag;
+        unsigned frame;
+        s >> tag >> frame;
+        if (tag == "F") {
+            double seconds;
+            s >> seconds >> frames[frame].completionNs;
+        } else if (tag == "S") {
+            TruthSpot spot;
+            std::string kind;
+            double sensorX, sensorY, imageX, imageY;
+            int lit;
+            s >> spot.id >> kind >> spot.x >> spot.y >> sensorX >> sensorY >> imageX >> imageY >> lit;
+            if (lit)
+                frames[frame].spots.push_back(spot);
+        }
+    }
+    return frames;
+}
+
+// One contact on the touch device from its tracking id to its lift, in desktop pixels.
+struct Gesture {
+    int trackingId = -1;
+    std::vector<std::pair<double, double>> points;
+    bool closed = false;
+};
+
+// Decodes the slotted protocol as the kernel would: positions belong to the selected slot,
+// and a report commits the changed slots' positions.
+class GestureDecoder {
+public:
+    GestureDecoder(int width, int height) : width(width), height(height) {}
+
+    void feed(const std::vector<Ev>& events)
+    {
+        for (const Ev& e : events) {
+            if (e.type == EV_ABS && e.code == ABS_MT_SLOT) {
+                slot = e.value;
+            } else if (e.type == EV_ABS && e.code == ABS_MT_TRACKING_ID) {
+                // Every report of a contact names its id again; only a new id starts a contact.
+                if (e.value >= 0 && (!open.count(slot) || gestures[open[slot]].trackingId != e.value)) {
+                    if (open.count(slot))
+                        ++replacedContacts;
+                    open[slot] = gestures.size();
+                    gestures.push_back({e.value, {}, false});
+                } else if (e.value < 0 && open.count(slot)) {
+                    gestures[open[slot]].closed = true;
+                    open.erase(slot);
+                    changed.erase(slot);
+                }
+            } else if (e.type == EV_ABS && e.code == ABS_MT_POSITION_X) {
+                position[slot].first = toPixels(e.value, width);
+                changed[slot] = true;
+            } else if (e.type == EV_ABS && e.code == ABS_MT_POSITION_Y) {
+                position[slot].second = toPixels(e.value, height);
+                changed[slot] = true;
+            } else if (e.type == EV_SYN && e.code == SYN_REPORT) {
+                for (const auto& [s, yes] : changed)
+                    if (yes && open.count(s))
+                        gestures[open[s]].points.push_back(position[s]);
+                changed.clear();
+            } else {
+                ++foreignEvents;
+            }
+        }
+    }
+
+    std::vector<Gesture> gestures;
+    int foreignEvents = 0;
+    // Contacts that lost their slot without a lift.
+    int replacedContacts = 0;
+
+private:
+    static double toPixels(int units, int extent) { return double(units) * extent / Touch::MaxUnits; }
+
+    int width, height;
+    int slot = 0;
+    std::map<int, size_t> open;
+    std::map<int, std::pair<double, double>> position;
+    std::map<int, bool> changed;
+};
+
+// Distance from (x, y) to the path the spot with this id walked, frame by frame.
+inline double distanceToTrack(const std::vector<std::pair<double, double>>& track, double x, double y)
+{
+    double best = 1e18;
+    for (size_t i = 0; i < track.size(); ++i) {
+        const auto [ax, ay] = track[i];
+        const auto [bx, by] = i + 1 < track.size() ? track[i + 1] : track[i];
+        const double dx = bx - ax, dy = by - ay;
+        const double len2 = dx * dx + dy * dy;
+        double t = len2 > 0 ? ((x - ax) * dx + (y - ay) * dy) / len2 : 0;
+        t = std::clamp(t, 0.0, 1.0);
+        best = std::min(best, std::hypot(x - (ax + t * dx), y - (ay + t * dy)));
+    }
+    return best;
+}
+
+inline std::string programDir()
+{
+    char buf[4096];
+    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    std::string exe(buf, n > 0 ? size_t(n) : 0);
+    return exe.substr(0, exe.rfind('/'));
+}
+
+// Runs the scene to its end and leaves the touch device's events and the truth behind.
+class EndToEndRun {
+public:
+    std::string dir;
+    DevicePipe device;
+    std::vector<Ev> events;
+    std::map<unsigned, TruthFrame> truth;
+    std::map<unsigned, long long> handledAt;
+    bool started = false;
+    // Called often while the scene plays, on the test's thread.
+    std::function<void()> idle = [] {};
+
+    // inputMode 1 is the stylus, 0 the finger; pointerMode 1 multi-touch, 0 the single pointer.
+    void run(const std::string& scene, int inputMode, int pointerMode, double seconds, int width, int height)
+    {
+        const char* tmp = std::getenv("TMPDIR");
+        dir = std::string(tmp ? tmp : "/tmp") + "/e2e";
+        ASSERT_EQ(std::system(("mkdir -p " + dir).c_str()), 0);
+        std::ofstream(dir + "/scene.txt") << scene;
+        // The factory files are found beside the program, as the service finds its own.
+        ASSERT_EQ(chdir(programDir().c_str()), 0);
+        const std::string tool = std::string(VELORA_BINARY).substr(0, std::string(VELORA_BINARY).rfind('/'))
+            + "/velora-scene-calibration";
+        const std::string calibration = dir + "/calibration.ini";
+        ASSERT_EQ(std::system((tool + " " + dir + "/scene.txt " + calibration).c_str()), 0);
+        setenv("VELORA_EMU_SCENE", (dir + "/scene.txt").c_str(), 1);
+        setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
+
+        static char name[] = "velora", verbose[] = "-v";
+        char* argv[] = {name, verbose, nullptr};
+        facade = new PipeFacade(&device, 2, argv);
+        GS* gs = GS::instance();
+        gs->screenWidth = width;
+        gs->screenHeight = height;
+        gs->inputMode = inputMode;
+        gs->pointerMode = pointerMode;
+        // The whole frame keeps the emulator's frame stamp at the first bytes.
+        gs->autoWindow = false;
+        gs->stylusCalibrationPath = calibration;
+        gs->fingerCalibrationPath = calibration;
+        ASSERT_TRUE(facade->start());
+        started = true;
+        // The device record comes first; events follow it.
+        uinput_user_dev record;
+        ASSERT_TRUE(device.readRecord(&record));
+        facade->addBlobListener(&clock);
+
+        const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        while (std::chrono::steady_clock::now() < until) {
+            QCoreApplication::processEvents();
+            drain();
+            idle();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        stop();
+        truth = readTruth(dir + "/truth.txt");
+        handledAt = clock.times();
+    }
+
+    // Each spot's path over the run, in desktop pixels.
+    std::map<int, std::vector<std::pair<double, double>>> tracks() const
+    {
+        std::map<int, std::vector<std::pair<double, double>>> out;
+        for (const auto& [frame, f] : truth)
+            for (const TruthSpot& s : f.spots)
+                out[s.id].emplace_back(s.x, s.y);
+        return out;
+    }
+
+    // Milliseconds from transfer completion to the pointer output, for frames with this many spots.
+    std::vector<double> latencies(size_t spots) const
+    {
+        std::vector<double> out;
+        for (const auto& [frame, at] : handledAt) {
+            auto f = truth.find(frame);
+            if (f != truth.end() && f->second.spots.size() == spots && f->second.completionNs > 0)
+                out.push_back((at - f->second.completionNs) / 1e6);
+        }
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+
+private:
+    PipeFacade* facade = nullptr;
+    FrameClock clock;
+
+    void drain()
+    {
+        std::vector<Ev> more = device.events();
+        events.insert(events.end(), more.begin(), more.end());
+    }
+
+    void stop()
+    {
+        QCoreApplication::processEvents();
+        facade->processing = false;
+        facade->removeBlobListener(&clock);
+        // The end of streaming would end the process; here only the threads are to stop.
+        facade->sensor->stoppedCallback = nullptr;
+        facade->sensor->stop();
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+        while (std::chrono::steady_clock::now() < until) {
+            QCoreApplication::processEvents();
+            idle();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        drain();
+        // The facade and what it owns stay, as in the service, which never takes them down;
+        // reachable, since the threads may still hold on to them.
+        static std::vector<PipeFacade*> kept;
+        kept.push_back(facade);
+    }
+};
+
+inline double percentile(const std::vector<double>& sorted, double p)
+{
+    if (sorted.empty())
+        return 0;
+    return sorted[std::min(sorted.size() - 1, size_t(p * double(sorted.size() - 1) + 0.5))];
+}

@@ -1,0 +1,96 @@
+// A stylus on a 1920x1080 screen in multi-touch mode: strokes, a tap and two strokes at once
+// must arrive on the touch device as one contact each, on the drawn path, and nothing else;
+// then 1, 5 and 10 spots at once give the latency from transfer to pointer output.
+#include "endtoendrun.h"
+
+#include <cstdio>
+
+namespace {
+
+// The box engine samples the picture on a sparse grid (several sensor pixels apart here), so a stylus
+// spot is drawn at that size; a smaller one slips between the samples now and then and its
+// stroke breaks in two. The strokes start well after the calibration is in force and the background is learnt,
+// also in the slower sanitizer builds.
+
+const char* const scene = R"(
+screen 1920 1080
+lens factory
+stamp on
+stroke stylus 6.0 2.5 size 9 path 300,300 1600,300
+tap    stylus 9.0 0.2 size 9 at 960,700
+stroke stylus 10.0 1.5 size 9 path 300,500 1500,500
+stroke stylus 10.0 1.5 size 9 path 1500,800 300,800
+stroke stylus 12.5 2.0 size 9 path 300,150 1600,150
+stroke stylus 12.5 2.0 size 9 path 300,350 1600,350
+stroke stylus 12.5 2.0 size 9 path 300,550 1600,550
+stroke stylus 12.5 2.0 size 9 path 300,750 1600,750
+stroke stylus 12.5 2.0 size 9 path 300,950 1600,950
+stroke stylus 15.5 2.5 size 9 path 250,110 1650,110
+stroke stylus 15.5 2.5 size 9 path 1650,200 250,200
+stroke stylus 15.5 2.5 size 9 path 250,290 1650,290
+stroke stylus 15.5 2.5 size 9 path 1650,380 250,380
+stroke stylus 15.5 2.5 size 9 path 250,470 1650,470
+stroke stylus 15.5 2.5 size 9 path 1650,560 250,560
+stroke stylus 15.5 2.5 size 9 path 250,650 1650,650
+stroke stylus 15.5 2.5 size 9 path 1650,740 250,740
+stroke stylus 15.5 2.5 size 9 path 250,830 1650,830
+stroke stylus 15.5 2.5 size 9 path 1650,920 250,920
+)";
+
+TEST(MultiTouchStylus, EveryStrokeIsOneContactOnItsPathAndLatencyIsReported)
+{
+    EndToEndRun run;
+    run.run(scene, 1, 1, 20.0, 1920, 1080);
+    ASSERT_TRUE(run.started);
+
+    {
+        unsigned prev = 0;
+        for (const auto& [frame, f] : run.truth) {
+            if (prev && frame != prev + 1)
+                std::printf("device lost frames %u..%u\n", prev + 1, frame - 1);
+            if (!f.spots.empty() && !run.handledAt.count(frame))
+                std::printf("frame %u with %zu spots never reached the output\n", frame, f.spots.size());
+            prev = frame;
+        }
+    }
+    GestureDecoder decoder(1920, 1080);
+    decoder.feed(run.events);
+    const auto tracks = run.tracks();
+    ASSERT_EQ(tracks.size(), 19u) << "the emulator drew fewer spots than the scene has";
+
+    EXPECT_EQ(decoder.foreignEvents, 0);
+    EXPECT_EQ(decoder.replacedContacts, 0);
+    EXPECT_EQ(decoder.gestures.size(), tracks.size()) << "every stroke one contact, no contact without a stroke";
+    std::map<int, int> contactsPerStroke;
+    for (const Gesture& g : decoder.gestures) {
+        EXPECT_TRUE(g.closed) << "contact " << g.trackingId << " left open";
+        ASSERT_FALSE(g.points.empty());
+        // The stroke a contact belongs to is the one its first report lies on.
+        int stroke = -1;
+        double nearest = 1e18;
+        for (const auto& [id, track] : tracks) {
+            const double d = distanceToTrack(track, g.points.front().first, g.points.front().second);
+            if (d < nearest) {
+                nearest = d;
+                stroke = id;
+            }
+        }
+        ++contactsPerStroke[stroke];
+        double worst = 0;
+        for (const auto& [x, y] : g.points)
+            worst = std::max(worst, distanceToTrack(tracks.at(stroke), x, y));
+        EXPECT_LE(worst, 3.0) << "contact " << g.trackingId << " strays from stroke " << stroke;
+    }
+    for (const auto& [id, track] : tracks)
+        EXPECT_EQ(contactsPerStroke[id], 1) << "stroke " << id;
+
+    for (size_t spots : {1u, 5u, 10u}) {
+        const std::vector<double> ms = run.latencies(spots);
+        // Slow builds lose frames at the device; some of each kind must still get through.
+        EXPECT_GE(ms.size(), 20u) << spots << " spots: too few frames reached the output";
+        std::printf("latency with %zu spots: median %.2f ms, 99th percentile %.2f ms over %zu frames\n", spots,
+                    percentile(ms, 0.5), percentile(ms, 0.99), ms.size());
+    }
+}
+
+} // namespace
