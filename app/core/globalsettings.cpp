@@ -14,10 +14,25 @@
 
 #include <array>
 #include <clocale>
+#include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 
 namespace {
+
+// A number written in the file that no int can hold stops at the nearest end of the
+// range instead of being undefined; text that is not a number is 0 already.
+int toInt(double value)
+{
+    if (std::isnan(value))
+        return 0;
+    if (value <= double(std::numeric_limits<int>::min()))
+        return std::numeric_limits<int>::min();
+    if (value >= double(std::numeric_limits<int>::max()))
+        return std::numeric_limits<int>::max();
+    return static_cast<int>(value);
+}
 
 // What one line of velora.conf sets. Exactly one member pointer is used, by kind.
 struct Line {
@@ -221,7 +236,7 @@ void GS::setLine(int line, const std::string& value)
     const double number = std::strtod(value.c_str(), nullptr);
     switch (l.kind) {
     case Line::Skip: break;
-    case Line::Int: this->*l.i = static_cast<int>(number); break;
+    case Line::Int: this->*l.i = toInt(number); break;
     case Line::IntFlag: this->*l.i = number != 0.0 ? 1 : 0; break;
     case Line::Double: this->*l.d = number; break;
     case Line::Bool: this->*l.b = number == 1.0; break;
@@ -278,7 +293,7 @@ GS* GS::load(const QString& path)
 
 void GS::recompute()
 {
-    frameSize = sensorWidth * sensorHeight;
+    frameSize = toInt(double(sensorWidth) * sensorHeight);
     frameCentre = EVector(sensorWidth / 2, sensorHeight / 2);
     frameCentreDistance = frameCentre.length();
     blankingFactorFingerCopy = blankingFactorFinger;

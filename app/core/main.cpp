@@ -12,6 +12,24 @@
 // global so that leak checkers see it as the root it is.
 BlobFacade* theFacade = nullptr;
 
+namespace {
+
+// The one place where a file the system cannot run with ends the process. Readers raise
+// the error wherever they run on the main thread: in the constructor (velora.conf), while
+// waiting for the device (cyusb.conf) or at the sensor's start (sensor.conf). The status is
+// the error's own: 1, as a bad device list has always ended the process, unless a reader
+// names another.
+int endWith(const ConfigFileError& e)
+{
+    qCritical().noquote() << "Cannot run with this file:" << e.what();
+    fprintf(stderr, "velora: %s\n", e.what());
+    fflush(stdout);
+    fflush(stderr);
+    return e.exitStatus();
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
     qInstallMessageHandler(myMessageOutput);
@@ -22,10 +40,8 @@ int main(int argc, char** argv)
         theFacade = new BlobFacade(argc, argv);
         if (!theFacade->start())
             return 0;
+        return app.exec();
     } catch (const ConfigFileError& e) {
-        qCritical().noquote() << "Cannot run with this file:" << e.what();
-        fprintf(stderr, "velora: %s\n", e.what());
-        return e.exitStatus();
+        return endWith(e);
     }
-    return app.exec();
 }

@@ -8,7 +8,9 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
@@ -144,4 +146,63 @@ TEST_F(Program, ABlankSettingEndsTheProgramNamingFileAndLine)
     EXPECT_NE(process.exitCode(), 0);
     const QString err = QString::fromLocal8Bit(process.readAllStandardError());
     EXPECT_TRUE(err.contains(conf + ":6:")) << qPrintable(err);
+}
+
+namespace {
+
+void appendLine(const QString& path, const QByteArray& line)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::Append));
+    file.write(line);
+}
+
+} // namespace
+
+// The device list is read while the program waits for the camera, after the settings:
+// a bad key still ends it once, with status 1, naming the file and line.
+TEST_F(Program, AnUnknownKeyInTheDeviceListEndsTheProgramWithStatusOne)
+{
+    QFile file(dir.filePath("config/cyusb.conf"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const int lines = file.readAll().count('\n');
+    file.close();
+    appendLine(file.fileName(), "Devices 3\n");
+
+    start({"-v"});
+    ASSERT_TRUE(process.waitForFinished(15000));
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    EXPECT_EQ(process.exitCode(), 1);
+    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
+    EXPECT_TRUE(err.contains(QString("config/cyusb.conf:%1:").arg(lines + 1))) << qPrintable(err);
+    EXPECT_TRUE(err.contains("Devices")) << qPrintable(err);
+}
+
+// The register list is read when the sensor starts, on the emulated device here, long after
+// the settings: a register line without a value ends the program the same way.
+TEST_F(Program, ARegisterLineWithoutValueEndsTheProgramOnceTheSensorStarts)
+{
+    QFile file(dir.filePath("config/sensor.conf"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const int lines = file.readAll().count('\n');
+    file.close();
+    appendLine(file.fileName(), "REG= 000B\n");
+
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    const QString emulator = QFileInfo(VELORA_BINARY).dir().filePath("libvelora_sensor_emulator.so");
+    ASSERT_TRUE(QFile::exists(emulator));
+    env.insert("LD_PRELOAD", emulator);
+    // Under AddressSanitizer its runtime is linked into the program, not preloaded.
+    env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+    env.remove("VELORA_EMU_SCENE");
+    process.setProcessEnvironment(env);
+
+    start({"-v"});
+    ASSERT_TRUE(process.waitForFinished(15000));
+    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    EXPECT_EQ(process.exitCode(), 1);
+    EXPECT_TRUE(out.contains("Sensor connect done")) << "the sensor was reached first\n" << qPrintable(out);
+    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
+    EXPECT_TRUE(err.contains(QString("config/sensor.conf:%1:").arg(lines + 1))) << qPrintable(err);
 }

@@ -10,6 +10,7 @@
 #include <QThread>
 
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -122,6 +123,28 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
     EXPECT_EQ(gs->sensorWidth, 640);
     EXPECT_EQ(gs->frameSize, 640 * 400);
     EXPECT_EQ(gs->inputMode, 0);
+}
+
+// Numbers beyond an int stop at the ends of its range, as does the frame size made of them.
+TEST_F(SettingsFile, WholeNumbersBeyondTheRangeOfAnIntStopAtItsEnds)
+{
+    auto lines = factoryLines();
+    lines[2] = "width=5e30";
+    lines[3] = "height=-1e300";
+    lines[5] = "stylusThreshold=nan";
+    writeLines(lines, true);
+    auto gs = load();
+    ASSERT_TRUE(gs);
+    EXPECT_EQ(gs->sensorWidth, std::numeric_limits<int>::max());
+    EXPECT_EQ(gs->sensorHeight, std::numeric_limits<int>::min());
+    EXPECT_EQ(gs->stylusThreshold, 0);
+    EXPECT_EQ(gs->frameSize, std::numeric_limits<int>::min());
+
+    lines[2] = "width=70000";
+    lines[3] = "height=70000";
+    writeLines(lines, true);
+    gs = load();
+    EXPECT_EQ(gs->frameSize, std::numeric_limits<int>::max());
 }
 
 TEST_F(SettingsFile, NumbersAreReadInTheCLocaleWhateverTheProcessLocale)

@@ -1,0 +1,45 @@
+// Feeds arbitrary bytes to the user settings reader as user.ini. Whatever it reads must
+// write out, and read back to the same file.
+#include "globalsettings.h"
+#include "memoryfile.h"
+
+#include <QtGlobal>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+void discardMessages(QtMsgType, const QMessageLogContext&, const QString&) {}
+
+std::string loadAndSave(const char* from, const MemoryFile& to)
+{
+    GS gs;
+    gs.userSettingsPath = from;
+    gs.loadUserSettings();
+    gs.userSettingsPath = to.path();
+    gs.saveUserSettings();
+    return to.contents();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    qInstallMessageHandler(discardMessages);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    static MemoryFile input("user-ini");
+    static MemoryFile first("user-ini-saved");
+    static MemoryFile second("user-ini-saved-again");
+    input.write(data, size);
+    const std::string saved = loadAndSave(input.path(), first);
+    // What was written once is already in the form the writer gives.
+    if (loadAndSave(first.path(), second) != saved)
+        std::abort();
+    return 0;
+}
