@@ -53,6 +53,13 @@ void LinuxMouse::MiddlePress() { button(2, true); }
 void LinuxMouse::MiddleRelease() { button(2, false); }
 void LinuxMouse::RightPress() { button(3, true); }
 void LinuxMouse::RightRelease() { button(3, false); }
+void LinuxMouse::RightClickAt(double x, double y)
+{
+    Move(x, y);
+    RightPress();
+    RightRelease();
+}
+
 void LinuxMouse::WheelUp() { click(4); }
 void LinuxMouse::WheelDown() { click(5); }
 

@@ -19,6 +19,8 @@ public:
     void WheelDown();
     // Whole pixels, truncated, on screen 0.
     void Move(double x, double y);
+    // The long-press click of both pointer outputs: move there, press and release the right button.
+    void RightClickAt(double x, double y);
 
 private:
     LinuxMouse() = default;

@@ -142,9 +142,7 @@ void LinuxMouseController::onRightClick()
         std::lock_guard<std::mutex> hold(pointLock);
         at = *lastPoint;
     }
-    mouse->Move(at.x, at.y);
-    mouse->RightPress();
-    mouse->RightRelease();
+    mouse->RightClickAt(at.x, at.y);
 }
 
 void LinuxMouseController::onStartRightClickTimer()

@@ -201,9 +201,7 @@ void TouchController::onRightClick()
         std::lock_guard<std::mutex> hold(pointLock);
         at = *lastPoint;
     }
-    mouse->Move(at.x, at.y);
-    mouse->RightPress();
-    mouse->RightRelease();
+    mouse->RightClickAt(at.x, at.y);
 }
 
 void TouchController::onStartRightClickTimer()

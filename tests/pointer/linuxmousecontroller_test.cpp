@@ -23,12 +23,7 @@ protected:
     static XTestDesktop* desk;
     std::unique_ptr<LinuxMouseController> mc;
 
-    static void SetUpTestSuite()
-    {
-        desk = new XTestDesktop();
-        if (!desk->start())
-            ADD_FAILURE() << "X server: " << desk->failure;
-    }
+    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
     static void TearDownTestSuite()
     {
         delete desk;

@@ -160,12 +160,7 @@ class TouchOnDesktop : public TouchGestures {
 protected:
     static XTestDesktop* desk;
 
-    static void SetUpTestSuite()
-    {
-        desk = new XTestDesktop();
-        if (!desk->start())
-            ADD_FAILURE() << "X server: " << desk->failure;
-    }
+    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
     static void TearDownTestSuite()
     {
         delete desk;

@@ -3,6 +3,7 @@
 // on it. Xvfb picks its own free display; DISPLAY points the process at it.
 
 #include <X11/Xlib.h>
+#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -179,3 +180,13 @@ private:
         return fail("the window never showed");
     }
 };
+
+// A private X server shared by the tests of one suite: started in SetUpTestSuite, deleted in
+// TearDownTestSuite. A server that does not come up fails the suite, never the machine.
+inline XTestDesktop* startSuiteDesktop()
+{
+    auto* desk = new XTestDesktop();
+    if (!desk->start())
+        ADD_FAILURE() << "X server: " << desk->failure;
+    return desk;
+}
