@@ -310,6 +310,48 @@ private:
     }
 };
 
+// Every stroke of the run arrived as exactly one gesture that was ended, and no gesture
+// arrived without a stroke: a gesture belongs to the stroke its first point lies nearest to,
+// and all its points lie within tolerance desktop pixels of that stroke's path.
+inline void expectOneGesturePerStroke(const std::vector<Gesture>& gestures,
+                                      const std::map<int, std::vector<std::pair<double, double>>>& tracks,
+                                      double tolerance)
+{
+    EXPECT_EQ(gestures.size(), tracks.size()) << "every stroke one gesture, no gesture without a stroke";
+    std::map<int, int> gesturesPerStroke;
+    for (const Gesture& g : gestures) {
+        EXPECT_TRUE(g.closed) << "gesture " << g.trackingId << " left open";
+        if (g.points.empty()) {
+            ADD_FAILURE() << "gesture " << g.trackingId << " has no position";
+            continue;
+        }
+        int stroke = -1;
+        double nearest = 1e18;
+        for (const auto& [id, track] : tracks) {
+            const double d = distanceToTrack(track, g.points.front().first, g.points.front().second);
+            if (d < nearest) {
+                nearest = d;
+                stroke = id;
+            }
+        }
+        ++gesturesPerStroke[stroke];
+        double worst = 0;
+        std::pair<double, double> at;
+        for (const auto& p : g.points) {
+            const double d = distanceToTrack(tracks.at(stroke), p.first, p.second);
+            if (d > worst) {
+                worst = d;
+                at = p;
+            }
+        }
+        EXPECT_LE(worst, tolerance) << "gesture " << g.trackingId << " strays from stroke " << stroke << " to ("
+                                    << at.first << ", " << at.second << ")";
+    }
+    for (const auto& [id, track] : tracks)
+        EXPECT_EQ(gesturesPerStroke[id], 1) << "stroke " << id << " from (" << track.front().first << ", "
+                                             << track.front().second << ")";
+}
+
 inline double percentile(const std::vector<double>& sorted, double p)
 {
     if (sorted.empty())

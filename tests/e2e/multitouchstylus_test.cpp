@@ -60,29 +60,7 @@ TEST(MultiTouchStylus, EveryStrokeIsOneContactOnItsPathAndLatencyIsReported)
 
     EXPECT_EQ(decoder.foreignEvents, 0);
     EXPECT_EQ(decoder.replacedContacts, 0);
-    EXPECT_EQ(decoder.gestures.size(), tracks.size()) << "every stroke one contact, no contact without a stroke";
-    std::map<int, int> contactsPerStroke;
-    for (const Gesture& g : decoder.gestures) {
-        EXPECT_TRUE(g.closed) << "contact " << g.trackingId << " left open";
-        ASSERT_FALSE(g.points.empty());
-        // The stroke a contact belongs to is the one its first report lies on.
-        int stroke = -1;
-        double nearest = 1e18;
-        for (const auto& [id, track] : tracks) {
-            const double d = distanceToTrack(track, g.points.front().first, g.points.front().second);
-            if (d < nearest) {
-                nearest = d;
-                stroke = id;
-            }
-        }
-        ++contactsPerStroke[stroke];
-        double worst = 0;
-        for (const auto& [x, y] : g.points)
-            worst = std::max(worst, distanceToTrack(tracks.at(stroke), x, y));
-        EXPECT_LE(worst, 3.0) << "contact " << g.trackingId << " strays from stroke " << stroke;
-    }
-    for (const auto& [id, track] : tracks)
-        EXPECT_EQ(contactsPerStroke[id], 1) << "stroke " << id;
+    expectOneGesturePerStroke(decoder.gestures, tracks, 3.0);
 
     for (size_t spots : {1u, 5u, 10u}) {
         const std::vector<double> ms = run.latencies(spots);

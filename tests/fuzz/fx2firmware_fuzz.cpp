@@ -4,16 +4,13 @@
 #include "cyusb.h"
 #include "emulatedbus.h"
 #include "memoryfile.h"
+#include "nosettle.h"
 
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-// The loader waits a second around the CPU reset for real silicon to settle; the emulated
-// bridge has nothing to settle, and a fuzzing run cannot spend seconds per input.
-extern "C" unsigned int sleep(unsigned int) { return 0; }
 
 namespace {
 

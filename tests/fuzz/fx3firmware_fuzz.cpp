@@ -4,14 +4,11 @@
 #include "cyusb.h"
 #include "emulatedbus.h"
 #include "memoryfile.h"
+#include "nosettle.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
-
-// The loader waits a second before the jump for real silicon to settle; the emulated
-// bridge has nothing to settle, and a fuzzing run cannot spend seconds per input.
-extern "C" unsigned int sleep(unsigned int) { return 0; }
 
 namespace {
 

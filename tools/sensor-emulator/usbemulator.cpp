@@ -123,7 +123,6 @@ int UsbEmulator::init(libusb_context** context)
 
     scene = std::move(s);
     device = std::make_unique<EmulatedDevice>(*scene, logFile);
-    renderer = std::make_unique<FrameRenderer>(*scene);
     period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / scene->fps));
     initTime = Clock::now();
     started = false;
@@ -626,6 +625,11 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
     std::vector<uint8_t>* buffer = takeBuffer(static_cast<size_t>(std::max(1, g.bytes())));
 
     lock.unlock();
+    // Built on the first frame, not at init: a session that only loads firmware or reads
+    // registers (the fuzz targets open thousands) never pays for the noise pattern.
+    if (!renderer) {
+        renderer = std::make_unique<FrameRenderer>(*scene);
+    }
     renderer->render(buffer->data(), g, rs, spots);
     const auto doneAt = Clock::now();
     writeTruth(frame, t, std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),
