@@ -21,13 +21,13 @@ stroke finger 11.0 2.0 size 10 brightness 120 path 300,700 800,450 1300,550 1650
 tap    finger 13.5 0.25 size 10 brightness 120 at 960,540
 stroke finger 14.5 2.0 size 10 brightness 120 path 250,950 1650,950
 stroke finger 17.0 2.0 size 10 brightness 120 path 300,650 1500,650
-stroke finger 17.0 2.0 size 10 brightness 120 path 1600,200 400,500
+stroke finger 17.0 2.5 size 10 brightness 120 path 1700,200 200,900
 )";
 
 TEST(MultiTouchFinger, EveryStrokeIsOneContactOnItsPath)
 {
     EndToEndRun run;
-    run.run(scene, 0, 1, 20.5, 1920, 1080);
+    run.run(scene, 0, 1, 21.0, 1920, 1080);
     ASSERT_TRUE(run.started);
 
     GestureDecoder decoder(1920, 1080);

@@ -3,8 +3,16 @@
 
   gestures.py find                     the event node of "velora-multitouch", or exit 1
   gestures.py record DEVICE            contacts as "<monotonic ns> down|up <slot>" lines
-  gestures.py compare TRUTH TOUCH      every lit stroke of TRUTH must overlap exactly one
-                                       contact of TOUCH; prints the counts, exit 1 if not
+  gestures.py compare TRUTH TOUCH [SKIP [SCENE]]
+                                       every lit stroke of TRUTH must overlap exactly one
+                                       contact of TOUCH; prints the counts, exit 1 if not.
+                                       TOUCH may also be what velora-desktop-watcher --stamp
+                                       printed: a left press to its release is one contact.
+                                       Strokes and contacts of the first SKIP seconds (the
+                                       service still starting) and strokes cut off by the end
+                                       of the run are left out, and so are strokes
+                                       during which SCENE's faults stop the frames (short
+                                       frames, time-outs): the spot jumps over the gap.
 """
 import fcntl
 import os
@@ -53,9 +61,24 @@ def record(device):
         out.flush()
 
 
-def compare(truth_path, touch_path):
+def outages(scene_path):
+    """(from, to) stream seconds of the scene's faults that stop the frames."""
+    spans = []
+    if scene_path:
+        with open(scene_path) as f:
+            for line in f:
+                p = line.split()
+                if len(p) >= 4 and p[0] == "fault" and p[1] in ("short", "timeout"):
+                    spans.append((float(p[2]), float(p[2]) + float(p[3])))
+    return spans
+
+
+def compare(truth_path, touch_path, skip_seconds=0.0, scene_path=None):
     strokes = {}  # id -> [first ns, last ns]
+    seconds = {}  # id -> [first, last] stream seconds
     frame_ns = 0
+    frame_t = 0.0
+    first_ns = None
     with open(truth_path) as f:
         for line in f:
             p = line.split()
@@ -63,22 +86,42 @@ def compare(truth_path, touch_path):
                 continue
             if p[0] == "F":
                 frame_ns = int(p[3])
+                frame_t = float(p[2])
+                if first_ns is None:
+                    first_ns = frame_ns
             elif p[0] == "S" and p[-1] != "0":
                 span = strokes.setdefault(int(p[2]), [frame_ns, frame_ns])
                 span[1] = frame_ns
+                when = seconds.setdefault(int(p[2]), [frame_t, frame_t])
+                when[1] = frame_t
+    begin = (first_ns or 0) + int(skip_seconds * 1e9)
+    every_stroke = list(strokes.values())
+    gaps = outages(scene_path)
+    interrupted = [sid for sid in strokes if seconds[sid][0] >= skip_seconds
+                   and any(a <= seconds[sid][1] + 0.1 and b >= seconds[sid][0] - 0.1 for a, b in gaps)]
+    strokes = {sid: span for sid, span in strokes.items()
+               if span[0] >= begin and span[1] < frame_ns - SLACK_NS and sid not in interrupted}
     contacts = []
     open_contacts = {}
     last_ns = 0
     with open(touch_path) as f:
         for line in f:
-            ns, what, slot = line.split()
-            ns = int(ns)
+            p = line.split()
+            if len(p) < 3 or not p[0].isdigit():
+                continue
+            ns = int(p[0])
             last_ns = max(last_ns, ns)
-            if what == "down":
+            # "<ns> down|up <slot>" from the touch device, "<ns> press|release <button> X Y"
+            # from the desktop; other buttons (a long press's right click) are no contact.
+            what, slot = p[1], p[2]
+            if what in ("press", "release") and slot != "1":
+                continue
+            if what in ("down", "press"):
                 open_contacts[slot] = ns
-            elif slot in open_contacts:
+            elif what in ("up", "release") and slot in open_contacts:
                 contacts.append((open_contacts.pop(slot), ns))
     contacts.extend((start, last_ns) for start in open_contacts.values())
+    contacts = [(a, b) for a, b in contacts if a >= begin and a < frame_ns - SLACK_NS]
 
     delivered = missing = split = 0
     for sid, (first, last) in sorted(strokes.items()):
@@ -91,8 +134,14 @@ def compare(truth_path, touch_path):
         else:
             split += 1
             print(f"stroke {sid}: {n} contacts", file=sys.stderr)
-    print(f"strokes {len(strokes)}, delivered as one gesture {delivered}, missing {missing}, split {split}")
-    return 0 if strokes and delivered == len(strokes) else 1
+    # Contacts that overlap no stroke at all: a touch where there was none.
+    stray = sum(1 for a, b in contacts
+                if not any(a <= last + SLACK_NS and b >= first - SLACK_NS for first, last in every_stroke))
+    if stray:
+        print(f"{stray} contacts without a stroke", file=sys.stderr)
+    print(f"strokes {len(strokes)} (and {len(interrupted)} cut by a fault), delivered as one gesture {delivered}, missing {missing}, split {split}, "
+          f"contacts without a stroke {stray}")
+    return 0 if strokes and delivered == len(strokes) and not stray else 1
 
 
 def main(argv):
@@ -100,8 +149,9 @@ def main(argv):
         return find()
     if len(argv) == 3 and argv[1] == "record":
         return record(argv[2])
-    if len(argv) == 4 and argv[1] == "compare":
-        return compare(argv[2], argv[3])
+    if len(argv) in (4, 5, 6) and argv[1] == "compare":
+        return compare(argv[2], argv[3], float(argv[4]) if len(argv) >= 5 else 0.0,
+                       argv[5] if len(argv) == 6 else None)
     print(__doc__, file=sys.stderr)
     return 2
 
