@@ -1,8 +1,7 @@
 // A stylus in single-pointer mode on a private X server: each stroke
 // and the tap must reach the server as one left press and release, with the pointer on the
 // drawn path throughout, and the touch device must stay silent.
-#include "endtoendrun.h"
-#include "xtestdesktop.h"
+#include "desktoprecorder.h"
 
 namespace {
 
@@ -21,52 +20,14 @@ TEST(MouseStylus, EveryStrokeIsOneLeftDragOnItsPath)
 {
     XTestDesktop desktop;
     ASSERT_TRUE(desktop.start()) << desktop.failure;
-    XSelectInput(desktop.dpy, desktop.window, ButtonPressMask | ButtonReleaseMask | PointerMotionMask);
-    XSync(desktop.dpy, False);
-
-    std::vector<Gesture> gestures;
-    std::vector<std::pair<double, double>> moves;
-    std::vector<unsigned> otherButtons;
-    auto readServer = [&] {
-        while (XPending(desktop.dpy) > 0) {
-            XEvent e;
-            XNextEvent(desktop.dpy, &e);
-            if (e.type == MotionNotify) {
-                moves.emplace_back(e.xmotion.x_root, e.xmotion.y_root);
-                if (!gestures.empty() && !gestures.back().closed)
-                    gestures.back().points.emplace_back(e.xmotion.x_root, e.xmotion.y_root);
-            } else if (e.type == ButtonPress || e.type == ButtonRelease) {
-                if (e.xbutton.button != Button1) {
-                    otherButtons.push_back(e.xbutton.button);
-                } else if (e.type == ButtonPress) {
-                    gestures.push_back({int(gestures.size()), {{double(e.xbutton.x_root), double(e.xbutton.y_root)}}, false});
-                } else if (!gestures.empty()) {
-                    gestures.back().points.emplace_back(e.xbutton.x_root, e.xbutton.y_root);
-                    gestures.back().closed = true;
-                }
-            }
-        }
-    };
+    DesktopRecorder recorder(desktop);
 
     EndToEndRun run;
-    run.idle = readServer;
+    run.idle = [&] { recorder.read(); };
     run.run(scene, 1, 0, 13.0, 1280, 1024);
     ASSERT_TRUE(run.started);
-    XSync(desktop.dpy, False);
-    readServer();
-
-    const auto tracks = run.tracks();
-    ASSERT_EQ(tracks.size(), 3u) << "the emulator drew fewer spots than the scene has";
-    EXPECT_TRUE(run.events.empty()) << "the touch device heard of a single-pointer gesture";
-    EXPECT_TRUE(otherButtons.empty()) << "button " << otherButtons.front() << " arrived";
-    ASSERT_FALSE(moves.empty());
-    for (const auto& [x, y] : moves) {
-        double nearest = 1e18;
-        for (const auto& [id, track] : tracks)
-            nearest = std::min(nearest, distanceToTrack(track, x, y));
-        EXPECT_LE(nearest, 3.0) << "the pointer went to (" << x << ", " << y << ")";
-    }
-    expectOneGesturePerStroke(gestures, tracks, 3.0);
+    recorder.finish();
+    recorder.expectStrokes(run, 3, 3.0);
 }
 
 } // namespace
