@@ -6,6 +6,7 @@
 #include "memoryfile.h"
 #include "nosettle.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
@@ -39,8 +40,8 @@ Record lastRecord(const uint8_t* data, size_t size)
         }
         if (line.size() >= 598)
             return {};
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
+        // The loader reads a record up to the first carriage return, wherever it stands.
+        line.resize(std::min(line.size(), line.find('\r')));
         if (line.size() >= 11 && line[0] == ':') {
             if (line[8] == '1')
                 break;
