@@ -1,13 +1,11 @@
 #pragma once
 // A stand-in for the USB device behind libusb-1.0, defined in the test program so that
-// it takes the place of the library's own functions. It records every control request
-// and completes bulk transfers with frames that the test hands in. Include it in one
-// source file of a test program only.
+// it takes the place of the library's own functions. It records every control request;
+// streaming is left to the emulated sensor's tests. Include it in one source file of a
+// test program only.
 
 #include <libusb.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -27,15 +25,9 @@ struct Request {
 
 struct Device {
     std::mutex lock;
-    std::condition_variable changed;
     std::vector<Request> requests;
-    std::deque<libusb_transfer*> pendingBulk;
-    std::deque<std::chrono::steady_clock::time_point> deadlines;
     std::deque<libusb_transfer*> completed;
-    std::deque<std::vector<unsigned char>> frames;
     int present = 1;
-    bool unplugged = false;
-    int framesTaken = 0;
 };
 
 inline Device& device()
@@ -62,35 +54,6 @@ inline void clearRequests()
 {
     std::lock_guard<std::mutex> hold(device().lock);
     device().requests.clear();
-}
-
-inline void pushFrame(std::vector<unsigned char> frame)
-{
-    std::lock_guard<std::mutex> hold(device().lock);
-    device().frames.push_back(std::move(frame));
-    device().changed.notify_all();
-}
-
-// Waits until the bulk side has taken count frames in all.
-inline void waitFramesTaken(int count)
-{
-    std::unique_lock<std::mutex> hold(device().lock);
-    device().changed.wait(hold, [&] { return device().framesTaken >= count; });
-}
-
-inline void unplug()
-{
-    std::lock_guard<std::mutex> hold(device().lock);
-    device().unplugged = true;
-    device().present = 0;
-    for (libusb_transfer* t : device().pendingBulk) {
-        t->actual_length = 0;
-        t->status = LIBUSB_TRANSFER_NO_DEVICE;
-        device().completed.push_back(t);
-    }
-    device().pendingBulk.clear();
-    device().deadlines.clear();
-    device().changed.notify_all();
 }
 
 } // namespace fakeusb
@@ -176,79 +139,29 @@ int libusb_submit_transfer(libusb_transfer* t)
 {
     auto& d = fakeusb::device();
     std::lock_guard<std::mutex> hold(d.lock);
-    if (d.unplugged)
-        return LIBUSB_ERROR_NO_DEVICE;
-    if (t->type == LIBUSB_TRANSFER_TYPE_CONTROL) {
-        const auto* setup = reinterpret_cast<libusb_control_setup*>(t->buffer);
-        const int length = libusb_le16_to_cpu(setup->wLength);
-        const unsigned char* data = t->buffer + LIBUSB_CONTROL_SETUP_SIZE;
-        d.requests.push_back({setup->bmRequestType, setup->bRequest, libusb_le16_to_cpu(setup->wValue),
-                              libusb_le16_to_cpu(setup->wIndex), std::vector<unsigned char>(data, data + length),
-                              true});
-        t->actual_length = length;
-        t->status = LIBUSB_TRANSFER_COMPLETED;
-        d.completed.push_back(t);
-    } else {
-        d.pendingBulk.push_back(t);
-        d.deadlines.push_back(std::chrono::steady_clock::now() + std::chrono::milliseconds(t->timeout));
-    }
-    d.changed.notify_all();
+    if (t->type != LIBUSB_TRANSFER_TYPE_CONTROL)
+        return LIBUSB_ERROR_NOT_SUPPORTED;
+    const auto* setup = reinterpret_cast<libusb_control_setup*>(t->buffer);
+    const int length = libusb_le16_to_cpu(setup->wLength);
+    const unsigned char* data = t->buffer + LIBUSB_CONTROL_SETUP_SIZE;
+    d.requests.push_back({setup->bmRequestType, setup->bRequest, libusb_le16_to_cpu(setup->wValue),
+                          libusb_le16_to_cpu(setup->wIndex), std::vector<unsigned char>(data, data + length),
+                          true});
+    t->actual_length = length;
+    t->status = LIBUSB_TRANSFER_COMPLETED;
+    d.completed.push_back(t);
     return 0;
 }
 
-int libusb_cancel_transfer(libusb_transfer* t)
-{
-    auto& d = fakeusb::device();
-    std::lock_guard<std::mutex> hold(d.lock);
-    for (auto it = d.pendingBulk.begin(); it != d.pendingBulk.end(); ++it) {
-        if (*it == t) {
-            d.deadlines.erase(d.deadlines.begin() + (it - d.pendingBulk.begin()));
-            d.pendingBulk.erase(it);
-            t->status = LIBUSB_TRANSFER_CANCELLED;
-            t->actual_length = 0;
-            d.completed.push_back(t);
-            d.changed.notify_all();
-            return 0;
-        }
-    }
-    return LIBUSB_ERROR_NOT_FOUND;
-}
+int libusb_cancel_transfer(libusb_transfer*) { return LIBUSB_ERROR_NOT_FOUND; }
 
-int libusb_handle_events_timeout_completed(libusb_context*, struct timeval* tv, int*)
+int libusb_handle_events_timeout_completed(libusb_context*, struct timeval*, int*)
 {
     auto& d = fakeusb::device();
     std::deque<libusb_transfer*> done;
     {
-        std::unique_lock<std::mutex> hold(d.lock);
-        const auto timeout = std::chrono::seconds(tv->tv_sec) + std::chrono::microseconds(tv->tv_usec);
-        d.changed.wait_for(hold, timeout, [&] {
-            return !d.completed.empty() || (!d.frames.empty() && !d.pendingBulk.empty());
-        });
-        while (!d.pendingBulk.empty() && d.frames.empty()
-               && d.deadlines.front() <= std::chrono::steady_clock::now()) {
-            libusb_transfer* t = d.pendingBulk.front();
-            d.pendingBulk.pop_front();
-            d.deadlines.pop_front();
-            t->actual_length = 0;
-            t->status = LIBUSB_TRANSFER_TIMED_OUT;
-            d.completed.push_back(t);
-        }
-        // One frame per round, as a sensor spaces them in time.
-        if (!d.frames.empty() && !d.pendingBulk.empty()) {
-            libusb_transfer* t = d.pendingBulk.front();
-            d.pendingBulk.pop_front();
-            d.deadlines.pop_front();
-            const std::vector<unsigned char>& f = d.frames.front();
-            const int n = std::min(static_cast<int>(f.size()), t->length);
-            memcpy(t->buffer, f.data(), static_cast<size_t>(n));
-            t->actual_length = n;
-            t->status = LIBUSB_TRANSFER_COMPLETED;
-            d.frames.pop_front();
-            ++d.framesTaken;
-            d.completed.push_back(t);
-        }
+        std::lock_guard<std::mutex> hold(d.lock);
         done.swap(d.completed);
-        d.changed.notify_all();
     }
     for (libusb_transfer* t : done)
         t->callback(t);

@@ -2,6 +2,10 @@
 // probe: what the device received, and which frames reached the frame callback and how.
 #include "emulatedrun.h"
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <array>
 #include <set>
@@ -221,6 +225,22 @@ TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
             ++dropped;
     EXPECT_GE(dropped, 10u);
     EXPECT_FALSE(run.output.contains("low data:"));
+}
+
+TEST(CapturePipeline, StreamsAtNormalPriorityWithoutTheRightToRaiseIt)
+{
+    EmulatedRun run("stamp on\n");
+    // Taken from the bounding set, so that not even root gets it back at exec.
+    run.process.setChildProcessModifier([] {
+        prctl(PR_CAPBSET_DROP, CAP_SYS_NICE, 0, 0, 0);
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_RTPRIO, &none);
+    });
+    run.startProbe({}, {"frames", "30", "stop"});
+    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    EXPECT_TRUE(run.output.contains("Error while setting thread priority to  99")) << qPrintable(run.output);
+    expectSeenFramesMatchWhatWasSent(run, 30);
 }
 
 // Also the run that the sanitizer builds check: 2,000 frames with the window and binning
