@@ -2,24 +2,11 @@
 // into grids without faults, and must write out and read back to the same file.
 #include "calibration.h"
 #include "memoryfile.h"
+#include "quietqt.h"
 #include "transformgrid.h"
-
-#include <QtGlobal>
 
 #include <cstdint>
 #include <memory>
-
-namespace {
-
-void discardMessages(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    qInstallMessageHandler(discardMessages);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -4,17 +4,14 @@
 #include "configfileerror.h"
 #include "emulatedbus.h"
 #include "memoryfile.h"
+#include "quietqt.h"
 #include "sensor.h"
-
-#include <QtGlobal>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
-
-void discardMessages(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 // 1-based number of the first line that begins "REG= " and is shorter than 11 characters.
 int firstShortRegisterLine(const uint8_t* data, size_t size)
@@ -34,12 +31,6 @@ int firstShortRegisterLine(const uint8_t* data, size_t size)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    qInstallMessageHandler(discardMessages);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -3,8 +3,7 @@
 #include "configfileerror.h"
 #include "globalsettings.h"
 #include "memoryfile.h"
-
-#include <QtGlobal>
+#include "quietqt.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -12,8 +11,6 @@
 #include <string>
 
 namespace {
-
-void discardMessages(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 // 1-based number of the first of the read lines whose value (after the first '=', or the
 // whole line) is one or more blanks and nothing else; 0 when there is none.
@@ -40,12 +37,6 @@ int firstBlankValueLine(const uint8_t* data, size_t size)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    qInstallMessageHandler(discardMessages);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

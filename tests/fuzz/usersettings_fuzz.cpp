@@ -2,16 +2,13 @@
 // write out, and read back to the same file.
 #include "globalsettings.h"
 #include "memoryfile.h"
-
-#include <QtGlobal>
+#include "quietqt.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 namespace {
-
-void discardMessages(QtMsgType, const QMessageLogContext&, const QString&) {}
 
 std::string loadAndSave(const char* from, const MemoryFile& to)
 {
@@ -24,12 +21,6 @@ std::string loadAndSave(const char* from, const MemoryFile& to)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    qInstallMessageHandler(discardMessages);
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
