@@ -67,3 +67,20 @@ public:
 private:
     Display* dpy;
 };
+
+// Single-pointer mode on a private 1280x1024 X server: the scene played for `seconds`, then
+// every stroke one left drag on its path.
+inline void expectLeftDragPerStroke(const char* scene, int inputMode, double seconds, size_t strokes,
+                                    double tolerance)
+{
+    XTestDesktop desktop;
+    ASSERT_TRUE(desktop.start()) << desktop.failure;
+    DesktopRecorder recorder(desktop);
+
+    EndToEndRun run;
+    run.idle = [&] { recorder.read(); };
+    run.run(scene, inputMode, 0, seconds, 1280, 1024);
+    ASSERT_TRUE(run.started);
+    recorder.finish();
+    recorder.expectStrokes(run, strokes, tolerance);
+}

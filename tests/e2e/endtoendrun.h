@@ -352,6 +352,19 @@ inline void expectOneGesturePerStroke(const std::vector<Gesture>& gestures,
                                              << track.front().second << ")";
 }
 
+// Multi-touch mode: the device carried the strokes' contacts and nothing else.
+inline void expectOneContactPerStroke(const EndToEndRun& run, int width, int height, size_t strokes,
+                                      double tolerance)
+{
+    GestureDecoder decoder(width, height);
+    decoder.feed(run.events);
+    const auto tracks = run.tracks();
+    ASSERT_EQ(tracks.size(), strokes) << "the emulator drew fewer spots than the scene has";
+    EXPECT_EQ(decoder.foreignEvents, 0);
+    EXPECT_EQ(decoder.replacedContacts, 0);
+    expectOneGesturePerStroke(decoder.gestures, tracks, tolerance);
+}
+
 inline double percentile(const std::vector<double>& sorted, double p)
 {
     if (sorted.empty())

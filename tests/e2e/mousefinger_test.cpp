@@ -20,16 +20,7 @@ stroke finger 9.0 1.5 size 10 brightness 120 path 800,650 200,300
 
 TEST(MouseFinger, EveryStrokeIsOneLeftDragOnItsPath)
 {
-    XTestDesktop desktop;
-    ASSERT_TRUE(desktop.start()) << desktop.failure;
-    DesktopRecorder recorder(desktop);
-
-    EndToEndRun run;
-    run.idle = [&] { recorder.read(); };
-    run.run(scene, 0, 0, 12.0, 1280, 1024);
-    ASSERT_TRUE(run.started);
-    recorder.finish();
-    recorder.expectStrokes(run, 3, 3.0);
+    expectLeftDragPerStroke(scene, 0, 12.0, 3, 3.0);
 }
 
 } // namespace

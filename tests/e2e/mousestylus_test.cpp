@@ -18,16 +18,7 @@ stroke stylus 10.0 1.5 size 9 path 250,650 750,300
 
 TEST(MouseStylus, EveryStrokeIsOneLeftDragOnItsPath)
 {
-    XTestDesktop desktop;
-    ASSERT_TRUE(desktop.start()) << desktop.failure;
-    DesktopRecorder recorder(desktop);
-
-    EndToEndRun run;
-    run.idle = [&] { recorder.read(); };
-    run.run(scene, 1, 0, 13.0, 1280, 1024);
-    ASSERT_TRUE(run.started);
-    recorder.finish();
-    recorder.expectStrokes(run, 3, 3.0);
+    expectLeftDragPerStroke(scene, 1, 13.0, 3, 3.0);
 }
 
 } // namespace

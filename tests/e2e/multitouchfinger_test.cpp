@@ -31,13 +31,7 @@ TEST(MultiTouchFinger, EveryStrokeIsOneContactOnItsPath)
     run.run(scene, 0, 1, 21.0, 1920, 1080);
     ASSERT_TRUE(run.started);
 
-    GestureDecoder decoder(1920, 1080);
-    decoder.feed(run.events);
-    const auto tracks = run.tracks();
-    ASSERT_EQ(tracks.size(), 7u) << "the emulator drew fewer spots than the scene has (is the laser on?)";
-    EXPECT_EQ(decoder.foreignEvents, 0);
-    EXPECT_EQ(decoder.replacedContacts, 0);
-    expectOneGesturePerStroke(decoder.gestures, tracks, 3.0);
+    expectOneContactPerStroke(run, 1920, 1080, 7, 3.0);
 }
 
 } // namespace
