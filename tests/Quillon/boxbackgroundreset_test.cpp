@@ -2,6 +2,7 @@
 
 #include "boxtrackingengine.h"
 #include "globalsettings.h"
+#include "scopedsetting.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +16,7 @@ namespace {
 TEST(BoxBackgroundReset, ResetFromAnotherThreadWaitsForTheFramesThatDoIt)
 {
     GS* gs = GS::instance();
-    const int savedLimit = gs->regionalDeltaLimit;
-    gs->regionalDeltaLimit = 8;
+    ScopedSetting deltaLimit(gs->regionalDeltaLimit, 8);
     FingerScene scene;
     std::unique_ptr<Calibration> calibration = scene.calibration();
     BoxTrackingEngine engine(FingerScene::Width, FingerScene::Height, gs->boxFactor, gs->boxParameter);
@@ -52,7 +52,6 @@ TEST(BoxBackgroundReset, ResetFromAnotherThreadWaitsForTheFramesThatDoIt)
     EXPECT_EQ(reported.load(), 0);
     for (const ScanBox& box : engine.boxes)
         ASSERT_GE(box.bgIntensity, scene.background) << "every box has learned the empty scene";
-    gs->regionalDeltaLimit = savedLimit;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "boxtrackingengine.h"
 #include "globalsettings.h"
+#include "scopedsetting.h"
 #include "transformgrid.h"
 
 #include <gtest/gtest.h>
@@ -44,13 +45,13 @@ protected:
     std::unique_ptr<BoxTrackingEngine> engine;
     std::unique_ptr<Calibration> calibration;
 
+    ScopedSetting<int> deltaLimit{gs->regionalDeltaLimit, 8}; // the working value; the default is a place holder
+    ScopedSetting<double> filterLeft{gs->blobFilterLeft};
+
     void SetUp() override
     {
-        remember();
-        gs->regionalDeltaLimit = 8; // the working value; the default is a place holder
         engine = std::make_unique<BoxTrackingEngine>(W, H, gs->boxFactor, gs->boxParameter);
     }
-    void TearDown() override { restore(); }
 
     // Calibrates as the system does after a calibration: lays the boxes, orders a full
     // refresh, and lets learning and the refresh run over frames of the empty scene.
@@ -77,33 +78,6 @@ protected:
     {
         std::vector<unsigned char> frame = scene.frame(fingers);
         out.all = engine->processImage(frame.data(), extended, false);
-    }
-
-private:
-    double blobFilterLeft, blobFilterRight, blobFilterTop, blobFilterBottom;
-    int deltaLimit, belowLimit, refreshLimit;
-    bool shadowEnabled;
-    void remember()
-    {
-        blobFilterLeft = gs->blobFilterLeft;
-        blobFilterRight = gs->blobFilterRight;
-        blobFilterTop = gs->blobFilterTop;
-        blobFilterBottom = gs->blobFilterBottom;
-        deltaLimit = gs->regionalDeltaLimit;
-        belowLimit = gs->regionalBelowLimit;
-        refreshLimit = gs->regionalRefreshLimit;
-        shadowEnabled = gs->shadowEnabled;
-    }
-    void restore()
-    {
-        gs->blobFilterLeft = blobFilterLeft;
-        gs->blobFilterRight = blobFilterRight;
-        gs->blobFilterTop = blobFilterTop;
-        gs->blobFilterBottom = blobFilterBottom;
-        gs->regionalDeltaLimit = deltaLimit;
-        gs->regionalBelowLimit = belowLimit;
-        gs->regionalRefreshLimit = refreshLimit;
-        gs->shadowEnabled = shadowEnabled;
     }
 };
 

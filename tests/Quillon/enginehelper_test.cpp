@@ -1,6 +1,7 @@
 #include "boxtrackingdebug.h"
 #include "enginehelper.h"
 #include "globalsettings.h"
+#include "scopedsetting.h"
 #include "transformgrid.h"
 
 #include <QFile>
@@ -15,21 +16,13 @@ protected:
     GS* gs = GS::instance();
     QList<double> intensity, background, threshold, deltas, hits;
     QList<int> toUpdate;
-    int savedDelta = 0, savedBelow = 0;
+    ScopedSetting<int> deltaLimit{gs->regionalDeltaLimit, 8};
+    ScopedSetting<int> belowLimit{gs->regionalBelowLimit, -8};
 
     void SetUp() override
     {
-        savedDelta = gs->regionalDeltaLimit;
-        savedBelow = gs->regionalBelowLimit;
-        gs->regionalDeltaLimit = 8;
-        gs->regionalBelowLimit = -8;
         for (QList<double>* l : {&intensity, &background, &threshold, &hits})
             EngineHelper::resetRegionsList(l, 16);
-    }
-    void TearDown() override
-    {
-        gs->regionalDeltaLimit = savedDelta;
-        gs->regionalBelowLimit = savedBelow;
     }
     // Sums as a frame of 160 boxes leaves them: 10 a region.
     void frame(int region, double meanIntensity, double meanBackground)
@@ -114,8 +107,7 @@ TEST(LightShadow, OnlyPointsCloseAboveAnotherAreErased)
 
 TEST(LightShadow, WhenEnabledASmallerSpotInTheTriangleGoesToo)
 {
-    GS* gs = GS::instance();
-    const bool saved = gs->shadowEnabled;
+    ScopedSetting shadow(GS::instance()->shadowEnabled);
     EVector big(300, 200), small(290, 190);
     big.measureC = 40;
     big.measureD = 150;
@@ -124,11 +116,10 @@ TEST(LightShadow, WhenEnabledASmallerSpotInTheTriangleGoesToo)
     std::vector<EVector> pts = {big, small};
     EngineHelper::erasePointsInLightShadow(&pts, EVector(100, 50), EVector(600, 50));
     EXPECT_EQ(pts.size(), 2u) << "disabled, and outside the vertical cone";
-    gs->shadowEnabled = true;
+    GS::instance()->shadowEnabled = true;
     EngineHelper::erasePointsInLightShadow(&pts, EVector(100, 50), EVector(600, 50));
     ASSERT_EQ(pts.size(), 1u);
     EXPECT_EQ(pts[0].measureC, 40);
-    gs->shadowEnabled = saved;
 }
 
 TEST(MakingBlobs, PolygonShiftsAndPayload)

@@ -120,10 +120,7 @@ TEST_F(Program, WaitsForTheDeviceWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes
     EXPECT_FALSE(out.contains("velora-menu is not running"));
 
     menu.release();
-    QElapsedTimer gone;
-    gone.start();
     ASSERT_TRUE(process.waitForFinished(5000));
-    EXPECT_LT(gone.elapsed(), 5000);
     out += QString::fromLocal8Bit(process.readAllStandardOutput());
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().constData();
 }

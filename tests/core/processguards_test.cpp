@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QCryptographicHash>
 #include <QElapsedTimer>
-#include <QProcess>
-#include <QSharedMemory>
 #include <QThread>
 #include <QUuid>
 
@@ -65,44 +62,10 @@ TEST(RunGuard, TheHolderSeesNobodyElseAndOthersSeeTheHolder)
     EXPECT_TRUE(asker.tryToRun());
 }
 
+// Another program finds the guard by this key: it must not change.
 TEST(RunGuard, KeysAreTheSha1OfKeyAndSuffix)
 {
-    EXPECT_EQ(RunGuard::generateKeyHash("velora", "_sharedmemKey"),
-              QString::fromLatin1(QCryptographicHash::hash("velora_sharedmemKey", QCryptographicHash::Sha1).toHex()));
-}
-
-TEST(RunGuard, AHolderInAnotherProcessIsSeenUntilItEnds)
-{
-    const QString key = uniqueKey();
-    // A small shell holder is not possible: the segment needs Qt's key scheme, so the
-    // test binary re-runs itself as the holder.
-    QProcess holder;
-    holder.setProgram(QCoreApplication::applicationFilePath());
-    holder.setArguments({"--gtest_filter=RunGuardHolder.*", "--gtest_also_run_disabled_tests"});
-    auto env = QProcessEnvironment::systemEnvironment();
-    env.insert("VELORA_TEST_HOLD_KEY", key);
-    holder.setProcessEnvironment(env);
-    holder.start();
-    ASSERT_TRUE(holder.waitForStarted());
-    RunGuard asker(key);
-    EXPECT_TRUE(waitFor([&] { return asker.isAnotherRunning(); }));
-    holder.write("x\n");
-    holder.closeWriteChannel();
-    ASSERT_TRUE(holder.waitForFinished(10000));
-    EXPECT_FALSE(asker.isAnotherRunning());
-}
-
-// Run by the test above in a child process: holds the key until its input closes.
-TEST(RunGuardHolder, DISABLED_HoldUntilStdinCloses)
-{
-    const QString key = qEnvironmentVariable("VELORA_TEST_HOLD_KEY");
-    if (key.isEmpty())
-        GTEST_SKIP();
-    RunGuard guard(key);
-    ASSERT_TRUE(guard.tryToRun());
-    char c;
-    while (fread(&c, 1, 1, stdin) == 1) {
-    }
+    EXPECT_EQ(RunGuard::generateKeyHash("velora", "_sharedmemKey"), "d121ce5f86c03e0793bb4a8051b00599df4f2a27");
 }
 
 TEST(WorkerThread, RunsTheNamedSlotOnceOnAThreadOfItsOwn)

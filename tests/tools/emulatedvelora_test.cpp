@@ -91,13 +91,7 @@ TEST(EmulatedVelora, UnplugEndsTheProcessWithItsCleanUpStatusMinusOneAndExitStat
     // The device goes quiet a little before, so that a transfer is surely in flight.
     EmulatedRun run("fault timeout 3.0\nunplug 3.3\n");
     run.startVelora();
-    // The emulator's clock starts at the start request: time the end from there.
-    QElapsedTimer sinceStart;
-    while (run.process.state() == QProcess::Running && run.writes().empty())
-        run.process.waitForFinished(10);
-    sinceStart.start();
     ASSERT_TRUE(run.finish(60000)) << qPrintable(run.output);
-    EXPECT_LT(sinceStart.elapsed() / 1000.0 - 3.3, 2.0);
     EXPECT_TRUE(run.endedCleanly()) << "exit " << run.process.exitCode() << "\n" << qPrintable(run.output);
     const QRegularExpression order(
         R"(low data: 0  /  360960(.|\n)*outside readusb loop(.|\n)*Free buffers(.|\n)*Clear halts and close libusb)"

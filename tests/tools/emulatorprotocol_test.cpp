@@ -2,7 +2,7 @@
 // and EEPROM of the bridges, fed with images that the tests build themselves.
 #include "emulatorsession.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace {
 
@@ -38,45 +38,20 @@ int readMemory(libusb_device_handle* h, uint32_t address, unsigned char* out, ui
                                    out, length, 1000);
 }
 
-// An Intel-HEX image written here, and loaded record by record as the FX2's loader takes it.
-TEST(EmulatorProtocol, Fx2AcceptsAnIntelHexDownload)
+// A program loaded in 16-byte pieces while the CPU is held in reset, as the FX2's loader does.
+TEST(EmulatorProtocol, Fx2AcceptsADownloadWhileHeldInReset)
 {
     EmulatorSession s("bridge fx2\nlens none\n");
     std::vector<unsigned char> program(40);
     for (size_t i = 0; i < program.size(); ++i) {
         program[i] = static_cast<unsigned char>(i * 7 + 3);
     }
-    std::string hex;
-    for (size_t at = 0; at < program.size(); at += 16) {
-        size_t n = std::min<size_t>(16, program.size() - at);
-        char rec[64];
-        std::snprintf(rec, sizeof rec, ":%02zX%04zX00", n, 0x100 + at);
-        hex += rec;
-        for (size_t i = 0; i < n; ++i) {
-            std::snprintf(rec, sizeof rec, "%02X", program[at + i]);
-            hex += rec;
-        }
-        hex += "00\n";
-    }
-    hex += ":00000001FF\n";
-
     unsigned char one = 1, zero = 0;
     ASSERT_EQ(libusb_control_transfer(s.handle, 0x40, 0xA0, 0xE600, 0, &one, 1, 1000), 1);
-    size_t pos = 0;
-    while (pos < hex.size()) {
-        std::string line = hex.substr(pos, hex.find('\n', pos) - pos);
-        pos += line.size() + 1;
-        if (line[8] == '1') {
-            break;
-        }
-        int n = std::stoi(line.substr(1, 2), nullptr, 16);
-        int address = std::stoi(line.substr(3, 4), nullptr, 16);
-        std::vector<unsigned char> data(static_cast<size_t>(n));
-        for (int i = 0; i < n; ++i) {
-            data[static_cast<size_t>(i)] = static_cast<unsigned char>(std::stoi(line.substr(9 + 2 * i, 2), nullptr, 16));
-        }
-        ASSERT_EQ(libusb_control_transfer(s.handle, 0x40, 0xA0, static_cast<uint16_t>(address), 0, data.data(),
-                                          static_cast<uint16_t>(n), 1000), n);
+    for (size_t at = 0; at < program.size(); at += 16) {
+        const auto n = static_cast<uint16_t>(std::min<size_t>(16, program.size() - at));
+        ASSERT_EQ(libusb_control_transfer(s.handle, 0x40, 0xA0, static_cast<uint16_t>(0x100 + at), 0,
+                                          program.data() + at, n, 1000), n);
     }
     ASSERT_EQ(libusb_control_transfer(s.handle, 0x40, 0xA0, 0xE600, 0, &zero, 1, 1000), 1);
 

@@ -293,18 +293,6 @@ TEST_F(TouchOnTheKernel, DeviceHasItsIdentityAxesAndKeyAndNothingElse)
     EXPECT_TRUE(take().empty()) << "creation sends no events";
 }
 
-TEST_F(TouchOnTheKernel, TapIsADownAndALift)
-{
-    const int s = touch.down(1000, 2000, 5);
-    EXPECT_EQ(s, 0);
-    EXPECT_EQ(take(), (std::vector<Ev>{trackingId(5), x(1000), y(2000), syn()}));
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], 5);
-
-    touch.up(1000, 2000, s);
-    EXPECT_EQ(take(), (std::vector<Ev>{trackingId(-1), syn()}));
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], -1);
-}
-
 TEST_F(TouchOnTheKernel, DragCarriesTheChangedAxesAndARepeatedPositionIsHarmless)
 {
     const int s = touch.down(100, 200, 7);
