@@ -24,28 +24,6 @@ Write out(int mask, int level, int length)
     return {0, false, "out", mask, level, length};
 }
 
-// Register and output writes as pairs: every one must come twice in a row.
-std::vector<Write> pairedWrites(const std::vector<Write>& all, std::vector<Write>* firstOfPair = nullptr)
-{
-    std::vector<Write> w;
-    for (const Write& x : all)
-        if (x.kind == "reg" || x.kind == "out")
-            w.push_back(x);
-    std::vector<Write> once;
-    for (size_t i = 0; i < w.size(); i += 2) {
-        EXPECT_LT(i + 1, w.size()) << "a lone last write";
-        if (i + 1 >= w.size())
-            break;
-        EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " (" << w[i].kind << " " << w[i].a << " " << w[i].b
-                                      << ") not repeated: next is " << w[i + 1].kind << " " << w[i + 1].a << " "
-                                      << w[i + 1].b;
-        once.push_back(w[i]);
-        if (firstOfPair)
-            firstOfPair->push_back(w[i]);
-    }
-    return once;
-}
-
 // Where `part` occurs in `all` as a contiguous run from `from` on, or npos.
 size_t findRun(const std::vector<Write>& all, const std::vector<Write>& part, size_t from = 0)
 {
@@ -104,8 +82,7 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     const auto all = run.writes();
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front().kind, "start");
-    std::vector<Write> firsts;
-    const auto w = pairedWrites(all, &firsts);
+    const auto w = run.pairedWrites();
 
     // The device always runs with the fixed blanking, whatever was asked.
     for (const Write& x : w) {

@@ -151,6 +151,34 @@ public:
         return out;
     }
 
+    // Register and output writes, which the sensor sends twice each.
+    std::vector<Write> controlWrites() const
+    {
+        std::vector<Write> w;
+        for (const Write& x : writes())
+            if (x.kind == "reg" || x.kind == "out")
+                w.push_back(x);
+        return w;
+    }
+
+    // One of each pair of control writes; a write not repeated at once is a failure. A run
+    // that was killed may end between the two writes of a pair.
+    std::vector<Write> pairedWrites(bool killed = false) const
+    {
+        const std::vector<Write> w = controlWrites();
+        std::vector<Write> once;
+        for (size_t i = 0; i < w.size(); i += 2) {
+            EXPECT_TRUE(killed || i + 1 < w.size()) << "a lone last write";
+            if (i + 1 >= w.size())
+                break;
+            EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " (" << w[i].kind << " " << w[i].a << " " << w[i].b
+                                          << ") not repeated: next is " << w[i + 1].kind << " " << w[i + 1].a
+                                          << " " << w[i + 1].b;
+            once.push_back(w[i]);
+        }
+        return once;
+    }
+
     std::map<long, Sent> truth() const
     {
         std::map<long, Sent> out;

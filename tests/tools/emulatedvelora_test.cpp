@@ -19,22 +19,6 @@ QString readStatus()
     return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll()) : QString();
 }
 
-std::vector<EmulatedRun::Write> registerAndOutputWrites(const EmulatedRun& run, bool onlyFirstOfPair)
-{
-    std::vector<EmulatedRun::Write> w;
-    for (const auto& x : run.writes())
-        if (x.kind == "reg" || x.kind == "out")
-            w.push_back(x);
-    if (!onlyFirstOfPair)
-        return w;
-    std::vector<EmulatedRun::Write> once;
-    for (size_t i = 0; i + 1 < w.size(); i += 2) {
-        EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " not repeated";
-        once.push_back(w[i]);
-    }
-    return once;
-}
-
 } // namespace
 
 TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
@@ -61,7 +45,7 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     // The start-up goes on beside the stream: its last write is the laser.
     QElapsedTimer t;
     t.start();
-    while (t.elapsed() < 30000 && registerAndOutputWrites(run, false).size() < 32)
+    while (t.elapsed() < 30000 && run.controlWrites().size() < 32)
         QThread::msleep(50);
     run.process.kill();
     run.finish();
@@ -77,7 +61,7 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     const auto all = run.writes();
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front().kind, "start");
-    const auto once = registerAndOutputWrites(run, true);
+    const auto once = run.pairedWrites(true);
     ASSERT_GE(once.size(), expected.size());
     for (size_t i = 0; i < expected.size(); ++i)
         EXPECT_TRUE(once[i] == expected[i]) << "write " << i << ": " << once[i].kind << " " << once[i].a << " "
