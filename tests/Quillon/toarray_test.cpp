@@ -1,6 +1,6 @@
+#include "shiftcorrection.h"
 #include "bloblist.h"
 #include "calibration.h"
-#include "icorrection.h"
 #include "transformgrid.h"
 
 #include <gtest/gtest.h>
@@ -8,14 +8,6 @@
 #include <memory>
 
 namespace {
-
-class ShiftRight : public ICorrection {
-public:
-    EVector undistort(EVector p) override { return EVector(p.x + 10, p.y); }
-    bool initByIntrinsic(double, double, double, double) override { return true; }
-    bool initByFiles(const char*, const char*, double, double) override { return true; }
-    void correctIntrinsicFileCenter(double*, int) override {}
-};
 
 // Sensor 0..800 x 0..500 onto a 1600 x 1000 screen, a plain doubling.
 TransformGrid doublingGrid()
@@ -44,7 +36,7 @@ TEST(BlobListToArray, CopiesCarryScreenPositionsOfTheShiftedSensorPoint)
     list.add(&b);
 
     TransformGrid grid = doublingGrid();
-    ShiftRight lens;
+    ShiftCorrection lens(10);
     std::vector<Blob*> out = list.ToArray(&grid, &lens);
     ASSERT_EQ(out.size(), 2u);
     EXPECT_NE(out[0], &a);

@@ -1,7 +1,7 @@
+#include "shiftcorrection.h"
 #include "syntheticframe.h"
 
 #include "globalsettings.h"
-#include "icorrection.h"
 #include "trackingengine.h"
 
 #include <gtest/gtest.h>
@@ -12,14 +12,6 @@ namespace {
 
 constexpr int W = SyntheticFrames::Width;
 constexpr int H = SyntheticFrames::Height;
-
-class IdentityCorrection : public ICorrection {
-public:
-    EVector undistort(EVector p) override { return p; }
-    bool initByIntrinsic(double, double, double, double) override { return true; }
-    bool initByFiles(const char*, const char*, double, double) override { return true; }
-    void correctIntrinsicFileCenter(double*, int) override {}
-};
 
 std::vector<unsigned char> blank() { return std::vector<unsigned char>(std::size_t(W) * H, 0); }
 
@@ -188,7 +180,7 @@ TEST_F(Engine, EdgeSpotsAreDroppedAndTheRestRefined)
 
 TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
 {
-    IdentityCorrection correction;
+    ShiftCorrection correction(0);
     EPolygon screen({EVector(50, 50), EVector(400, 50), EVector(400, 400), EVector(50, 400)});
     engine.correction = &correction;
     engine.blobFilter = &screen;

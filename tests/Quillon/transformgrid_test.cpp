@@ -1,5 +1,5 @@
+#include "shiftcorrection.h"
 #include "blob.h"
-#include "icorrection.h"
 #include "transformgrid.h"
 
 #include <gtest/gtest.h>
@@ -30,14 +30,6 @@ void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> ex
         EXPECT_NEAR(p[i].y, expected[i].second, 1e-6) << "vertex " << i;
     }
 }
-
-class Shift : public ICorrection {
-public:
-    EVector undistort(EVector p) override { return EVector(p.x + 100, p.y); }
-    bool initByIntrinsic(double, double, double, double) override { return true; }
-    bool initByFiles(const char*, const char*, double, double) override { return true; }
-    void correctIntrinsicFileCenter(double*, int) override {}
-};
 
 } // namespace
 
@@ -81,7 +73,7 @@ TEST(TransformArea, BlobSizeIsBlendedByInverseDistance)
 TEST(TransformArea, InterpolatedHitAreaWalksVertexPairsThroughTheCorrection)
 {
     TransformArea a(rect(0, 0, 4, 4), rect(0, 0, 4, 4), rect(0, 0, 4, 4));
-    Shift shift;
+    ShiftCorrection shift(100);
     a.InterpolatetHitArea(2, &shift);
     // The start of each pair is listed twice.
     expectVertices(a.hitArea, {{100, 0}, {100, 0}, {102, 0}, {104, 0}, {104, 4}, {104, 4}, {102, 4}, {100, 4}});
