@@ -12,10 +12,25 @@
 class ActivePen;
 class Blob;
 class Calibration;
+class IAutoCalibration;
+class IAutoCalibrationUi;
 class IBlobListener;
+class IDisturbanceChecker;
+class ILaserAlignment;
+class ILumerailCalibration;
+class ILumerailCalibrationUi;
+class IManualCalibration;
+class IManualCalibrationUi;
+class IOffsetCorrection;
+class IOffsetCorrectionUi;
 class IPointerController;
+class IProcedureFactory;
+class ISensorViewer;
+class ISensorViewerUi;
+class IpcListener;
 class MultiPointerController;
 class Sensor;
+class SlateworkSDKHelper;
 
 // The central object: owns what runs, gates frames and fans blobs out to the listeners.
 class BlobFacade : public QObject, public IImageSource, public IBlobEmitter {
@@ -26,29 +41,48 @@ public:
     std::atomic<bool> processing{false};
     bool menuFlag = false;
     std::atomic<bool> paused{false};
+    IDisturbanceChecker* disturbanceChecker = nullptr;
     bool calibrationLoaded = false;
-    MultiPointerController* pointerController = nullptr;
-    Sensor* sensor = nullptr;
-    ActivePen* activePen = nullptr;
+    // The live screens, or null; the automatic one is also hidden from the loading thread.
+    std::atomic<IAutoCalibrationUi*> autoCalibrationUi{nullptr};
+    IManualCalibrationUi* manualCalibrationUi = nullptr;
+    ILumerailCalibrationUi* lumerailCalibrationUi = nullptr;
+    ISensorViewerUi* sensorViewerUi = nullptr;
+    IOffsetCorrectionUi* offsetCorrectionUi = nullptr;
     // Owned; one object serves both modes when only a stylus calibration exists.
     Calibration* stylusCalibration = nullptr;
     Calibration* fingerCalibration = nullptr;
+    MultiPointerController* pointerController = nullptr;
+    ISensorViewer* sensorViewer = nullptr;
     // Gates kept as hooks in the frame path: nothing sets them.
     bool dropAllFrames = false;
     bool dropThreeOfFour = false;
     int frameCount = 0;
     bool notCalibratedFlip = false;
     bool viewerSavedEnabled = false;
-    bool savedProcessing = false;
+    std::atomic<bool> savedProcessing{false};
     bool filterSwitched = false;
     double savedBlankingFactor = 0;
+    ILaserAlignment* laserAlignment = nullptr;
+    SlateworkSDKHelper* slateworkHelper = nullptr;
+    // Read by setCalibration on the procedure's own thread.
+    std::atomic<IAutoCalibration*> autoCalibration{nullptr};
+    IManualCalibration* manualCalibration = nullptr;
+    ILumerailCalibration* lumerailCalibration = nullptr;
+    IOffsetCorrection* offsetCorrection = nullptr;
+    Sensor* sensor = nullptr;
+    ActivePen* activePen = nullptr;
+    IpcListener* ipc = nullptr;
+    // The flags of the calibration sequence; the loading thread reads them too.
     std::atomic<bool> calibrating{false};
-    bool acBeforeMc = false;
-    bool mcFallback = false;
-    bool mcAfterAc = false;
+    std::atomic<bool> acBeforeMc{false};
+    std::atomic<bool> mcFallback{false};
+    std::atomic<bool> mcAfterAc{false};
     std::atomic<int> keepFrames{0};
-    bool mcIsTouch = false;
+    std::atomic<bool> mcIsTouch{false};
     bool mcSpare = false;
+    // Makes the procedures and screens; null: none is available, each request reports no result.
+    IProcedureFactory* procedureFactory = nullptr;
 
     BlobFacade(int argc, char** argv);
     ~BlobFacade() override;
@@ -83,21 +117,47 @@ public:
     // Receivers in order of registration; a copy, for whoever wants to look.
     std::vector<IBlobListener*> blobListeners() const;
 
+    // The calibration commands: 0 manual, 1 automatic, 2 the bar outside the screen.
+    void processCalibration(int kind);
+    void startAc();
+    void startMc();
+    void startLrc();
+    void resetOffsetCorrection();
+    void processModeChange();
+    void processOffsetCorrection();
+    void startOffsetCorrection();
+    void showSensorViewer();
+
 public slots:
+    void processManualCalibSlot();
+    void processLaserAlign();
     void onMenuExited();
+    void onIpcMessageReceived(int id);
     // On a worker thread: puts the calibration of the present mode in force.
     void loadCalibration();
+    void onCalibrationFinished(int status);
+    void onOffsetCorrectionFinished();
+    void onSensorViewerClosed();
+    void disposeUi();
+    void onLaserAlignFinished(int status);
 
 protected:
     // The output start() puts behind the pointer fan-out; a subclass may drive another device.
     virtual IPointerController* createPrimaryController();
 
 private:
+    // Calibrations are replaced and deleted by procedures' threads, the loading thread and
+    // the main thread; ownership changes one at a time.
+    mutable std::recursive_mutex calibrationLock;
     // Guards only the vector itself, never a listener call: listeners call back in.
     mutable std::mutex listenersLock;
     std::vector<IBlobListener*> listeners;
 
     template <typename Call> void forEachListener(Call call);
+    void refuse();
+    void replaceStylusCalibration(Calibration* calibration);
+    // Runs slot on the main thread after the present event.
+    void later(void (BlobFacade::*slot)());
 };
 
 // The sensor's frame callback; context is the BlobFacade.

@@ -8,6 +8,7 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
+#include <QSaveFile>
 #include <QStandardPaths>
 #include <QTextStream>
 #include <QThread>
@@ -320,8 +321,9 @@ void GS::onResolutionChanged(int width, int height)
 
 void GS::saveUserSettings()
 {
-    QFile file(QString::fromStdString(userSettingsPath));
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    // Written beside and renamed over, so that a crash or a full disk keeps the former choices.
+    QSaveFile file(QString::fromStdString(userSettingsPath));
+    if (!file.open(QIODevice::WriteOnly))
         return;
     QTextStream out(&file);
     out << inputMode << '\n'
@@ -335,6 +337,9 @@ void GS::saveUserSettings()
         << offsetD << '\n'
         << offsetTop << '\n'
         << offsetBottom;
+    out.flush();
+    if (!file.commit())
+        qDebug() << "user settings could not be written to" << file.fileName();
 }
 
 void GS::loadUserSettings()

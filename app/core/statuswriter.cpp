@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 
 StatusWriter* StatusWriter::instance()
 {
@@ -28,11 +29,13 @@ void StatusWriter::write(int value)
     const QString path = QString::fromStdString(GS::instance()->statusFilePath);
     const QByteArray text = "Result=" + QByteArray::number(value);
     qDebug() << "writing into" << QFileInfo(path).fileName() << text;
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text)) {
+    // Written beside and renamed over: the menu never reads half a status.
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Text)) {
         qDebug() << "File open failed " << path;
         return;
     }
     file.write(text);
-    file.close();
+    if (!file.commit())
+        qDebug() << "File write failed " << path;
 }

@@ -8,12 +8,14 @@
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
+#include <QSaveFile>
 
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
+#include <sstream>
 #include <string>
 
 Calibration::Calibration(int cols_, int rows_, std::vector<EVector> src, std::vector<EVector> ref,
@@ -40,7 +42,7 @@ void Calibration::save(const char* path) const
         qDebug().noquote() << "Calibration file directory does not exists, creating: " + dir;
         QDir().mkpath(dir);
     }
-    std::ofstream out(path, std::ios::out | std::ios::trunc);
+    std::ostringstream out;
     out.precision(15);
     out << cols << '\n' << rows << '\n' << marginX << '\n' << marginY << '\n' << growth << '\n'
         << (formulaZoom ? 1 : 0) << '\n';
@@ -54,6 +56,12 @@ void Calibration::save(const char* path) const
         out << p.x << '\n' << p.y << '\n';
     for (const EVector& p : refPoints)
         out << p.x << '\n' << p.y << '\n';
+    // Written beside and renamed over: a crash or a full disk keeps the former calibration whole.
+    QSaveFile file(QString::fromLocal8Bit(path));
+    const std::string text = out.str();
+    if (!file.open(QIODevice::WriteOnly) || file.write(text.data(), qint64(text.size())) != qint64(text.size())
+        || !file.commit())
+        qDebug().noquote() << "Calibration file could not be written: " + QString::fromLocal8Bit(path);
 }
 
 bool Calibration::exists(const char* path)

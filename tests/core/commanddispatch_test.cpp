@@ -1,0 +1,350 @@
+// What each command of the menu does to the running system, on the emulated sensor with
+// stand-in procedures: the statuses written in order, the answer, and the state it leaves.
+#include "emulatedfacade.h"
+#include "ipclistener.h"
+#include "multipointercontroller.h"
+#include "sensor.h"
+
+#include <QFile>
+#include <QTextStream>
+
+#include <optional>
+
+namespace {
+
+// The calibrations by their column count.
+constexpr int Finger = 7, Stylus = 5, Result = 6, None = 0;
+
+int columnsOf(const std::string& path)
+{
+    if (!Calibration::exists(path.c_str()))
+        return None;
+    Calibration* c = Calibration::read(path.c_str());
+    const int cols = c ? c->cols : -1;
+    delete c;
+    return cols;
+}
+
+class Dispatch : public ::testing::Test {
+protected:
+    EmulatedFacade* facade = EmulatedFacade::startOnce();
+    GS* gs = GS::instance();
+
+    // Both calibrations from their files (or none), the mode, and the rest as in operation.
+    void arrange(int mode, bool withCalibrations)
+    {
+        facade->onIpcMessageReceived(16);
+        if (withCalibrations) {
+            QFile::copy(QString::fromStdString(EmulatedFacade::calibrationFile(Finger)),
+                        QString::fromStdString(gs->fingerCalibrationPath));
+            QFile::copy(QString::fromStdString(EmulatedFacade::calibrationFile(Stylus)),
+                        QString::fromStdString(gs->stylusCalibrationPath));
+            facade->fingerCalibration = Calibration::read(gs->fingerCalibrationPath.c_str());
+            facade->stylusCalibration = Calibration::read(gs->stylusCalibrationPath.c_str());
+        }
+        gs->inputMode = mode;
+        facade->activePen->setInputMode(mode);
+        facade->setCalibration(facade->getCalibration());
+        facade->sensor->setLaser(mode == 0);
+        facade->setExposure(mode == 0 ? gs->fingerExposure : gs->stylusExposure);
+        facade->calibrating = false;
+        facade->notCalibratedFlip = false;
+        facade->pointerController->enabled = true;
+        facade->paused = false;
+        delete facade->factory.script.result;
+        facade->factory.script.result = Calibration::read(EmulatedFacade::calibrationFile(Result).c_str());
+        facade->settle(50);
+        QFile::remove(gs->answerFilePath);
+        EmulatedFacade::clearStatuses();
+    }
+
+    bool answered() const { return QFile::exists(gs->answerFilePath); }
+    int activeColumns() const
+    {
+        Calibration* c = facade->getCalibration();
+        return c ? c->cols : None;
+    }
+    static QStringList userSettings()
+    {
+        QFile f(QString::fromStdString(GS::instance()->userSettingsPath));
+        f.open(QIODevice::ReadOnly);
+        return QString::fromLatin1(f.readAll()).split('\n');
+    }
+};
+
+// One course of the calibration commands: where it starts, how the stand-ins finish, and
+// what must be true at its end.
+struct Course {
+    const char* name;
+    int mode;
+    bool calibrated;
+    int id;
+    std::vector<int> automatic, manual, bar;
+    std::vector<int> statuses;
+    int endMode;
+    char exposure;     // 'f' finger, 's' stylus
+    int laser;         // 1 on, 0 off, -1 not looked at
+    bool enabled;
+    bool calibrating;  // still set at the end
+    int active;        // columns of the calibration in force
+    int fingerFile, stylusFile;
+};
+
+void PrintTo(const Course& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+const Course courses[] = {
+    // name, mode, calibrated, id, auto, manual, bar, statuses, end mode, exposure, laser, enabled,
+    // calibrating, active, finger file, stylus file
+    {"ManualStylusDone", 1, true, 0, {}, {1}, {}, {-11, 0}, 1, 's', 0, true, false, Result, Finger, Result},
+    {"ManualStylusNoResult", 1, true, 0, {}, {0}, {}, {-11, -4}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+    {"ManualStylusDisturbance", 1, true, 0, {}, {-2}, {}, {-11, -2, -2}, 1, 's', 0, false, false, Result, Finger,
+     Result},
+    {"ManualStylusCancelled", 1, true, 0, {}, {-3}, {}, {-11, -3, -3}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+    {"ManualStylusCancelledUncalibrated", 1, false, 0, {}, {-3}, {}, {-11, -3, -6}, 1, 's', -1, false, false, None,
+     None, None},
+    // In finger mode the automatic calibration comes first; a good one is refined by hand.
+    {"ManualFingerAutoDoneManualDone", 0, true, 0, {1}, {1}, {}, {-11, -11, -11, 0}, 0, 'f', 1, true, false, Result,
+     Result, Result},
+    {"ManualFingerAutoDoneManualNoResult", 0, true, 0, {1}, {0}, {}, {-11, -11, -11, -4}, 0, 'f', 1, true, false,
+     Result, None, Result},
+    {"ManualFingerAutoDoneManualDisturbance", 0, true, 0, {1}, {-2}, {}, {-11, -11, -11, -2, -2}, 0, 'f', 1, false,
+     false, Result, Result, Result},
+    {"ManualFingerAutoDoneManualSkipped", 0, true, 0, {1}, {-3}, {}, {-11, -11, -11, -3, 0}, 0, 'f', 1, true, false,
+     Result, None, Result},
+    // A failed automatic calibration falls back to a stylus calibration by hand, then the finger's.
+    {"ManualFingerAutoFailsFallbackDoneFingerDone", 0, true, 0, {0}, {1, 1}, {}, {-11, -11, -11, -11, 0}, 0, 'f', 1,
+     true, false, Result, Result, Result},
+    {"ManualFingerAutoFailsFallbackDoneFingerSkipped", 0, true, 0, {0}, {1, -3}, {}, {-11, -11, -11, -11, -3, 0}, 0,
+     'f', 1, true, false, Finger, Finger, Result},
+    {"ManualFingerAutoFailsFallbackNoResult", 0, true, 0, {0}, {0}, {}, {-11, -11, -11, -4}, 0, 'f', 1, true, false,
+     Finger, Finger, Stylus},
+    {"ManualFingerAutoFailsFallbackDisturbance", 0, true, 0, {0}, {-2}, {}, {-11, -11, -11, -2, -2}, 0, 'f', 1, false,
+     false, Finger, Finger, Result},
+    {"ManualFingerAutoFailsFallbackCancelled", 0, true, 0, {0}, {-3}, {}, {-11, -11, -11, -3, -3}, 0, 'f', 1, true,
+     false, Finger, Finger, Stylus},
+    {"ManualFingerAutoDisturbanceFallbackCancelled", 0, true, 0, {-2}, {-3}, {}, {-11, -11, -11, -3, -3}, 0, 'f', 1,
+     true, false, Result, None, Result},
+    // Cancelling the automatic step of a manual request leaves the sequence as it stands: the
+    // laser stays off and a further calibration command is not taken.
+    {"ManualFingerAutoCancelled", 0, true, 0, {-3}, {}, {}, {-11, -11, -3}, 0, 'f', 0, true, true, Finger, Finger,
+     Stylus},
+    {"AutoFingerDone", 0, true, 1, {1}, {}, {}, {-11, 0}, 0, 'f', 1, true, false, Finger, Finger, Result},
+    {"AutoFingerFails", 0, true, 1, {0}, {}, {}, {-11, -4}, 0, 'f', 1, true, false, Finger, Finger, Stylus},
+    {"AutoFingerDisturbance", 0, true, 1, {-2}, {}, {}, {-11, -2, -2}, 0, 'f', 1, false, false, Finger, Finger, Result},
+    {"AutoFingerCancelled", 0, true, 1, {-3}, {}, {}, {-11, -3, -3}, 0, 'f', 1, true, false, Finger, Finger, Stylus},
+    {"AutoStylusDone", 1, true, 12, {1}, {}, {}, {-11, 0}, 1, 's', 0, true, false, Result, Finger, Result},
+    {"BarDone", 1, true, 21, {}, {}, {1}, {-11, 0}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+    {"BarNoResult", 1, true, 21, {}, {}, {0}, {-11, -4}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+    {"BarDisturbance", 1, true, 21, {}, {}, {-2}, {-11, -2, -2}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+    {"BarCancelled", 1, true, 21, {}, {}, {-3}, {-11, -3, -3}, 1, 's', 0, true, false, Stylus, Finger, Stylus},
+};
+
+class Calibrating : public Dispatch, public ::testing::WithParamInterface<Course> {};
+
+TEST_P(Calibrating, EndsAsTheSequenceSays)
+{
+    const Course& c = GetParam();
+    arrange(c.mode, c.calibrated);
+    Script& script = facade->factory.script;
+    script.automatic.assign(c.automatic.begin(), c.automatic.end());
+    script.manual.assign(c.manual.begin(), c.manual.end());
+    script.bar.assign(c.bar.begin(), c.bar.end());
+
+    facade->onIpcMessageReceived(c.id);
+    facade->settle();
+
+    EXPECT_EQ(EmulatedFacade::statuses(), c.statuses);
+    EXPECT_TRUE(answered());
+    EXPECT_TRUE(script.automatic.empty() && script.manual.empty() && script.bar.empty()) << "a procedure never ran";
+    EXPECT_EQ(facade->activePen->inputMode, c.endMode);
+    EXPECT_EQ(facade->getExposure(), c.exposure == 'f' ? gs->fingerExposure : gs->stylusExposure);
+    if (c.laser >= 0)
+        EXPECT_EQ(facade->laserOn(), c.laser == 1);
+    EXPECT_EQ(facade->pointerController->enabled, c.enabled);
+    EXPECT_TRUE(facade->processing);
+    EXPECT_EQ(facade->calibrating, c.calibrating);
+    EXPECT_EQ(activeColumns(), c.active);
+    EXPECT_EQ(columnsOf(gs->fingerCalibrationPath), c.fingerFile);
+    EXPECT_EQ(columnsOf(gs->stylusCalibrationPath), c.stylusFile);
+    EXPECT_FALSE(facade->acBeforeMc || facade->mcFallback || facade->mcAfterAc || facade->mcIsTouch);
+}
+
+INSTANTIATE_TEST_SUITE_P(Courses, Calibrating, ::testing::ValuesIn(courses),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(Dispatch, ACalibrationCommandWhileOneRunsIsIgnoredWithoutAnAnswer)
+{
+    arrange(1, true);
+    Script& script = facade->factory.script;
+    script.maxDelayMs = 300;
+    script.manual = {1};
+    facade->onIpcMessageReceived(0);
+    for (int id : {0, 1, 11, 12}) {
+        facade->onIpcMessageReceived(id);
+        EXPECT_FALSE(answered()) << id;
+    }
+    facade->settle();
+    script.maxDelayMs = 20;
+    EXPECT_EQ(EmulatedFacade::statuses(), (std::vector<int>{-11, 0}));
+    EXPECT_TRUE(script.automatic.empty() && script.manual.empty());
+}
+
+TEST_F(Dispatch, RefusalsAlternateBetweenTheirTwoStatusesEachWithAnAnswer)
+{
+    arrange(1, false);
+    for (int id : {21, 24, 21}) {
+        QFile::remove(gs->answerFilePath);
+        facade->onIpcMessageReceived(id);
+        EXPECT_TRUE(answered()) << id;
+    }
+    EXPECT_EQ(EmulatedFacade::statuses(), (std::vector<int>{-14, -6, -14}));
+}
+
+TEST_F(Dispatch, ResetDeletesASharedCalibrationOnceAndBothFiles)
+{
+    arrange(1, true);
+    delete facade->fingerCalibration;
+    facade->fingerCalibration = facade->stylusCalibration;
+    facade->onIpcMessageReceived(16);
+    EXPECT_TRUE(answered());
+    EXPECT_EQ(facade->fingerCalibration, nullptr);
+    EXPECT_EQ(facade->stylusCalibration, nullptr);
+    EXPECT_FALSE(facade->processing);
+    EXPECT_EQ(columnsOf(gs->fingerCalibrationPath), None);
+    EXPECT_EQ(columnsOf(gs->stylusCalibrationPath), None);
+}
+
+TEST_F(Dispatch, PauseFlipsWithAnAnswerAndANewCalibrationClearsIt)
+{
+    arrange(1, true);
+    facade->onIpcMessageReceived(17);
+    EXPECT_TRUE(facade->paused);
+    EXPECT_TRUE(answered());
+    facade->onIpcMessageReceived(17);
+    EXPECT_FALSE(facade->paused);
+    facade->onIpcMessageReceived(17);
+    facade->setCalibration(Calibration::read(EmulatedFacade::calibrationFile(Result).c_str()));
+    EXPECT_FALSE(facade->paused);
+    EXPECT_TRUE(EmulatedFacade::statuses().empty());
+}
+
+// Commands that change a setting or a device output and answer (or not) without a status.
+struct Setting {
+    int id;
+    bool answers;
+    std::function<bool()> done;
+};
+
+TEST_F(Dispatch, SettingCommandsDoTheirOneThing)
+{
+    arrange(1, true);
+    const std::vector<Setting> table{
+        {22, false, [&] { return gs->pointerMode == 0 && userSettings().value(3) == "0"; }},
+        {23, false, [&] { return gs->pointerMode == 1 && userSettings().value(3) == "1"; }},
+        {100, true, [&] { return gs->profile == 1 && userSettings().value(1) == "1"; }},
+        {101, true, [&] { return gs->profile == 0 && userSettings().value(1) == "0"; }},
+        {103, true, [&] { return facade->laserOn(); }},
+        {102, true, [&] { return !facade->laserOn(); }},
+        {8, true, [] { return true; }},
+        {9, true, [] { return true; }},
+    };
+    for (const Setting& s : table) {
+        QFile::remove(gs->answerFilePath);
+        facade->onIpcMessageReceived(s.id);
+        EXPECT_TRUE(s.done()) << s.id;
+        EXPECT_EQ(answered(), s.answers) << s.id;
+    }
+    // Ids no byte gives any more do nothing at all.
+    QFile::remove(gs->answerFilePath);
+    for (int id : {7, 10, 13, 14, 15, 104, 105, 106, 107, 108, 109, 110, 111, 112})
+        facade->onIpcMessageReceived(id);
+    EXPECT_FALSE(answered());
+    EXPECT_TRUE(EmulatedFacade::statuses().empty());
+}
+
+TEST_F(Dispatch, ALeftOverCommandIsAnsweredWithItsStatusOnly)
+{
+    arrange(1, true);
+    facade->onIpcMessageReceived(1000);
+    EXPECT_TRUE(answered());
+    EXPECT_EQ(EmulatedFacade::statuses(), std::vector<int>{-13});
+    EXPECT_EQ(facade->activePen->inputMode, 1);
+}
+
+TEST_F(Dispatch, AModeChangeLoadsThatModesCalibrationAndAnswers)
+{
+    arrange(1, true);
+    facade->onIpcMessageReceived(4);
+    facade->settle(1500);
+    EXPECT_TRUE(answered());
+    EXPECT_EQ(EmulatedFacade::statuses(), std::vector<int>{0});
+    EXPECT_EQ(activeColumns(), Finger);
+    EXPECT_TRUE(facade->laserOn());
+    EXPECT_EQ(facade->getExposure(), gs->fingerExposure);
+    EXPECT_EQ(userSettings().value(0), "0");
+    EXPECT_EQ(facade->autoCalibrationUi.load(), nullptr) << "the waiting screen is disposed of";
+}
+
+TEST_F(Dispatch, LaserAlignmentNeedsAFingerCalibrationAndAnswersAtItsEnd)
+{
+    arrange(0, false);
+    facade->onIpcMessageReceived(2);
+    EXPECT_TRUE(answered());
+    EXPECT_EQ(EmulatedFacade::statuses(), std::vector<int>{-5});
+
+    for (int status : {0, -1}) {
+        arrange(0, true);
+        QFile::remove(gs->stylusCalibrationPath.c_str());
+        facade->factory.script.alignment = {status};
+        facade->onIpcMessageReceived(2);
+        facade->settle();
+        EXPECT_TRUE(answered()) << status;
+        // The shifts it found are kept with the stylus calibration.
+        EXPECT_EQ(columnsOf(gs->stylusCalibrationPath), Stylus) << status;
+        EXPECT_EQ(EmulatedFacade::statuses(), status == -1 ? std::vector<int>{-3} : std::vector<int>{}) << status;
+        EXPECT_EQ(facade->laserAlignment, nullptr);
+    }
+}
+
+TEST_F(Dispatch, TheViewerStopsTheOutputAndPutsItBackWhenClosed)
+{
+    arrange(1, true);
+    facade->onIpcMessageReceived(5);
+    EXPECT_FALSE(facade->pointerController->enabled);
+    EXPECT_FALSE(facade->processing);
+    facade->settle();
+    EXPECT_TRUE(answered());
+    EXPECT_TRUE(facade->pointerController->enabled);
+    EXPECT_TRUE(facade->processing);
+    EXPECT_EQ(facade->sensorViewer, nullptr);
+}
+
+TEST_F(Dispatch, OffsetCorrectionStartsWithoutAnAnswerAndResetsTheOffsetsOnlyAfterACalibration)
+{
+    arrange(1, true);
+    gs->offsetLeft = 0.5;
+    facade->onIpcMessageReceived(24);
+    facade->settle();
+    EXPECT_EQ(EmulatedFacade::statuses(), (std::vector<int>{-11, 0}));
+    EXPECT_FALSE(answered());
+    EXPECT_EQ(gs->offsetLeft, 0.5);
+    facade->factory.script.manual = {1};
+    facade->onIpcMessageReceived(0);
+    facade->settle();
+    EXPECT_EQ(gs->offsetLeft, 1.0);
+    EXPECT_EQ(userSettings().value(5), "1");
+}
+
+TEST_F(Dispatch, QuitTurnsTheLaserOffAndAnswers)
+{
+    arrange(0, true);
+    ASSERT_TRUE(facade->laserOn());
+    facade->onIpcMessageReceived(25);
+    EXPECT_FALSE(facade->laserOn());
+    EXPECT_TRUE(answered());
+}
+
+} // namespace
