@@ -1,5 +1,6 @@
 #include "globalsettings.h"
 
+#include "atomicwrite.h"
 #include "configfileerror.h"
 #include "resolutionchangenotifier.h"
 #include "stringutil.h"
@@ -8,7 +9,6 @@
 #include <QDebug>
 #include <QDir>
 #include <QFile>
-#include <QSaveFile>
 #include <QStandardPaths>
 #include <QTextStream>
 #include <QThread>
@@ -321,11 +321,8 @@ void GS::onResolutionChanged(int width, int height)
 
 void GS::saveUserSettings()
 {
-    // Written beside and renamed over, so that a crash or a full disk keeps the former choices.
-    QSaveFile file(QString::fromStdString(userSettingsPath));
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    QTextStream out(&file);
+    QByteArray text;
+    QTextStream out(&text);
     out << inputMode << '\n'
         << profile << '\n'
         << (autostart ? 1 : 0) << '\n'
@@ -338,8 +335,8 @@ void GS::saveUserSettings()
         << offsetTop << '\n'
         << offsetBottom;
     out.flush();
-    if (!file.commit())
-        qDebug() << "user settings could not be written to" << file.fileName();
+    if (!writeFileWhole(QString::fromStdString(userSettingsPath), text))
+        qDebug() << "user settings could not be written to" << QString::fromStdString(userSettingsPath);
 }
 
 void GS::loadUserSettings()

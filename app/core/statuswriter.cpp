@@ -1,12 +1,12 @@
 #include "statuswriter.h"
 
+#include "atomicwrite.h"
 #include "globalsettings.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 StatusWriter* StatusWriter::instance()
 {
@@ -29,13 +29,7 @@ void StatusWriter::write(int value)
     const QString path = QString::fromStdString(GS::instance()->statusFilePath);
     const QByteArray text = "Result=" + QByteArray::number(value);
     qDebug() << "writing into" << QFileInfo(path).fileName() << text;
-    // Written beside and renamed over: the menu never reads half a status.
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Text)) {
+    // The menu reads the file at any moment: it must never see half a status.
+    if (!writeFileWhole(path, text))
         qDebug() << "File open failed " << path;
-        return;
-    }
-    file.write(text);
-    if (!file.commit())
-        qDebug() << "File write failed " << path;
 }

@@ -1,5 +1,6 @@
 #include "calibration.h"
 
+#include "atomicwrite.h"
 #include "blobcorrectionbyformula.h"
 #include "calibrationhelper.h"
 #include "gridhelper.h"
@@ -8,7 +9,6 @@
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <cmath>
 #include <cstdint>
@@ -56,11 +56,7 @@ void Calibration::save(const char* path) const
         out << p.x << '\n' << p.y << '\n';
     for (const EVector& p : refPoints)
         out << p.x << '\n' << p.y << '\n';
-    // Written beside and renamed over: a crash or a full disk keeps the former calibration whole.
-    QSaveFile file(QString::fromLocal8Bit(path));
-    const std::string text = out.str();
-    if (!file.open(QIODevice::WriteOnly) || file.write(text.data(), qint64(text.size())) != qint64(text.size())
-        || !file.commit())
+    if (!writeFileWhole(QString::fromLocal8Bit(path), QByteArray::fromStdString(out.str())))
         qDebug().noquote() << "Calibration file could not be written: " + QString::fromLocal8Bit(path);
 }
 

@@ -7,7 +7,12 @@
 #include <QDir>
 #include <QTemporaryDir>
 
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
+#include <csignal>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -75,6 +80,32 @@ TEST(Calibration, SaveWritesOneNumberALineAndReadGivesItBack)
     std::stringstream second;
     second << again.rdbuf();
     EXPECT_EQ(second.str(), text.str());
+}
+
+TEST(Calibration, AWriteThatFailsHalfwayLeavesTheFormerFileWhole)
+{
+    QTemporaryDir dir;
+    const std::string path = (dir.path() + "/finger.ini").toStdString();
+    const Calibration former = cameraCalibration(3, 1920, 1080, 0.1, 0.1, 0.0);
+    former.save(path.c_str());
+    std::ifstream before(path);
+    const std::string kept((std::istreambuf_iterator<char>(before)), std::istreambuf_iterator<char>());
+
+    // A disk that fills up after a few bytes, in a child process so that the limit stays there.
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit tiny{64, 64};
+        setrlimit(RLIMIT_FSIZE, &tiny);
+        cameraCalibration(7, 1920, 1080, 0.05, 0.05, 0.0).save(path.c_str());
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    std::ifstream after(path);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(after)), std::istreambuf_iterator<char>()), kept);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{"finger.ini"}) << "no half-written file is left";
 }
 
 TEST(Calibration, ReadRejectsWhatIsNotAUsableGrid)

@@ -44,9 +44,13 @@ protected:
         }
         gs->inputMode = mode;
         facade->activePen->setInputMode(mode);
-        facade->setCalibration(facade->getCalibration());
-        facade->sensor->setLaser(mode == 0);
-        facade->setExposure(mode == 0 ? gs->fingerExposure : gs->stylusExposure);
+        // What the courses look at is the calibration the facade holds; the engines keep theirs.
+        facade->processing = withCalibrations;
+        if (facade->laserOn() != (mode == 0))
+            facade->sensor->setLaser(mode == 0);
+        const int exposure = mode == 0 ? gs->fingerExposure : gs->stylusExposure;
+        if (facade->getExposure() != exposure)
+            facade->setExposure(exposure);
         facade->calibrating = false;
         facade->notCalibratedFlip = false;
         facade->pointerController->enabled = true;

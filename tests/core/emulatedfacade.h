@@ -108,7 +108,7 @@ private:
     {
         static const QRegularExpression status(R"(writing into.*Result=(-?\d+))");
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
-            if (getenv("DEBUG_LOG")) fprintf(stderr, "LOG %s\n", qPrintable(text));
+            if (getenv("DEBUG_LOG")) fprintf(stderr, "LOG %lld %s\n", (long long)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch()).count() % 100000, qPrintable(text));
             const auto m = status.match(text);
             if (m.hasMatch()) {
                 std::lock_guard hold(logLock());

@@ -1,0 +1,159 @@
+// The command channel as the menu uses it: a byte in the command file becomes one id on the
+// listening thread, the file is taken, and the answer file is touched when a command is done.
+#include "globalsettings.h"
+#include "ipclistener.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QThread>
+
+#include <atomic>
+#include <mutex>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+std::mutex logLock;
+QStringList logged;
+std::atomic<bool> started{false};
+
+class Channel : public ::testing::Test {
+protected:
+    IpcListener* ipc = IpcListener::instance();
+    const QString path = GS::instance()->commandFilePath;
+    std::vector<int> ids;
+
+    static void SetUpTestSuite()
+    {
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
+            // A file written before the listener looked the first time is a left-over one.
+            if (text.startsWith("Fifo position:"))
+                started = true;
+            std::lock_guard hold(logLock);
+            logged << text;
+        });
+        IpcListener::instance();
+        QElapsedTimer t;
+        t.start();
+        while (!started && t.elapsed() < 5000)
+            QThread::msleep(5);
+    }
+
+    void SetUp() override
+    {
+        QDir().mkpath(QFileInfo(path).absolutePath());
+        QObject::connect(ipc, &IpcListener::received, &receiver, [this](int id) { ids.push_back(id); });
+    }
+
+    // Writes the file as a menu does and waits until the listener took it (or a few turns).
+    void send(const QByteArray& content)
+    {
+        {
+            std::lock_guard hold(logLock);
+            logged.clear();
+        }
+        QFile f(path + ".new");
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(content);
+        f.close();
+        ASSERT_TRUE(QFile::rename(f.fileName(), path));
+        QElapsedTimer t;
+        t.start();
+        while (QFile::exists(path) && t.elapsed() < 500)
+            QThread::msleep(5);
+        // The signal crosses to this thread as a queued call.
+        QThread::msleep(20);
+        QCoreApplication::processEvents();
+    }
+
+    bool wasLogged(const QString& text)
+    {
+        std::lock_guard hold(logLock);
+        return logged.contains(text);
+    }
+
+    QObject receiver;
+};
+
+struct Byte {
+    char byte;
+    int id;
+    const char* log;
+};
+
+TEST_F(Channel, EveryCommandByteGivesItsIdAndLogText)
+{
+    const Byte table[] = {
+        {'0', 16, "IPC: b"},   {'1', 110, "IPC: 1"}, {'2', 111, "IPC: 2"}, {'3', 112, "IPC: 3"}, {'4', 21, "IPC: 21"},
+        {'5', 22, "IPC: 22"},  {'6', 23, "IPC: 23"}, {'7', 24, "IPC: 24"}, {'8', 17, "IPC: d"},  {'Q', 25, "IPC: 25"},
+        {'a', 1, "IPC: a"},    {'b', 108, "IPC: b"}, {'c', 107, "IPC: c"}, {'d', 104, "IPC: d"}, {'e', 7, "IPC: e"},
+        {'f', 4, "IPC: f"},    {'g', 105, "IPC: g"}, {'h', 8, "IPC: h"},   {'i', 9, "IPC: i"},   {'j', 101, "IPC: j"},
+        {'k', 14, "IPC: k"},   {'l', 100, "IPC: l"}, {'m', 0, "IPC: m"},   {'n', 109, "IPC: n"}, {'o', 103, "IPC: o"},
+        {'p', 6, "IPC: p"},    {'q', 12, "IPC: q"},  {'r', 15, nullptr},   {'s', 3, "IPC: s"},   {'t', 2, "IPC: t"},
+        {'u', 102, "IPC: u"},  {'v', 5, "IPC: v"},   {'w', 11, "IPC: w"},  {'x', 13, "IPC: x"},  {'y', 10, "IPC: i"},
+        {'z', 106, "IPC: z"},
+    };
+    for (const Byte& b : table) {
+        ids.clear();
+        send(QByteArray(1, b.byte) + "\n");
+        EXPECT_FALSE(QFile::exists(path)) << b.byte;
+        EXPECT_EQ(ids, std::vector<int>{b.id}) << b.byte;
+        if (b.log)
+            EXPECT_TRUE(wasLogged(b.log)) << b.byte;
+        else
+            EXPECT_FALSE(wasLogged("IPC: r")) << b.byte;
+    }
+}
+
+TEST_F(Channel, OnlyTheFirstByteOfTheFirstTrimmedLineCounts)
+{
+    send("  m calibrate\nQ\n");
+    EXPECT_EQ(ids, std::vector<int>{0});
+    EXPECT_FALSE(QFile::exists(path));
+}
+
+TEST_F(Channel, WhatIsNoCommandIsTakenWithoutAnIdUnlessTheLineIsEmpty)
+{
+    for (const QByteArray content : {QByteArray("   \n"), QByteArray("#\n"), QByteArray("\xc3\xa9\n")}) {
+        send(content);
+        EXPECT_FALSE(QFile::exists(path)) << content.constData();
+    }
+    EXPECT_TRUE(ids.empty());
+    // A file made but not yet written stays for the next look.
+    send("\n");
+    EXPECT_TRUE(QFile::exists(path));
+    EXPECT_TRUE(ids.empty());
+    QFile::remove(path);
+}
+
+TEST_F(Channel, ACommandLeftOverFromBeforeTheStartIsReportedNotExecuted)
+{
+    const QString old = path + ".before";
+    for (const auto& [content, id, stays] :
+         {std::tuple{QByteArray("a\n"), 1000, false}, {QByteArray(""), -1, true}, {QByteArray("\nm"), -1, true}}) {
+        QFile f(old);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(content);
+        f.close();
+        EXPECT_EQ(IpcListener::takeLeftOver(old).id, id);
+        EXPECT_EQ(QFile::exists(old), stays);
+        QFile::remove(old);
+    }
+}
+
+TEST_F(Channel, WriteDoneTouchesTheAnswerFile)
+{
+    const QString answer = GS::instance()->answerFilePath;
+    QFile::remove(answer);
+    ipc->writeDone();
+    EXPECT_TRUE(QFile::exists(answer));
+    EXPECT_TRUE(ipc->listening);
+}
+
+} // namespace
