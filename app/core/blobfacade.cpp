@@ -244,37 +244,28 @@ bool BlobFacade::setCalibration(Calibration* calibration)
 
     const bool fingerMode = activePen->inputMode == Finger;
     const bool automatic = autoCalibration.load() != nullptr;
-    bool storedStylus;
-    if (automatic) {
+    // An automatic calibration always serves the stylus; in finger mode it serves the finger too.
+    const bool storedStylus = automatic || !fingerMode;
+    if (storedStylus) {
         if (stylusCalibration && stylusCalibration != calibration)
             replaceStylusCalibration(calibration);
         stylusCalibration = calibration;
-        storedStylus = true;
-    } else if (fingerMode) {
+    } else {
         if (fingerCalibration && fingerCalibration != calibration && fingerCalibration != stylusCalibration) {
             qDebug() << "Delete touch calibration";
             delete fingerCalibration;
             fingerCalibration = nullptr;
         }
         fingerCalibration = calibration;
-        storedStylus = false;
-    } else {
-        if (stylusCalibration && stylusCalibration != calibration)
-            replaceStylusCalibration(calibration);
-        stylusCalibration = calibration;
-        storedStylus = true;
     }
 
     savedProcessing = processing.load();
-    if (automatic)
-        setExposure(fingerMode ? gs->fingerExposure : gs->stylusExposure);
-    else
-        setExposure(storedStylus ? gs->stylusExposure : gs->fingerExposure);
+    setExposure(fingerMode ? gs->fingerExposure : gs->stylusExposure);
     sensor->setLaser(fingerMode);
     sensor->switchFilter(false);
     processing = savedProcessing.load();
 
-    if (!fingerMode || automatic)
+    if (storedStylus)
         calibration->save(gs->stylusCalibrationPath.c_str());
     else if (fingerCalibration != stylusCalibration)
         calibration->save(gs->fingerCalibrationPath.c_str());

@@ -138,7 +138,8 @@ public:
     int fisheyeD = 0;
     bool tableTopAc = false;
     bool unusedLine65 = false;
-    int inputMode = 0;
+    // Changed by the menu's commands, read by the image thread.
+    std::atomic<int> inputMode{0};
     bool autostart = true;
     EVector cornerTopLeft{0, 0};
     EVector cornerTopRight{0, 0};

@@ -165,8 +165,9 @@ TEST_P(Calibrating, EndsAsTheSequenceSays)
     EXPECT_TRUE(script.automatic.empty() && script.manual.empty() && script.bar.empty()) << "a procedure never ran";
     EXPECT_EQ(facade->activePen->inputMode, c.endMode);
     EXPECT_EQ(facade->getExposure(), c.exposure == 'f' ? gs->fingerExposure : gs->stylusExposure);
-    if (c.laser >= 0)
+    if (c.laser >= 0) {
         EXPECT_EQ(facade->laserOn(), c.laser == 1);
+    }
     EXPECT_EQ(facade->pointerController->enabled, c.enabled);
     EXPECT_TRUE(facade->processing);
     EXPECT_EQ(facade->calibrating, c.calibrating);

@@ -106,10 +106,10 @@ private:
 
     static EmulatedFacade* make()
     {
-        static const QRegularExpression status(R"(writing into.*Result=(-?\d+))");
+        // Kept for good: the handler may still be called while the process ends.
+        static const auto* status = new QRegularExpression(R"(writing into.*Result=(-?\d+))");
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
-            if (getenv("DEBUG_LOG")) fprintf(stderr, "LOG %lld %s\n", (long long)std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch()).count() % 100000, qPrintable(text));
-            const auto m = status.match(text);
+            const auto m = status->match(text);
             if (m.hasMatch()) {
                 std::lock_guard hold(logLock());
                 written().push_back(m.captured(1).toInt());

@@ -120,7 +120,7 @@ TEST_F(Channel, OnlyTheFirstByteOfTheFirstTrimmedLineCounts)
 
 TEST_F(Channel, WhatIsNoCommandIsTakenWithoutAnIdUnlessTheLineIsEmpty)
 {
-    for (const QByteArray content : {QByteArray("   \n"), QByteArray("#\n"), QByteArray("\xc3\xa9\n")}) {
+    for (const QByteArray& content : {QByteArray("   \n"), QByteArray("#\n"), QByteArray("\xc3\xa9\n")}) {
         send(content);
         EXPECT_FALSE(QFile::exists(path)) << content.constData();
     }
