@@ -720,10 +720,9 @@ void BlobFacade::startAc()
     IAutoCalibrationUi* ui = autoCalibrationUi;
     GS* gs = GS::instance();
     mcIsTouch = false;
-    // Kept and written back at once: the pair has never had an effect.
+    // The factor was once set to 1.0 and put back at once, to no effect; the image thread reads
+    // it, so it is only kept here.
     savedBlankingFactor = gs->blankingFactorFinger;
-    gs->blankingFactorFinger = 1.0;
-    gs->blankingFactorFinger = savedBlankingFactor;
     sensor->setLaser(false);
     sensor->switchFilter(true);
     activePen->setWindow();
