@@ -11,13 +11,14 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <vector>
 
 namespace {
 
@@ -71,10 +72,16 @@ TuioSender::TuioSender(const std::string& host, int port, Clock clock)
         const int fd = lo_server_get_socket_fd(socket);
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
     }
+    sender = std::thread([this] { sendLoop(); });
+    pthread_setname_np(sender.native_handle(), "tuio");
 }
 
 TuioSender::~TuioSender()
 {
+    stopping = true;
+    bell.fetch_add(1, std::memory_order_release);
+    bell.notify_one();
+    sender.join();
     if (socket)
         lo_server_free(socket);
     if (target)
@@ -135,7 +142,7 @@ TuioSender* TuioSender::fromFile(const std::string& path)
     if (!enabled)
         return nullptr;
 
-    // Looked up once here, on the main thread, so that sending never waits for a name server.
+    // Looked up once here, at start, so that sending never waits for a name server.
     const std::string address = numericIpv4(host);
     if (address.empty()) {
         qWarning().noquote() << QString::fromStdString(path) + ":" + QString::number(hostLine) + ":"
@@ -160,7 +167,105 @@ void TuioSender::newBlobList(std::vector<Blob*> all)
     if (width <= 0 || height <= 0)
         return;
     const std::chrono::nanoseconds now = clock();
+    auto known = [this](int id) -> const Cursor* {
+        const auto it = std::lower_bound(cursors.begin(), cursors.end(), id,
+                                         [](const Cursor& c, int key) { return c.id < key; });
+        return it != cursors.end() && it->id == id ? &*it : nullptr;
+    };
 
+    scratch.alive.clear();
+    scratch.sets.clear();
+    nextCursors.clear();
+    for (const Blob* b : all) {
+        // A lift leaves the alive list in the frame of the loss; the bar's blobs are no cursors.
+        if (b->outside || b->state == 1)
+            continue;
+        const Cursor* old = known(b->sessionId);
+        // As the pointer output: off the screen a touch neither starts nor moves.
+        if (b->isOutOfScreen(width, height)) {
+            if (old) {
+                scratch.alive.push_back(old->id);
+                nextCursors.push_back(*old);
+            }
+            continue;
+        }
+        scratch.alive.push_back(b->sessionId);
+        Cursor c{b->sessionId, float(b->fx / width), float(b->fy / height), 0.0f, now};
+        Set set{c.id, c.x, c.y, 0, 0, 0};
+        if (old) {
+            if (c.x == old->x && c.y == old->y) {
+                nextCursors.push_back(c);
+                continue;
+            }
+            const double dt = std::chrono::duration<double>(now - old->at).count();
+            if (dt > 0) {
+                set.vx = float((c.x - old->x) / dt);
+                set.vy = float((c.y - old->y) / dt);
+                c.speed = std::hypot(set.vx, set.vy);
+                set.acceleration = float((c.speed - old->speed) / dt);
+            }
+        }
+        scratch.sets.push_back(set);
+        nextCursors.push_back(c);
+    }
+    std::sort(nextCursors.begin(), nextCursors.end(), [](const Cursor& a, const Cursor& b) { return a.id < b.id; });
+    cursors.swap(nextCursors);
+    scratch.fseq = ++frameId;
+
+    // Hand the frame over without waiting: when the sending thread lags a whole set of
+    // slots behind, this frame's bundle is dropped.
+    const uint32_t next = published.load(std::memory_order_relaxed);
+    const bool full = next - taken.load(std::memory_order_acquire) == Slots;
+    if (full != handOverFull) {
+        handOverFull = full;
+        if (full)
+            qWarning() << "TUIO output: the sending thread lags, bundles are dropped";
+    }
+    if (full)
+        return;
+    std::swap(handOver[next % Slots], scratch);
+    published.store(next + 1, std::memory_order_seq_cst);
+    // Waking a thread costs a system call, as much as sending; while touches come the sending
+    // thread looks by itself, and only once it has gone to sleep is it rung for.
+    if (asleep.load(std::memory_order_seq_cst)) {
+        bell.fetch_add(1, std::memory_order_release);
+        bell.notify_one();
+    }
+}
+
+void TuioSender::sendLoop()
+{
+    using namespace std::chrono;
+    Frame frame;
+    auto lastFrame = steady_clock::now();
+    for (;;) {
+        const uint32_t next = taken.load(std::memory_order_relaxed);
+        if (published.load(std::memory_order_acquire) != next) {
+            std::swap(frame, handOver[next % Slots]);
+            taken.store(next + 1, std::memory_order_release);
+            send(frame);
+            lastFrame = steady_clock::now();
+            continue;
+        }
+        if (stopping)
+            return;
+        if (steady_clock::now() - lastFrame < PollFor) {
+            std::this_thread::sleep_for(PollEvery);
+            continue;
+        }
+        // The bell is read before asleep is set and the slots are looked at again: a hand-over
+        // in between either is seen here or rings, and then the wait returns at once.
+        const uint32_t rung = bell.load(std::memory_order_seq_cst);
+        asleep.store(true, std::memory_order_seq_cst);
+        if (published.load(std::memory_order_seq_cst) == next && !stopping)
+            bell.wait(rung, std::memory_order_acquire);
+        asleep.store(false, std::memory_order_relaxed);
+        lastFrame = steady_clock::now();
+    }
+}
+
+void TuioSender::send(const Frame& frame)
+{
     lo_bundle bundle = lo_bundle_new(LO_TT_IMMEDIATE);
     lo_message head = lo_message_new();
     lo_message_add_string(head, "source");
@@ -168,63 +273,28 @@ void TuioSender::newBlobList(std::vector<Blob*> all)
     lo_bundle_add_message(bundle, Profile, head);
     lo_message alive = lo_message_new();
     lo_message_add_string(alive, "alive");
-    std::vector<lo_message> sets;
-
-    std::map<int, Cursor> next;
-    for (const Blob* b : all) {
-        // A lift leaves the alive list in the frame of the loss; the bar's blobs are no cursors.
-        if (b->outside || b->state == 1)
-            continue;
-        const auto old = cursors.find(b->sessionId);
-        // As the pointer output: off the screen a touch neither starts nor moves.
-        if (b->isOutOfScreen(width, height)) {
-            if (old != cursors.end()) {
-                lo_message_add_int32(alive, b->sessionId);
-                next.emplace(old->first, old->second);
-            }
-            continue;
-        }
-        lo_message_add_int32(alive, b->sessionId);
-        Cursor c{float(b->fx / width), float(b->fy / height), 0.0f, now};
-        float vx = 0, vy = 0, acceleration = 0;
-        if (old != cursors.end()) {
-            const Cursor& o = old->second;
-            if (c.x == o.x && c.y == o.y) {
-                next.emplace(b->sessionId, Cursor{o.x, o.y, 0.0f, now});
-                continue;
-            }
-            const double dt = std::chrono::duration<double>(now - o.at).count();
-            if (dt > 0) {
-                vx = float((c.x - o.x) / dt);
-                vy = float((c.y - o.y) / dt);
-                c.speed = std::hypot(vx, vy);
-                acceleration = float((c.speed - o.speed) / dt);
-            }
-        }
+    for (int32_t id : frame.alive)
+        lo_message_add_int32(alive, id);
+    lo_bundle_add_message(bundle, Profile, alive);
+    for (const Set& s : frame.sets) {
         lo_message set = lo_message_new();
         lo_message_add_string(set, "set");
-        lo_message_add_int32(set, b->sessionId);
-        lo_message_add_float(set, c.x);
-        lo_message_add_float(set, c.y);
-        lo_message_add_float(set, vx);
-        lo_message_add_float(set, vy);
-        lo_message_add_float(set, acceleration);
-        sets.push_back(set);
-        next.emplace(b->sessionId, c);
-    }
-    cursors.swap(next);
-
-    lo_bundle_add_message(bundle, Profile, alive);
-    for (lo_message set : sets)
+        lo_message_add_int32(set, s.id);
+        lo_message_add_float(set, s.x);
+        lo_message_add_float(set, s.y);
+        lo_message_add_float(set, s.vx);
+        lo_message_add_float(set, s.vy);
+        lo_message_add_float(set, s.acceleration);
         lo_bundle_add_message(bundle, Profile, set);
+    }
     lo_message fseq = lo_message_new();
     lo_message_add_string(fseq, "fseq");
-    lo_message_add_int32(fseq, ++frameId);
+    lo_message_add_int32(fseq, frame.fseq);
     lo_bundle_add_message(bundle, Profile, fseq);
 
     const bool sent = socket && lo_send_bundle_from(target, socket, bundle) >= 0;
     lo_bundle_free_recursive(bundle);
-    // One line when sending starts to fail, one when it works again; the frames go on regardless.
+    // One line when sending starts to fail, one when it works again.
     if (sent == failing) {
         failing = !sent;
         if (failing)

@@ -4,22 +4,27 @@
 
 #include <lo/lo.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 // Sends the touches on the screen as TUIO 1.1 cursors (/tuio/2Dcur) over UDP, one OSC
 // bundle per frame that has touches, for applications that read TUIO rather than the
-// desktop. Runs on the frame thread: the socket never blocks, and a bundle that cannot go
-// out at once is dropped.
+// desktop. The frame thread only works out the frame's cursors and hands them over without
+// waiting or system calls; a thread of its own encodes and sends them through liblo. A frame
+// that finds the hand-over full, or a bundle that the socket cannot take at once, is dropped.
 class TuioSender : public IBlobListener {
 public:
     using Clock = std::function<std::chrono::nanoseconds()>;
 
-    // host must be a numeric IPv4 address: a name would be looked up on the frame thread.
+    // host must be a numeric IPv4 address: a name would be looked up while sending.
     TuioSender(const std::string& host, int port, Clock clock = steadyNow);
+    // Sends what is still handed over, then ends the sending thread.
     ~TuioSender() override;
     TuioSender(const TuioSender&) = delete;
     TuioSender& operator=(const TuioSender&) = delete;
@@ -36,20 +41,55 @@ public:
 
 private:
     struct Cursor {
+        int32_t id;
         float x, y;
         float speed;
         std::chrono::nanoseconds at;
     };
+    struct Set {
+        int32_t id;
+        float x, y, vx, vy, acceleration;
+    };
+    // One bundle's content. Slots are swapped, never copied, so that their vectors keep their
+    // room and a frame allocates nothing once the touches have been there.
+    struct Frame {
+        int32_t fseq = 0;
+        std::vector<int32_t> alive;
+        std::vector<Set> sets;
+    };
+    static constexpr uint32_t Slots = 8;
+    // While frames come the sending thread looks for them this often, without being woken;
+    // after this long without one it sleeps until the next.
+    static constexpr std::chrono::milliseconds PollEvery{1};
+    static constexpr std::chrono::seconds PollFor{1};
 
     static std::chrono::nanoseconds steadyNow();
+    void sendLoop();
+    void send(const Frame& frame);
 
+    // Frame thread only.
     Clock clock;
+    std::vector<Cursor> cursors; // alive, by id, as last sent
+    std::vector<Cursor> nextCursors;
+    Frame scratch;
+    int32_t frameId = 0;
+    bool handOverFull = false;
+
+    // The hand-over: one writer (frame thread), one reader (sending thread), no lock.
+    std::array<Frame, Slots> handOver;
+    std::atomic<uint32_t> published{0};
+    std::atomic<uint32_t> taken{0};
+    // Rung for a sending thread that is asleep, and at the end.
+    std::atomic<uint32_t> bell{0};
+    std::atomic<bool> asleep{false};
+    std::atomic<bool> stopping{false};
+
+    // Sending thread only, once it runs.
     lo_address target = nullptr;
-    // liblo sends from this server's socket, which we can make non-blocking; nothing reads it.
+    // liblo sends from this server's socket, which can be made non-blocking; nothing reads it.
     lo_server socket = nullptr;
     std::string source;
-    // Alive cursors by session id, as last sent.
-    std::map<int, Cursor> cursors;
-    int32_t frameId = 0;
     bool failing = false;
+
+    std::thread sender;
 };
