@@ -214,9 +214,9 @@ int main(int argc, char** argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     const double without = median(reporter.cpu[false]), with = median(reporter.cpu[true]);
     if (without > 0 && with > 0)
-        std::printf("frame thread, 10 touches: %.2f us with TUIO / %.2f us without = %.3f (medians of %zu and %zu runs)\n",
-                    with / 1000, without / 1000, with / without, reporter.cpu[true].size(),
-                    reporter.cpu[false].size());
+        std::printf("frame thread, 10 touches: %.2f us with TUIO / %.2f us without = %.3f "
+                    "(CPU time per frame, medians of %zu and %zu runs)\n",
+                    with / 1000, without / 1000, with / without, reporter.cpu[true].size(), reporter.cpu[false].size());
     benchmark::Shutdown();
     return 0;
 }

@@ -1,6 +1,5 @@
-// What the TUIO output puts into its bundles, decoded by liblo, and how it reads its file.
+// What the TUIO output puts into its bundles, as liblo decodes them.
 #include "blob.h"
-#include "configfileerror.h"
 #include "globalsettings.h"
 #include "tuiosender.h"
 
@@ -12,9 +11,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,7 +52,7 @@ std::vector<std::string> decodeBundle(const std::vector<char>& datagram)
     return messages;
 }
 
-// The desktop size for one test, put back at its end (the fields are atomics, which ScopedSetting cannot hold).
+// The desktop size for one test, put back at its end; ScopedSetting cannot hold atomics.
 struct ScreenSize {
     int width, height;
     ScreenSize(int w, int h) : width(GS::instance()->screenWidth), height(GS::instance()->screenHeight)
@@ -105,8 +102,8 @@ TEST(TuioSender, EachFrameIsOneBundleOfItsCursors)
         // A new touch is set at rest; a blob of the bar is no cursor.
         {{{7, 0, 100, 50}, {9, 0, 300, 300, true}}, {source, "alive 7", "set 7 0.1 0.1 0 0 0", "fseq 1"}},
         // The moved one gets its velocity and acceleration, the new one its place.
-        {{{7, 2, 200, 50}, {8, 0, 500, 250}}, {source, "alive 7 8", "set 7 0.2 0.1 10 0 1000", "set 8 0.5 0.5 0 0 0"
-                                                                                               , "fseq 2"}},
+        {{{7, 2, 200, 50}, {8, 0, 500, 250}},
+         {source, "alive 7 8", "set 7 0.2 0.1 10 0 1000", "set 8 0.5 0.5 0 0 0", "fseq 2"}},
         // Standing still is no set; a lift leaves the alive list in its own frame.
         {{{7, 2, 200, 50}, {8, 1, 500, 250}}, {source, "alive 7", "fseq 3"}},
         // Off the screen a known touch stays alive without a set, a new one does not start.
@@ -137,40 +134,6 @@ TEST(TuioSender, EachFrameIsOneBundleOfItsCursors)
         EXPECT_EQ(decodeBundle(datagram), frame.messages);
     }
     close(receiver);
-}
-
-TEST(TuioSender, SettingsFileTurnsItOnOrNamesTheFaultyLine)
-{
-    const std::string path = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/tuio.conf";
-    const struct {
-        std::optional<std::string> content; // none: no file
-        bool on;
-        int faultyLine; // 0: none
-    } cases[] = {
-        {std::nullopt, false, 0},
-        {"# off unless asked\nenabled = 0\n", false, 0},
-        {"# TUIO\n\nenabled = 1 # on\nhost = localhost\nport = 4000\n", true, 0},
-        {"enabled = yes\n", false, 1},
-        {"enabled = 1\nport = 70000\n", false, 2},
-        {"enabled = 1\nport = 33x\n", false, 2},
-        {"enabled = 1\nhots = 127.0.0.1\n", false, 2},
-        {"enabled = 1\n127.0.0.1\n", false, 2},
-    };
-    for (const auto& c : cases) {
-        std::remove(path.c_str());
-        if (c.content)
-            std::ofstream(path) << *c.content;
-        const std::string label = c.content.value_or("(no file)");
-        try {
-            std::unique_ptr<TuioSender> sender(TuioSender::fromFile(path));
-            EXPECT_EQ(sender != nullptr, c.on) << label;
-            EXPECT_EQ(c.faultyLine, 0) << label << ": no error raised";
-        } catch (const ConfigFileError& e) {
-            EXPECT_EQ(e.line(), c.faultyLine) << label;
-            EXPECT_EQ(std::string(e.what()).rfind(path + ":" + std::to_string(c.faultyLine) + ": ", 0), 0u)
-                << e.what();
-        }
-    }
 }
 
 } // namespace
