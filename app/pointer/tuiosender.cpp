@@ -166,6 +166,11 @@ void TuioSender::newBlobList(std::vector<Blob*> all)
     const int height = gs->screenHeight;
     if (width <= 0 || height <= 0)
         return;
+    // An emulated tap arrives on the thread of whoever emulates it. The frame thread never
+    // waits for it: a frame that meets one is dropped, as the tap would be the other way round.
+    std::unique_lock<std::mutex> producing(producer, std::try_to_lock);
+    if (!producing.owns_lock())
+        return;
     const std::chrono::nanoseconds now = clock();
     auto known = [this](int id) -> const Cursor* {
         const auto it = std::lower_bound(cursors.begin(), cursors.end(), id,

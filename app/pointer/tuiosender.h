@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,7 +68,8 @@ private:
     void sendLoop();
     void send(const Frame& frame);
 
-    // Frame thread only.
+    // The producing side, under producer: the frame thread, or an emulated tap.
+    std::mutex producer;
     Clock clock;
     std::vector<Cursor> cursors; // alive, by id, as last sent
     std::vector<Cursor> nextCursors;
@@ -75,7 +77,7 @@ private:
     int32_t frameId = 0;
     bool handOverFull = false;
 
-    // The hand-over: one writer (frame thread), one reader (sending thread), no lock.
+    // The hand-over: one writer (the producing side), one reader (sending thread), no lock.
     std::array<Frame, Slots> handOver;
     std::atomic<uint32_t> published{0};
     std::atomic<uint32_t> taken{0};
