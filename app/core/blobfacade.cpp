@@ -26,6 +26,7 @@
 #include "slateworksdkhelper.h"
 #include "statuswriter.h"
 #include "touchcontroller.h"
+#include "tuiosender.h"
 #include "workerthread.h"
 
 #include <QCoreApplication>
@@ -115,6 +116,10 @@ bool BlobFacade::start()
     pointerController->addPrimaryController(createPrimaryController());
     pointerController->enablePrimary();
     addBlobListener(pointerController);
+    // TUIO for applications that read touches from the network, when the user's tuio.conf
+    // asks for it; without it nothing is registered and the frame costs nothing more.
+    if (TuioSender* tuio = TuioSender::fromFile(TuioSender::userFile()))
+        addBlobListener(tuio);
 
     activePen = new ActivePen();
     ActivePenContext context;
