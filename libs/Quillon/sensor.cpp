@@ -664,6 +664,7 @@ void* readUsbAsync(void* sensor)
                     std::swap(b->data, x->data);
                     b->size = received;
                     b->free = false;
+                    s->frameFilled.ring();
                     break;
                 }
             }
@@ -721,7 +722,8 @@ void* imgTransfer(void* sensor)
         const int pending = s->pendingBlanking.exchange(-1);
         if (pending != -1)
             s->usbCtrlWrite(5, static_cast<unsigned short>(pending));
-        ::usleep(2000);
+        // A filled buffer ends the wait at once; without one this is the old 2 ms look.
+        s->frameFilled.wait(std::chrono::microseconds(2000));
     }
     return nullptr;
 }

@@ -60,6 +60,8 @@ public:
     int minWindowHeight = 0;
     // Counts geometry changes, so that a transfer armed before one is recognised.
     std::atomic<int> geometry{0};
+    // Rung by the USB thread for each buffer it fills; the image thread waits on it.
+    FrameDoorbell frameFilled;
 
     Sensor(const char* cyusbConfPath, const char* sensorConfPath);
 
