@@ -229,10 +229,11 @@ void BoxTrackingEngine::resetBackgroundTable(bool topUp)
     std::printf("Reset Background: %d\n", updateFrames);
     std::fflush(stdout);
     pendingRefresh = topUp ? 2 : 1;
-    for (int n = 0; n < 100; ++n) {
+    // At most ten seconds, looked at every 5 ms so that the caller goes on soon after the end.
+    for (int n = 0; n < 2000; ++n) {
         if (pendingRefresh.load() == 0 && updateCount.load() >= updateFrames && learnCount.load() >= learnFrames)
             return;
-        WorkerThread::msleep(100);
+        WorkerThread::msleep(5);
     }
 }
 

@@ -56,6 +56,10 @@ public:
     std::atomic<int> sentVerticalBlanking{0};
     std::atomic<bool> asyncControl{false};
     std::atomic<int> exposure{0};
+    // exposure has reached the imager.
+    std::atomic<bool> exposureWritten{false};
+    // Where this process last swung the filter: 0 tracking, 1 picture, -1 not known.
+    std::atomic<int> filterPosition{-1};
     int minWindowWidth = 0;
     int minWindowHeight = 0;
     // Counts geometry changes, so that a transfer armed before one is recognised.
