@@ -201,9 +201,12 @@ int Sensor::start(void* context, FrameCallback imageCb, StopCallback stoppedCb, 
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
     qDebug() << "init readusb thread";
-    pthread_create(&thread, &attr, readUsbAsync, this);
+    // Named, so that the processor time of each can be told apart (tools/cputime).
+    if (pthread_create(&thread, &attr, readUsbAsync, this) == 0)
+        pthread_setname_np(thread, "velora-usb");
     qDebug() << "init image transfer thread";
-    pthread_create(&thread, &attr, imgTransfer, this);
+    if (pthread_create(&thread, &attr, imgTransfer, this) == 0)
+        pthread_setname_np(thread, "velora-image");
     pthread_attr_destroy(&attr);
     return 1;
 }
