@@ -97,6 +97,9 @@ private:
         int begin, end, region; // consecutive boxes of one region
         // All centres lie inside the frame (index 0 and past the end read as -1).
         bool readable;
+        // Smallest centre index of the run; the others as 16-bit offsets from it, when they fit.
+        int base;
+        bool offsetsFit;
         // Sum of trunc(bgIntensity / gain) over the run, valid for cachedGain.
         double backgroundPart;
     };
@@ -124,6 +127,7 @@ private:
     std::vector<PackedBox> packed;
     // The same, apart, for the scan of quiet boxes; backgrounds as 16 bits while they fit.
     std::vector<int> packedIndex;
+    std::vector<unsigned short> packedOffset;
     std::vector<short> packedBackground;
     bool backgroundsFitShort = true;
     std::vector<unsigned char> centres; // scratch: the centre pixels of one run
