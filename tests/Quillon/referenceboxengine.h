@@ -130,6 +130,120 @@ private:
     std::atomic<int> pendingRefresh{0};
 };
 
+// The contour step as it stood, for the reference loop.
+namespace reference_detail {
+
+// Scratch of the contour step, kept per thread so that a frame allocates only what grows.
+struct ContourScratch {
+    cv::Mat patch;
+    cv::Mat binary;
+    std::vector<std::vector<cv::Point>> contours;
+};
+
+inline thread_local ContourScratch scratch;
+
+inline const char* yesNo(bool b) { return b ? "true" : "false"; }
+
+} // namespace reference_detail
+
+inline std::vector<ScanBox> referenceMinimumScanBox(const ScanBox& self, bool* contourFound, cv::Mat* image,
+                                                   const std::vector<ScanBox>& boxes, cv::Mat* background,
+                                                   bool useBackground, bool extended)
+{
+    using namespace reference_detail;
+    const double x = self.x, y = self.y, width = self.width, height = self.height;
+    const int imageWidth = self.imageWidth;
+    const int intensity = self.intensity, bgIntensity = self.bgIntensity;
+    std::vector<ScanBox> found;
+    double avgWidth = 0;
+    for (const ScanBox& b : boxes)
+        avgWidth += b.width;
+    if (!boxes.empty())
+        avgWidth /= static_cast<double>(boxes.size());
+    if (contourFound)
+        *contourFound = false;
+
+    if (x < 0 || y < 0 || width < 1 || height < 1)
+        return found;
+    if (!image || !image->data)
+        return found;
+    const cv::Rect roi = self.rect() & cv::Rect(0, 0, image->cols, image->rows);
+    if (roi.width <= 0 || roi.height <= 0)
+        return found;
+
+    // A copy of the region, since the threshold works in place.
+    (*image)(roi).copyTo(scratch.patch);
+    if (useBackground && background && background->data)
+        cv::subtract(scratch.patch, (*background)(roi), scratch.patch);
+
+    int block = 3, offset = 0;
+    ScanBox::thresholdBlock(avgWidth, extended, &block, &offset);
+
+    const GS* gs = GS::instance();
+    if (gs->scanBoxLargeCheck && block > 40) {
+        cv::dilate(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), 2);
+    } else {
+        const int erosions = block > 100 ? 3 : block > 80 ? 2 : block > 55 ? 1 : 0;
+        if (erosions > 0)
+            cv::erode(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), erosions);
+    }
+
+    cv::adaptiveThreshold(scratch.patch, scratch.binary, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block,
+                          extended ? -20.0 : static_cast<double>(offset));
+    if (scratch.binary.cols == 0 || scratch.binary.rows == 0) {
+        std::printf("Exception caught\n");
+        return found;
+    }
+
+    // The contour tracer has always treated the outermost row and column as empty; a spot
+    // cut by the rectangle keeps that shape.
+    scratch.binary.row(0).setTo(0);
+    scratch.binary.row(scratch.binary.rows - 1).setTo(0);
+    scratch.binary.col(0).setTo(0);
+    scratch.binary.col(scratch.binary.cols - 1).setTo(0);
+
+    scratch.contours.clear();
+    cv::findContours(scratch.binary, scratch.contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+
+    for (const std::vector<cv::Point>& contour : scratch.contours) {
+        const cv::Moments m = cv::moments(contour);
+        const cv::Rect r = cv::boundingRect(contour);
+        if (contourFound)
+            *contourFound = true;
+        if (r.width <= 0 || r.height <= 0)
+            continue;
+
+        bool roundEnough = true;
+        if (gs->scanBoxShapeLimit > 0) {
+            const double a = std::fabs(cv::contourArea(contour));
+            const double p = cv::arcLength(contour, true);
+            if (a >= gs->scanBoxMinArea && p >= gs->scanBoxMinArcLength)
+                roundEnough = a / p > gs->scanBoxShapeLimit;
+        }
+        const bool small = r.width < gs->scanBoxShape2A && r.height < gs->scanBoxShape2B;
+        bool widthOk = true;
+        if (gs->scanBoxShape2Ratio > 0 && !small)
+            widthOk = static_cast<double>(r.width) / r.height < gs->scanBoxShape2Ratio;
+        bool heightOk = true;
+        if (gs->scanBoxShape2Limit > 0 && !small)
+            heightOk = static_cast<double>(r.height) / r.width < gs->scanBoxShape2Limit;
+        if (!roundEnough || !widthOk || !heightOk) {
+            if (gs->verboseLog)
+                std::printf("area: %s, w/h: %s\n", yesNo(roundEnough), yesNo(widthOk));
+            continue;
+        }
+
+        ScanBox box(static_cast<int>(r.x + x), static_cast<int>(r.y + y), r.width, r.height, imageWidth, -1);
+        box.intensity = intensity;
+        box.bgIntensity = bgIntensity;
+        box.centroidX = m.m10 / m.m00 + x;
+        box.centroidY = m.m01 / m.m00 + y;
+        box.region = 0;
+        found.push_back(box);
+    }
+    return found;
+}
+
 namespace reference_detail {
 
 // v > bg + t for whole v and bg is v - bg > floor(t); the hot loop compares integers.
@@ -501,7 +615,7 @@ inline AllBlobs ReferenceBoxTrackingEngine::processImage(cv::Mat* image, bool de
         const std::vector<ScanBox>& members = i < groups.size() ? groups[i] : noMembers;
         bool found = false;
         std::vector<ScanBox> contours =
-            mergedBox.getMinimumScanBox(&found, &lastFrame, members, &backgroundMax, backgroundScaled, extended);
+            referenceMinimumScanBox(mergedBox, &found, &lastFrame, members, &backgroundMax, backgroundScaled, extended);
         if (!found)
             continue;
 
