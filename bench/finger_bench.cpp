@@ -155,6 +155,17 @@ void BM_OpenCvComponents(benchmark::State& state)
 }
 BENCHMARK(BM_OpenCvComponents)->Arg(0)->Arg(10);
 
+// Laying the scan boxes over a calibration, as at start-up.
+void BM_SetCalibration(benchmark::State& state)
+{
+    std::unique_ptr<Calibration> cal = calibration();
+    BoxTrackingEngine engine{W, H, GS::instance()->boxFactor, GS::instance()->boxParameter};
+    for (auto _ : state)
+        engine.setCalibration(cal.get(), GS::instance()->boxParameter);
+    state.counters["boxes"] = double(engine.boxes.size());
+}
+BENCHMARK(BM_SetCalibration)->Unit(benchmark::kMillisecond);
+
 // The engine blanks what fires in the frame it is given; only the spots' squares are put back
 // between runs, so that the loop measures the engine and not a frame copy. Counter xMemcpy:
 // processor time of one processImage over that of one memcpy of a frame, both in this run.

@@ -1,7 +1,7 @@
-// The finger engine's frame loop against the loop as it stood before it was made faster
-// (referenceboxengine.h): over long synthetic and emulated frame sequences both must give the
-// same blobs and leave the same frame behind, in both modes, through learning, background
-// refreshes and debug frames.
+// The finger engine against the engine as it stood before it was made faster
+// (referenceboxengine.h): the same scan boxes, and over long synthetic and emulated frame
+// sequences the same blobs and the same frame left behind, in both modes, through learning,
+// background refreshes and debug frames.
 #include "fingerscene.h"
 #include "framerenderer.h"
 #include "referenceboxengine.h"
@@ -123,6 +123,14 @@ TEST(BoxTrackingEquivalence, SameBlobsAndFramesAsTheReferenceLoop)
         ReferenceBoxTrackingEngine reference(W, H, gs->boxFactor, gs->boxParameter);
         engine.setCalibration(calibration.get(), gs->boxParameter);
         reference.setCalibration(calibration.get(), gs->boxParameter);
+        // The same boxes, in the same order, with the same thresholds.
+        ASSERT_EQ(engine.boxes.size(), reference.boxes.size());
+        for (std::size_t i = 0; i < engine.boxes.size(); ++i) {
+            const ScanBox &a = engine.boxes[i], &b = reference.boxes[i];
+            ASSERT_TRUE(a.x == b.x && a.y == b.y && a.width == b.width && a.height == b.height
+                        && a.centerIndex == b.centerIndex && a.threshold == b.threshold && a.region == b.region)
+                << "box " << i;
+        }
         engine.triggerBgRefresh(true, false);
         reference.triggerBgRefresh(true, false);
 

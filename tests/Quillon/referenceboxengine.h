@@ -130,6 +130,58 @@ private:
     std::atomic<int> pendingRefresh{0};
 };
 
+// The scan box layout as it stood, for the reference engine.
+inline std::vector<ScanBox> referenceScanBoxes(double radius, int step, int gridWidth, int gridHeight, TransformGrid* grid,
+                                               int width, int height)
+{
+    std::vector<ScanBox> boxes;
+    if (!grid || step < 1)
+        return boxes;
+    const int n = GS::instance()->boxStride;
+    // The region of a raster coordinate: the last cell whose start lies below it.
+    auto cellOf = [n](int v, int extent) {
+        int cell = 0;
+        for (int i = 0; i < n; ++i) {
+            if (i * extent / n < v)
+                cell = i;
+        }
+        return cell;
+    };
+    for (int y = 0; y < gridHeight; y += step) {
+        const int ry = cellOf(y, gridHeight);
+        for (int x = 0; x < gridWidth; x += step) {
+            const EVector q = grid->Filter(EVector(x, y));
+            if (q.x < 0 || q.x > width || q.y < 0 || q.y > height)
+                continue;
+            const EVector left = grid->Filter(EVector(x - radius, y));
+            const EVector right = grid->Filter(EVector(x + radius, y));
+            const EVector up = grid->Filter(EVector(x, y - radius));
+            const EVector down = grid->Filter(EVector(x, y + radius));
+            double size = std::sqrt((right.x - left.x) * (right.x - left.x) + (up.y - down.y) * (up.y - down.y));
+            double half;
+            if (size < 20.0) {
+                size = 20.0;
+                half = 11.0;
+            } else {
+                half = static_cast<int>(size * 0.5 + 1.0);
+            }
+            // Near the frame's edge the box shrinks so that it stays inside.
+            if (q.x + half >= width)
+                size = (width - q.x - 1) * 2 - 1;
+            if (q.y + half >= height)
+                size = (height - q.y - 1) * 2 - 1;
+            if (q.x - size < 0)
+                size = q.x;
+            if (q.y - size < 0)
+                size = q.y;
+            ScanBox box(q.x - size * 0.5, q.y - size * 0.5, size, size, width, -1);
+            box.region = cellOf(x, gridWidth) + ry * n;
+            boxes.push_back(std::move(box));
+        }
+    }
+    return boxes;
+}
+
 // The contour step as it stood, for the reference loop.
 namespace reference_detail {
 
@@ -352,7 +404,7 @@ inline void ReferenceBoxTrackingEngine::setCalibration(Calibration* calibration,
         EngineHelper::resetRegionsList(&regionHits, regionCount);
         regionsToUpdate.clear();
     }
-    boxes = GridHelper::getScanBoxes(boxRadius, 1, gridSize, gridSize, inverseTransform, width, height);
+    boxes = referenceScanBoxes(boxRadius, 1, gridSize, gridSize, inverseTransform, width, height);
     qDebug() << "Scanboxes:" << boxes.size();
     rebuildPackedBoxes();
     gs->distanceScale = (gs->cornerTopLeft - gs->cornerTopRight).length();
