@@ -205,8 +205,6 @@ public:
     std::map<unsigned, TruthFrame> truth;
     std::map<unsigned, long long> handledAt;
     bool started = false;
-    // CLOCK_MONOTONIC when the service object was made, as the program's start.
-    long long startNs = 0;
     // Called often while the scene plays, on the test's thread.
     std::function<void()> idle = [] {};
 
@@ -228,7 +226,6 @@ public:
 
         static char name[] = "velora", verbose[] = "-v";
         char* argv[] = {name, verbose, nullptr};
-        startNs = monotonicNs();
         facade = new PipeFacade(&device, 2, argv);
         GS* gs = GS::instance();
         gs->screenWidth = width;
