@@ -13,7 +13,9 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include <immintrin.h>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include <algorithm>
 #include <cmath>
