@@ -184,33 +184,31 @@ void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* of
 namespace {
 
 // The block means of cv::adaptiveThreshold (a normalised box filter with replicated borders,
-// 8 bits in and out), for one block size, with its rounding: fixed point for blocks of up to
-// 256 pixels, to nearest above. Checked once against the library's own filter; a block size
-// that does not agree is left to the library.
+// 8 bits in and out), for one block size, with the library's rounding: fixed point (from a
+// table) for blocks of up to 256 pixels, to nearest above. Checked once against the library's
+// own filter; a block size that does not agree is left to the library.
 class BlockMean {
 public:
-    explicit BlockMean(int block) : block(block)
+    explicit BlockMean(int block) : block(block), scale(1.0 / (block * block))
     {
         const int d = block * block;
+        if (d > 256) {
+            agrees = check();
+            return;
+        }
         const int maxSum = 255 * d;
         table.resize(std::size_t(maxSum) + 1);
-        if (d <= 256) {
-            const int shift = 23;
-            double scalef = double(1 << shift) / d;
-            long long divScale = static_cast<long long>(std::floor(scalef));
-            scalef -= double(divScale);
-            long long divDelta = d / 2;
-            if (scalef < 0.5)
-                ++divDelta;
-            else
-                ++divScale;
-            for (int sum = 0; sum <= maxSum; ++sum)
-                table[std::size_t(sum)] = static_cast<unsigned char>(((sum + divDelta) * divScale) >> shift);
-        } else {
-            const double scale = 1.0 / d;
-            for (int sum = 0; sum <= maxSum; ++sum)
-                table[std::size_t(sum)] = cv::saturate_cast<unsigned char>(sum * scale);
-        }
+        const int shift = 23;
+        double scalef = double(1 << shift) / d;
+        long long divScale = static_cast<long long>(std::floor(scalef));
+        scalef -= double(divScale);
+        long long divDelta = d / 2;
+        if (scalef < 0.5)
+            ++divDelta;
+        else
+            ++divScale;
+        for (int sum = 0; sum <= maxSum; ++sum)
+            table[std::size_t(sum)] = static_cast<unsigned char>(((sum + divDelta) * divScale) >> shift);
         agrees = check();
     }
 
@@ -244,6 +242,7 @@ public:
         }
         // Vertical sums of those, borders replicated.
         column.assign(std::size_t(w), 0);
+        means.resize(std::size_t(w));
         for (int y = -r; y <= r; ++y) {
             const int* rowSum = &rows[std::size_t(std::clamp(y, 0, h - 1)) * w];
             for (int x = 0; x < w; ++x)
@@ -256,7 +255,13 @@ public:
             unsigned char* o = out.ptr<unsigned char>(y);
             const int* add = &rows[std::size_t(std::min(y + r + 1, h - 1)) * w];
             const int* drop = &rows[std::size_t(std::max(y - r, 0)) * w];
-            if (idelta == INT_MIN) {
+            if (!mean) {
+                for (int x = 0; x < w; ++x)
+                    means[std::size_t(x)] = static_cast<unsigned char>(cvRound(col[x] * scale));
+                for (int x = 0; x < w; ++x)
+                    o[x] = idelta == INT_MIN ? means[std::size_t(x)]
+                                             : (int(p[x]) - int(means[std::size_t(x)]) > -idelta ? 255 : 0);
+            } else if (idelta == INT_MIN) {
                 for (int x = 0; x < w; ++x)
                     o[x] = mean[col[x]];
             } else {
@@ -291,7 +296,9 @@ private:
     }
 
     int block;
-    std::vector<unsigned char> table;
+    double scale;
+    std::vector<unsigned char> table; // empty above 256 pixels
+    std::vector<unsigned char> means; // one row of them, when there is no table
     std::vector<int> column;
     std::vector<unsigned char> padded;
 };
