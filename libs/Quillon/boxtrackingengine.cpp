@@ -13,8 +13,14 @@
 
 #include <opencv2/imgproc.hpp>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <cstdio>
 #include <string>
 
@@ -35,7 +41,7 @@ int integerLimit(double t)
 BoxTrackingEngine::BoxTrackingEngine(int width_, int height_, double boxRadius_, int gridSize_)
     : width(width_), height(height_), gridSize(gridSize_), boxRadius(boxRadius_),
       updateFrames(GS::instance()->stylusBgFrames), learnFrames(GS::instance()->stylusBgFrames),
-      lastFrame(cv::Mat::zeros(height_, width_, CV_8UC1)), backgroundMax(cv::Mat::zeros(height_, width_, CV_8UC1)),
+      backgroundMax(cv::Mat::zeros(height_, width_, CV_8UC1)),
       regionCount(GS::instance()->boxStride * GS::instance()->boxStride), debug(new BoxTrackingDebug())
 {
     EngineHelper::resetRegionsList(&regionIntensity, regionCount);
@@ -140,20 +146,39 @@ void BoxTrackingEngine::setCalibration(Calibration* calibration, int gridSize_)
 void BoxTrackingEngine::rebuildPackedBoxes()
 {
     const std::size_t n = boxes.size();
+    packed.resize(n);
+    runs.clear();
+    // intensityAtByPos: index 0 and anything past the frame read as -1.
+    const unsigned readable = static_cast<unsigned>(width * height) - 1u;
     packedIndex.resize(n);
     packedBackground.resize(n);
-    runs.clear();
+    centres.resize(n);
+    backgroundsFitShort = true;
     for (std::size_t i = 0; i < n; ++i) {
         ScanBox& b = boxes[i];
         // A region outside the table would index past it; such a box joins region 0.
         if (b.region < 0 || b.region >= regionCount)
             b.region = 0;
+        packed[i] = {static_cast<unsigned>(b.centerIndex), b.bgIntensity};
         packedIndex[i] = b.centerIndex;
-        packedBackground[i] = b.bgIntensity;
-        if (runs.empty() || runs.back().region != b.region)
-            runs.push_back({static_cast<int>(i), static_cast<int>(i) + 1, b.region, 0.0});
+        setShortBackground(i, b.bgIntensity);
+        const bool inside = packed[i].index - 1u < readable;
+        if (runs.empty() || runs.back().region != b.region || runs.back().readable != inside)
+            runs.push_back({static_cast<int>(i), static_cast<int>(i) + 1, b.region, inside, 0, false, 0.0});
         else
             runs.back().end = static_cast<int>(i) + 1;
+    }
+    packedOffset.resize(n);
+    for (Run& run : runs) {
+        int low = packedIndex[std::size_t(run.begin)], high = low;
+        for (int i = run.begin; i < run.end; ++i) {
+            low = std::min(low, packedIndex[std::size_t(i)]);
+            high = std::max(high, packedIndex[std::size_t(i)]);
+        }
+        run.base = low;
+        run.offsetsFit = run.readable && high - low <= 0xFFFF;
+        for (int i = run.begin; i < run.end; ++i)
+            packedOffset[std::size_t(i)] = static_cast<unsigned short>(run.offsetsFit ? packedIndex[std::size_t(i)] - low : 0);
     }
     cachedGain = GS::instance()->stylusBgGain;
     sumBackgrounds();
@@ -166,7 +191,7 @@ void BoxTrackingEngine::sumBackgrounds()
     for (Run& run : runs) {
         run.backgroundPart = 0;
         for (int i = run.begin; i < run.end; ++i)
-            run.backgroundPart += std::trunc(packedBackground[std::size_t(i)] / cachedGain);
+            run.backgroundPart += std::trunc(packed[std::size_t(i)].background / cachedGain);
     }
 }
 
@@ -220,10 +245,11 @@ void BoxTrackingEngine::resetBackgroundTable(bool topUp)
     std::printf("Reset Background: %d\n", updateFrames);
     std::fflush(stdout);
     pendingRefresh = topUp ? 2 : 1;
-    for (int n = 0; n < 100; ++n) {
+    // At most ten seconds, looked at every 5 ms so that the caller goes on soon after the end.
+    for (int n = 0; n < 2000; ++n) {
         if (pendingRefresh.load() == 0 && updateCount.load() >= updateFrames && learnCount.load() >= learnFrames)
             return;
-        WorkerThread::msleep(100);
+        WorkerThread::msleep(5);
     }
 }
 
@@ -248,23 +274,21 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         limitOfRegion[std::size_t(r)] = integerLimit(t);
     }
 
-    const unsigned char* last = lastFrame.data;
-    unsigned char* work = image->data;
-    // intensityAtByPos: index 0 and anything past the buffer read as -1.
-    const unsigned readable = static_cast<unsigned>(lastFrame.total()) - 1u;
+    // The frame stays untouched until the frame is done; a box that fires blanks its square
+    // only in the books, and a later box whose centre lies there reads 0, as if blanked.
+    const unsigned char* last = image->data;
     const bool resetting = regionsReset;
-    const int* index = packedIndex.data();
-    int* background = packedBackground.data();
+    PackedBox* box = packed.data();
+    blanked.clear();
 
     auto fire = [&](int i, int v, int bg, int limit, int region) {
-        // The working frame may have been blanked here by an earlier box.
-        const int w = v < 0 ? v : work[index[i]];
-        ScanBox& box = boxes[std::size_t(i)];
-        box.intensity = w;
+        const int w = v < 0 || !isBlanked(box[i].index) ? v : 0;
+        ScanBox& scanBox = boxes[std::size_t(i)];
+        scanBox.intensity = w;
         if (w - bg <= limit)
             return;
-        QuillonImageHelper::floodFill(image, box, 0);
-        ScanBox::addOverlapping(&groups, box);
+        blanked.push_back(scanBox.rect());
+        ScanBox::addOverlapping(&groups, scanBox);
         ++*hits;
         regionHits[region] += 1.0;
     };
@@ -274,27 +298,30 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         const int limit = limitOfRegion[std::size_t(region)];
         long long intensitySum = 0;
         if (!refreshing[std::size_t(region)]) {
-            for (int i = run.begin; i < run.end; ++i) {
-                const unsigned ci = static_cast<unsigned>(index[i]);
-                const int v = ci - 1u < readable ? last[ci] : -1;
-                intensitySum += v;
-                if (v - background[i] > limit)
-                    fire(i, v, background[i], limit, region);
+            if (run.readable) {
+                intensitySum =
+                    scanRun(last, run, limit, [&](int i, int v) { fire(i, v, box[i].background, limit, region); });
+            } else {
+                for (int i = run.begin; i < run.end; ++i) {
+                    intensitySum += -1;
+                    if (-1 - box[i].background > limit)
+                        fire(i, -1, box[i].background, limit, region);
+                }
             }
             regionBackground[region] += run.backgroundPart;
         } else {
             double part = 0;
             for (int i = run.begin; i < run.end; ++i) {
-                int bg = background[i];
+                int bg = box[i].background;
                 if (resetting) {
                     bg = 0;
                     *anyReset = true;
                 }
-                const unsigned ci = static_cast<unsigned>(index[i]);
-                const int v = ci - 1u < readable ? last[ci] : -1;
+                const int v = run.readable ? last[box[i].index] : -1;
                 if (bg < v)
                     bg = static_cast<int>(v * gain);
-                background[i] = bg;
+                box[i].background = bg;
+                setShortBackground(std::size_t(i), bg);
                 boxes[std::size_t(i)].bgIntensity = bg;
                 intensitySum += v;
                 if (v - bg > limit)
@@ -306,6 +333,76 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         }
         regionIntensity[region] += static_cast<double>(intensitySum);
     }
+}
+
+void BoxTrackingEngine::setShortBackground(std::size_t i, int background)
+{
+    // v - background must not overflow 16 bits for v of 0 to 255.
+    const bool fits = background >= -32000 && background <= 32000;
+    packedBackground[i] = static_cast<short>(fits ? background : 0);
+    backgroundsFitShort = backgroundsFitShort && fits;
+}
+
+template <class Fire>
+int BoxTrackingEngine::scanRun(const unsigned char* frame, const Run& run, int limit, Fire&& fire)
+{
+    const int n = run.end - run.begin;
+    const int* index = packedIndex.data() + run.begin;
+    unsigned char* v = centres.data();
+    // The pixel reads first, on their own: a tight loop of loads that the processor overlaps.
+    // A run lies within a few rows, so its centres are 16-bit offsets, four to a load.
+    int g = 0;
+    if (run.offsetsFit) {
+        const unsigned char* at = frame + run.base;
+        const unsigned short* offset = packedOffset.data() + run.begin;
+        for (; g + 4 <= n; g += 4) {
+            std::uint64_t four;
+            std::memcpy(&four, offset + g, sizeof four);
+            v[g] = at[four & 0xFFFF];
+            v[g + 1] = at[(four >> 16) & 0xFFFF];
+            v[g + 2] = at[(four >> 32) & 0xFFFF];
+            v[g + 3] = at[four >> 48];
+        }
+    }
+    for (; g < n; ++g)
+        v[g] = frame[index[g]];
+
+    int sum = 0;
+    int k = 0;
+#ifdef __SSE2__
+    if (backgroundsFitShort) {
+        // All but a few boxes are quiet: sixteen centres are summed and compared with their
+        // backgrounds at a time, and only a group with a box above its limit is looked into.
+        const short* background = packedBackground.data() + run.begin;
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i limits = _mm_set1_epi16(static_cast<short>(std::clamp(limit, -32768, 32767)));
+        __m128i sums = zero;
+        for (; k + 16 <= n; k += 16) {
+            const __m128i px = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v + k));
+            sums = _mm_add_epi64(sums, _mm_sad_epu8(px, zero));
+            const __m128i low = _mm_sub_epi16(_mm_unpacklo_epi8(px, zero),
+                                              _mm_loadu_si128(reinterpret_cast<const __m128i*>(background + k)));
+            const __m128i high = _mm_sub_epi16(_mm_unpackhi_epi8(px, zero),
+                                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(background + k + 8)));
+            unsigned above = static_cast<unsigned>(
+                _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpgt_epi16(low, limits), _mm_cmpgt_epi16(high, limits))));
+            while (above != 0) [[unlikely]] {
+                const int lane = __builtin_ctz(above);
+                above &= above - 1;
+                fire(run.begin + k + lane, int(v[k + lane]));
+            }
+        }
+        sum = _mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_srli_si128(sums, 8));
+    }
+#endif
+    const PackedBox* box = packed.data() + run.begin;
+    for (; k < n; ++k) {
+        const int x = v[k];
+        sum += x;
+        if (x - box[k].background > limit)
+            fire(run.begin + k, x);
+    }
+    return sum;
 }
 
 AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
@@ -335,7 +432,15 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
         backgroundScaled = true;
     }
 
-    image->copyTo(lastFrame);
+    // Only frames as the sensor delivers them are searched: the first pass reads centres by
+    // their index into a continuous frame of the engine's size.
+    if (!image->isContinuous() || image->cols != width || image->rows != height || image->type() != CV_8UC1) {
+        idle = true;
+        return result;
+    }
+    // The frame itself stays untouched until the end of the loop and serves as the untouched
+    // copy; the blanking of fired boxes is applied to it at the end.
+    lastFrame = *image;
 
     for (int r = 0; r < regionCount; ++r) {
         regionIntensity[r] = 0;
@@ -371,6 +476,7 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
 
     if (hits > 255) {
         std::printf("More than 255 boxes detected in total, returning from here\n");
+        applyBlanking(image);
         idle = true;
         return result;
     }
@@ -435,12 +541,43 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
 
     // Drawn before the frame is declared done, so that a calibration that waits for it
     // cannot change the border or the corners under the drawing.
-    if (debugFrame) {
-        lastFrame.copyTo(*image);
+    if (debugFrame)
         drawOverlay(image);
-    }
+    else
+        applyBlanking(image);
     idle = true;
     return result;
+}
+
+bool BoxTrackingEngine::isBlanked(unsigned index) const
+{
+    // floodFill's pixel set: inside the frame, or, at the edge, the pixel one past the end of a
+    // row, which is the first pixel of the next.
+    const unsigned x = index % unsigned(width), y = index / unsigned(width);
+    for (const cv::Rect& r : blanked) {
+        if (r.width <= 0 || r.height <= 0)
+            continue;
+        const bool inside = r.x >= 0 && r.y >= 0 && r.x + r.width <= width && r.y + r.height <= height;
+        if (int(x) >= r.x && int(x) < r.x + r.width && int(y) >= r.y && int(y) < r.y + r.height)
+            return true;
+        if (!inside && x == 0 && y > 0 && width >= r.x && width < r.x + r.width && int(y) - 1 >= r.y
+            && int(y) - 1 < r.y + r.height)
+            return true;
+    }
+    return false;
+}
+
+void BoxTrackingEngine::applyBlanking(cv::Mat* image)
+{
+    for (const cv::Rect& r : blanked) {
+        ScanBox box;
+        box.x = r.x;
+        box.y = r.y;
+        box.width = r.width;
+        box.height = r.height;
+        QuillonImageHelper::floodFill(image, box, 0);
+    }
+    blanked.clear();
 }
 
 void BoxTrackingEngine::drawOverlay(cv::Mat* image)

@@ -56,7 +56,7 @@ public:
     QList<double> regionDeltas;
     QList<double> regionHits;
     cv::Mat frameHeader; // the caller's frame, seen without a copy
-    cv::Mat lastFrame;   // untouched copy of the frame in work
+    cv::Mat lastFrame;   // the frame in work, untouched until the frame loop ends; no copy
     cv::Mat backgroundMax;
     std::atomic<bool> updating{false};
     int regionCount;
@@ -95,17 +95,44 @@ public:
 private:
     struct Run {
         int begin, end, region; // consecutive boxes of one region
+        // All centres lie inside the frame (index 0 and past the end read as -1).
+        bool readable;
+        // Smallest centre index of the run; the others as 16-bit offsets from it, when they fit.
+        int base;
+        bool offsetsFit;
         // Sum of trunc(bgIntensity / gain) over the run, valid for cachedGain.
         double backgroundPart;
+    };
+    // What the first pass needs of a box, side by side, so that a box costs one load
+    // besides its pixel.
+    struct PackedBox {
+        unsigned index;
+        int background;
     };
 
     void rebuildPackedBoxes();
     void sumBackgrounds();
     void firstPass(cv::Mat* image, int* hits, bool* anyReset);
     void drawOverlay(cv::Mat* image);
+    // The scan of one run of readable boxes: returns the sum of the centres and calls fire for
+    // each box above its limit, in box order.
+    template <class Fire>
+    int scanRun(const unsigned char* frame, const Run& run, int limit, Fire&& fire);
+    void setShortBackground(std::size_t i, int background);
+    // Whether a box that fired earlier in this frame has blanked the pixel at index.
+    bool isBlanked(unsigned index) const;
+    // Blanks the squares of the boxes that fired, in the caller's frame.
+    void applyBlanking(cv::Mat* image);
 
+    std::vector<PackedBox> packed;
+    // The same, apart, for the scan of quiet boxes; backgrounds as 16 bits while they fit.
     std::vector<int> packedIndex;
-    std::vector<int> packedBackground;
+    std::vector<unsigned short> packedOffset;
+    std::vector<short> packedBackground;
+    bool backgroundsFitShort = true;
+    std::vector<unsigned char> centres; // scratch: the centre pixels of one run
+    // Squares of the boxes that fired in this frame, blanked in the frame when it is done.
+    std::vector<cv::Rect> blanked;
     std::vector<Run> runs;
     double cachedGain = 0;
     std::vector<int> limitOfRegion;

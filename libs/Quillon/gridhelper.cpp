@@ -242,16 +242,60 @@ std::vector<ScanBox> GridHelper::getScanBoxes(double radius, int step, int gridW
         }
         return cell;
     };
+    // The grid's own mapping, with each area first tried against its bounding box: a point
+    // outside it (by more than rounding) cannot hit the area, so the same areas add up in the
+    // same order, and the boxes are those of grid->Filter, only found faster.
+    struct Bounds {
+        double left, top, right, bottom;
+    };
+    std::vector<Bounds> bounds;
+    bounds.reserve(grid->areas.size());
+    for (const TransformArea& area : grid->areas) {
+        Bounds b{1e300, 1e300, -1e300, -1e300};
+        for (const EVector& v : area.hitArea.points) {
+            b.left = std::min(b.left, v.x);
+            b.top = std::min(b.top, v.y);
+            b.right = std::max(b.right, v.x);
+            b.bottom = std::max(b.bottom, v.y);
+        }
+        const double margin =
+            1e-6 * (1.0 + std::max({std::fabs(b.left), std::fabs(b.top), std::fabs(b.right), std::fabs(b.bottom)}));
+        bounds.push_back({b.left - margin, b.top - margin, b.right + margin, b.bottom + margin});
+    }
+    auto map = [&](const EVector& p) {
+        double sumX = 0, sumY = 0;
+        int hits = 0;
+        for (std::size_t i = 0; i < grid->areas.size(); ++i) {
+            const Bounds& b = bounds[i];
+            if (!(p.x >= b.left && p.x <= b.right && p.y >= b.top && p.y <= b.bottom))
+                continue;
+            const TransformArea& area = grid->areas[i];
+            if (area.HitTest(p)) {
+                const EVector q = area.Filter(p);
+                sumX += q.x;
+                sumY += q.y;
+                ++hits;
+            }
+        }
+        EVector result = p;
+        if (hits != 0) {
+            sumX /= hits;
+            sumY /= hits;
+        }
+        result.x = sumX;
+        result.y = sumY;
+        return result;
+    };
     for (int y = 0; y < gridHeight; y += step) {
         const int ry = cellOf(y, gridHeight);
         for (int x = 0; x < gridWidth; x += step) {
-            const EVector q = grid->Filter(EVector(x, y));
+            const EVector q = map(EVector(x, y));
             if (q.x < 0 || q.x > width || q.y < 0 || q.y > height)
                 continue;
-            const EVector left = grid->Filter(EVector(x - radius, y));
-            const EVector right = grid->Filter(EVector(x + radius, y));
-            const EVector up = grid->Filter(EVector(x, y - radius));
-            const EVector down = grid->Filter(EVector(x, y + radius));
+            const EVector left = map(EVector(x - radius, y));
+            const EVector right = map(EVector(x + radius, y));
+            const EVector up = map(EVector(x, y - radius));
+            const EVector down = map(EVector(x, y + radius));
             double size = std::sqrt((right.x - left.x) * (right.x - left.x) + (up.y - down.y) * (up.y - down.y));
             double half;
             if (size < 20.0) {

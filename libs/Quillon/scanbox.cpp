@@ -5,10 +5,14 @@
 #include "quillonimagehelper.h"
 
 #include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
 
 #include <algorithm>
 #include <cmath>
+#include <climits>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
 ScanBox::ScanBox(double x_, double y_, double width_, double height_, double imageWidth_, int threshold_)
     : imageWidth(static_cast<int>(imageWidth_)), x(x_), y(y_), width(width_), height(height_),
@@ -179,16 +183,193 @@ void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* of
 
 namespace {
 
+// The block means of cv::adaptiveThreshold (a normalised box filter with replicated borders,
+// 8 bits in and out), for one block size, with the library's rounding: fixed point (from a
+// table) for blocks of up to 256 pixels, to nearest above. Checked once against the library's
+// own filter; a block size that does not agree is left to the library.
+class BlockMean {
+public:
+    explicit BlockMean(int block) : block(block), scale(1.0 / (block * block))
+    {
+        const int d = block * block;
+        if (d > 256) {
+            agrees = check();
+            return;
+        }
+        const int maxSum = 255 * d;
+        table.resize(std::size_t(maxSum) + 1);
+        const int shift = 23;
+        double scalef = double(1 << shift) / d;
+        long long divScale = static_cast<long long>(std::floor(scalef));
+        scalef -= double(divScale);
+        long long divDelta = d / 2;
+        if (scalef < 0.5)
+            ++divDelta;
+        else
+            ++divScale;
+        for (int sum = 0; sum <= maxSum; ++sum)
+            table[std::size_t(sum)] = static_cast<unsigned char>(((sum + divDelta) * divScale) >> shift);
+        agrees = check();
+    }
+
+    bool agrees = false;
+
+    // Compares each pixel of src with its block mean: 255 where src - mean > -idelta, else 0.
+    // With idelta of INT_MIN, out gets the means themselves (for the check).
+    void apply(const cv::Mat& src, cv::Mat& out, std::vector<int>& rows, int idelta = INT_MIN)
+    {
+        const int w = src.cols, h = src.rows, r = block / 2;
+        out.create(h, w, CV_8UC1);
+        // Horizontal sums of each source row, borders replicated.
+        rows.resize(std::size_t(w) * h);
+        padded.resize(std::size_t(w + 2 * r + 1));
+        for (int y = 0; y < h; ++y) {
+            const unsigned char* p = src.ptr<unsigned char>(y);
+            for (int x = 0; x < r; ++x) {
+                padded[std::size_t(x)] = p[0];
+                padded[std::size_t(r + w + x)] = p[w - 1];
+            }
+            padded[std::size_t(2 * r + w)] = p[w - 1];
+            std::copy(p, p + w, padded.begin() + r);
+            int* rowSum = &rows[std::size_t(y) * w];
+            int sum = 0;
+            for (int x = 0; x < 2 * r + 1; ++x)
+                sum += padded[std::size_t(x)];
+            for (int x = 0; x < w; ++x) {
+                rowSum[x] = sum;
+                sum += int(padded[std::size_t(x + 2 * r + 1)]) - int(padded[std::size_t(x)]);
+            }
+        }
+        // Vertical sums of those, borders replicated.
+        column.assign(std::size_t(w), 0);
+        means.resize(std::size_t(w));
+        for (int y = -r; y <= r; ++y) {
+            const int* rowSum = &rows[std::size_t(std::clamp(y, 0, h - 1)) * w];
+            for (int x = 0; x < w; ++x)
+                column[std::size_t(x)] += rowSum[x];
+        }
+        const unsigned char* mean = table.data();
+        int* col = column.data();
+        for (int y = 0; y < h; ++y) {
+            const unsigned char* p = src.ptr<unsigned char>(y);
+            unsigned char* o = out.ptr<unsigned char>(y);
+            const int* add = &rows[std::size_t(std::min(y + r + 1, h - 1)) * w];
+            const int* drop = &rows[std::size_t(std::max(y - r, 0)) * w];
+            if (!mean) {
+                for (int x = 0; x < w; ++x)
+                    means[std::size_t(x)] = static_cast<unsigned char>(cvRound(col[x] * scale));
+                for (int x = 0; x < w; ++x)
+                    o[x] = idelta == INT_MIN ? means[std::size_t(x)]
+                                             : (int(p[x]) - int(means[std::size_t(x)]) > -idelta ? 255 : 0);
+            } else if (idelta == INT_MIN) {
+                for (int x = 0; x < w; ++x)
+                    o[x] = mean[col[x]];
+            } else {
+                for (int x = 0; x < w; ++x)
+                    o[x] = int(p[x]) - int(mean[col[x]]) > -idelta ? 255 : 0;
+            }
+            for (int x = 0; x < w; ++x)
+                col[x] += add[x] - drop[x];
+        }
+    }
+
+private:
+    bool check()
+    {
+        cv::RNG rng(static_cast<uint64>(block));
+        std::vector<int> rows;
+        for (const cv::Size size : {cv::Size(1, 1), cv::Size(3, 2), cv::Size(block + 5, block + 3), cv::Size(61, 47)}) {
+            for (int flat = 0; flat <= 255; flat += 255) {
+                cv::Mat src(size, CV_8UC1);
+                rng.fill(src, cv::RNG::UNIFORM, 0, 256);
+                if (flat)
+                    src.setTo(flat);
+                cv::Mat theirs, mine;
+                cv::boxFilter(src, theirs, CV_8U, cv::Size(block, block), cv::Point(-1, -1), true,
+                              cv::BORDER_REPLICATE | cv::BORDER_ISOLATED);
+                apply(src, mine, rows);
+                if (cv::countNonZero(theirs != mine) != 0)
+                    return false;
+            }
+        }
+        return true;
+    }
+
+    int block;
+    double scale;
+    std::vector<unsigned char> table; // empty above 256 pixels
+    std::vector<unsigned char> means; // one row of them, when there is no table
+    std::vector<int> column;
+    std::vector<unsigned char> padded;
+};
+
 // Scratch of the contour step, kept per thread so that a frame allocates only what grows.
 struct ContourScratch {
     cv::Mat patch;
     cv::Mat binary;
+    std::vector<int> rows;
     std::vector<std::vector<cv::Point>> contours;
+    std::vector<std::unique_ptr<BlockMean>> means; // by block size
+    CvMemStorage* storage = nullptr;
+
+    ContourScratch() = default;
+    ContourScratch(const ContourScratch&) = delete;
+    ContourScratch& operator=(const ContourScratch&) = delete;
+    ~ContourScratch()
+    {
+        if (storage)
+            cvReleaseMemStorage(&storage);
+    }
+
+    BlockMean* meanOf(int block)
+    {
+        if (means.size() <= std::size_t(block))
+            means.resize(std::size_t(block) + 1);
+        if (!means[std::size_t(block)])
+            means[std::size_t(block)] = std::make_unique<BlockMean>(block);
+        return means[std::size_t(block)]->agrees ? means[std::size_t(block)].get() : nullptr;
+    }
 };
 
 thread_local ContourScratch scratch;
 
 const char* yesNo(bool b) { return b ? "true" : "false"; }
+
+// cv::adaptiveThreshold with the mean method and a binary result, without its per-call set-up.
+void adaptiveMeanThreshold(const cv::Mat& src, cv::Mat& dst, int block, double delta)
+{
+    BlockMean* mean = scratch.meanOf(block);
+    if (!mean) {
+        cv::adaptiveThreshold(src, dst, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block, delta);
+        return;
+    }
+    mean->apply(src, dst, scratch.rows, cvCeil(delta));
+}
+
+// cv::findContours for outer contours with simple chains, on a picture whose outermost rows
+// and columns are 0 already: the tracer is called directly, without the library's padded
+// copy and its storage made anew each time. The contours come in the same order.
+void findOuterContours(cv::Mat& binary, std::vector<std::vector<cv::Point>>& contours)
+{
+    contours.clear();
+    if (!scratch.storage)
+        scratch.storage = cvCreateMemStorage(0);
+    else
+        cvClearMemStorage(scratch.storage);
+    CvMat image = cvMat(binary);
+    CvSeq* first = nullptr;
+    cvFindContours(&image, scratch.storage, &first, sizeof(CvContour), CV_RETR_EXTERNAL, CV_CHAIN_APPROX_SIMPLE,
+                   cvPoint(0, 0));
+    if (!first)
+        return;
+    CvSeq* all = cvTreeToNodeSeq(first, sizeof(CvSeq), scratch.storage);
+    contours.resize(std::size_t(all->total));
+    for (int i = 0; i < all->total; ++i) {
+        CvSeq* c = *reinterpret_cast<CvSeq**>(cvGetSeqElem(all, i));
+        contours[std::size_t(i)].resize(std::size_t(c->total));
+        cvCvtSeqToArray(c, contours[std::size_t(i)].data());
+    }
+}
 
 } // namespace
 
@@ -212,10 +393,20 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
     if (roi.width <= 0 || roi.height <= 0)
         return found;
 
-    // A copy of the region, since the threshold works in place.
-    (*image)(roi).copyTo(scratch.patch);
-    if (useBackground && background && background->data)
-        cv::subtract(scratch.patch, (*background)(roi), scratch.patch);
+    // A copy of the region, since the threshold works in place, less the background.
+    scratch.patch.create(roi.height, roi.width, CV_8UC1);
+    const bool subtract = useBackground && background && background->data;
+    for (int r = 0; r < roi.height; ++r) {
+        const unsigned char* from = image->ptr<unsigned char>(roi.y + r) + roi.x;
+        unsigned char* to = scratch.patch.ptr<unsigned char>(r);
+        if (subtract) {
+            const unsigned char* bg = background->ptr<unsigned char>(roi.y + r) + roi.x;
+            for (int c = 0; c < roi.width; ++c)
+                to[c] = static_cast<unsigned char>(std::max(0, int(from[c]) - int(bg[c])));
+        } else {
+            std::memcpy(to, from, std::size_t(roi.width));
+        }
+    }
 
     int block = 3, offset = 0;
     thresholdBlock(avgWidth, extended, &block, &offset);
@@ -229,8 +420,7 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
             cv::erode(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), erosions);
     }
 
-    cv::adaptiveThreshold(scratch.patch, scratch.binary, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block,
-                          extended ? -20.0 : static_cast<double>(offset));
+    adaptiveMeanThreshold(scratch.patch, scratch.binary, block, extended ? -20.0 : static_cast<double>(offset));
     if (scratch.binary.cols == 0 || scratch.binary.rows == 0) {
         std::printf("Exception caught\n");
         return found;
@@ -238,13 +428,15 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
 
     // The contour tracer has always treated the outermost row and column as empty; a spot
     // cut by the rectangle keeps that shape.
-    scratch.binary.row(0).setTo(0);
-    scratch.binary.row(scratch.binary.rows - 1).setTo(0);
-    scratch.binary.col(0).setTo(0);
-    scratch.binary.col(scratch.binary.cols - 1).setTo(0);
+    cv::Mat& binary = scratch.binary;
+    std::memset(binary.ptr<unsigned char>(0), 0, std::size_t(binary.cols));
+    std::memset(binary.ptr<unsigned char>(binary.rows - 1), 0, std::size_t(binary.cols));
+    for (int r = 0; r < binary.rows; ++r) {
+        binary.ptr<unsigned char>(r)[0] = 0;
+        binary.ptr<unsigned char>(r)[binary.cols - 1] = 0;
+    }
 
-    scratch.contours.clear();
-    cv::findContours(scratch.binary, scratch.contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+    findOuterContours(binary, scratch.contours);
 
     for (const std::vector<cv::Point>& contour : scratch.contours) {
         const cv::Moments m = cv::moments(contour);

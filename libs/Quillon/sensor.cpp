@@ -201,9 +201,12 @@ int Sensor::start(void* context, FrameCallback imageCb, StopCallback stoppedCb, 
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     pthread_t thread;
     qDebug() << "init readusb thread";
-    pthread_create(&thread, &attr, readUsbAsync, this);
+    // Named, so that the processor time of each can be told apart (tools/cputime).
+    if (pthread_create(&thread, &attr, readUsbAsync, this) == 0)
+        pthread_setname_np(thread, "velora-usb");
     qDebug() << "init image transfer thread";
-    pthread_create(&thread, &attr, imgTransfer, this);
+    if (pthread_create(&thread, &attr, imgTransfer, this) == 0)
+        pthread_setname_np(thread, "velora-image");
     pthread_attr_destroy(&attr);
     return 1;
 }
@@ -259,7 +262,7 @@ bool Sensor::controlWrite(unsigned char request, unsigned short value, unsigned 
     bool ok = false;
     if (libusb_submit_transfer(t) >= 0) {
         while (!context.done)
-            ::usleep(5000);
+            ::usleep(500);
         ok = context.received > 0;
     }
     libusb_free_transfer(t);
@@ -303,18 +306,27 @@ int Sensor::setGPIO(unsigned char mask, unsigned char level)
 
 int Sensor::switchFilter(bool on)
 {
+    // The actuator holds its position: swinging it to where this process last put it would
+    // only cost the 400 ms of the pulses (at start-up the calibration asks again at once).
+    if (filterPosition == int(on))
+        return 1;
     const unsigned char mask = on ? 128 : 64;
-    setGPIO(mask, 1);
+    const bool rose = setGPIO(mask, 1) == 1;
     sleep(100);
-    setGPIO(mask, 0);
+    const bool fell = setGPIO(mask, 0) == 1;
     sleep(100);
+    filterPosition = rose && fell ? int(on) : -1;
     return 1;
 }
 
 int Sensor::setExposure(int value)
 {
+    // The same value again changes nothing on the imager, and needs no time to settle.
+    if (exposureWritten && exposure == value)
+        return 1;
     const int r = usbCtrlWrite(11, static_cast<unsigned short>(value & 0xFFFF));
     exposure = value;
+    exposureWritten = r == 1;
     sleep(100);
     return r;
 }
@@ -391,8 +403,9 @@ void Sensor::waitForIdleThreads()
         usbThreadIdle = false;
         reconfiguring = true;
     }
+    // Both threads answer within a frame or a 2 ms look; a fine poll keeps the change short.
     while (!imageThreadIdle || !usbThreadIdle)
-        sleep(100);
+        ::usleep(1000);
 }
 
 void Sensor::setBinning(int vertical, int horizontal)
@@ -664,6 +677,7 @@ void* readUsbAsync(void* sensor)
                     std::swap(b->data, x->data);
                     b->size = received;
                     b->free = false;
+                    s->frameFilled.ring();
                     break;
                 }
             }
@@ -721,7 +735,8 @@ void* imgTransfer(void* sensor)
         const int pending = s->pendingBlanking.exchange(-1);
         if (pending != -1)
             s->usbCtrlWrite(5, static_cast<unsigned short>(pending));
-        ::usleep(2000);
+        // A filled buffer ends the wait at once; without one this is the old 2 ms look.
+        s->frameFilled.wait(std::chrono::microseconds(2000));
     }
     return nullptr;
 }

@@ -56,10 +56,16 @@ public:
     std::atomic<int> sentVerticalBlanking{0};
     std::atomic<bool> asyncControl{false};
     std::atomic<int> exposure{0};
+    // exposure has reached the imager.
+    std::atomic<bool> exposureWritten{false};
+    // Where this process last swung the filter: 0 tracking, 1 picture, -1 not known.
+    std::atomic<int> filterPosition{-1};
     int minWindowWidth = 0;
     int minWindowHeight = 0;
     // Counts geometry changes, so that a transfer armed before one is recognised.
     std::atomic<int> geometry{0};
+    // Rung by the USB thread for each buffer it fills; the image thread waits on it.
+    FrameDoorbell frameFilled;
 
     Sensor(const char* cyusbConfPath, const char* sensorConfPath);
 
