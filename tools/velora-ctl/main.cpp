@@ -44,7 +44,7 @@ const Command commands[] = {
     {"laser off", 'u', Answer::Yes, 5, "laser curtain off", false},
     {"filter", 'p', Answer::Yes, 5, "swing the infra-red filter to the other side", false},
     {"align", 't', Answer::Yes, 600, "laser curtain alignment"},
-    {"offset", '7', Answer::OnlyIfRefused, 2, "offset correction"},
+    {"offset", '7', Answer::OnlyIfRefused, 10, "offset correction"},
     {"viewer", 'v', Answer::Yes, 3600, "live sensor viewer; answers when it is closed"},
     {"pause", '8', Answer::Yes, 5, "pause or resume the touch output", false},
     {"reset", '0', Answer::Yes, 5, "delete both calibrations", false},
@@ -109,6 +109,7 @@ int runCommand(const Command& c, std::optional<int> timeoutSeconds)
     guard.tryToRun();
     MenuChannel ch = channel();
     const int waitMs = timeoutSeconds.value_or(c.timeoutSeconds) * 1000;
+    const unsigned long long before = ch.statusStamp();
     if (!ch.send(c.byte, waitMs)) {
         fprintf(stderr, "velora-ctl: the service did not take the previous command; is it running?\n");
         return NoAnswer;
@@ -122,7 +123,14 @@ int runCommand(const Command& c, std::optional<int> timeoutSeconds)
         printf("sent\n");
         return Ok;
     }
-    if (!ch.waitForAnswer(waitMs) && c.answer == Answer::Yes) {
+    if (c.answer == Answer::OnlyIfRefused) {
+        // Refused, it answers; started, it writes its statuses one right after the other.
+        if (!ch.waitForAnswerOrStatus(before, waitMs)) {
+            fprintf(stderr, "velora-ctl: nothing came back within %d s\n", waitMs / 1000);
+            return NoAnswer;
+        }
+        QThread::msleep(100);
+    } else if (!ch.waitForAnswer(waitMs)) {
         fprintf(stderr, "velora-ctl: no answer within %d s\n", waitMs / 1000);
         return NoAnswer;
     }

@@ -5,6 +5,8 @@
 #include <QSaveFile>
 #include <QThread>
 
+#include <sys/stat.h>
+
 MenuChannel::MenuChannel(QString commandPath_, QString answerPath_, QString statusPath_)
     : commandPath(std::move(commandPath_)), answerPath(std::move(answerPath_)), statusPath(std::move(statusPath_))
 {
@@ -48,6 +50,21 @@ bool MenuChannel::waitUntilTaken(int timeoutMs) const
 bool MenuChannel::waitForAnswer(int timeoutMs) const
 {
     return waitFor(timeoutMs, [this] { return QFile::exists(answerPath); });
+}
+
+unsigned long long MenuChannel::statusStamp() const
+{
+    // A freed inode may come back for the next file: the time of the write tells them apart.
+    struct stat st;
+    if (::stat(QFile::encodeName(statusPath).constData(), &st) != 0)
+        return 0;
+    return (static_cast<unsigned long long>(st.st_ino) << 32) ^ static_cast<unsigned long long>(st.st_mtim.tv_sec) * 1000000000ULL
+        ^ static_cast<unsigned long long>(st.st_mtim.tv_nsec);
+}
+
+bool MenuChannel::waitForAnswerOrStatus(unsigned long long stamp, int timeoutMs) const
+{
+    return waitFor(timeoutMs, [&] { return QFile::exists(answerPath) || statusStamp() != stamp; });
 }
 
 std::optional<int> MenuChannel::status() const

@@ -16,6 +16,10 @@ public:
     bool waitUntilTaken(int timeoutMs) const;
     // Waits until the service touched the answer file after the last send().
     bool waitForAnswer(int timeoutMs) const;
+    // Changes whenever the service writes a status, as each write puts a new file in place.
+    unsigned long long statusStamp() const;
+    // Waits until the service answered, or wrote a status since stamp.
+    bool waitForAnswerOrStatus(unsigned long long stamp, int timeoutMs) const;
     // The number of the status file, if it holds one whole "Result=" line.
     std::optional<int> status() const;
 
