@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QThread>
 
 #include <atomic>
@@ -193,6 +194,9 @@ int watch(QProcess* service)
 
 int holdGuard(bool startService, const QString& logPath, const QStringList& serviceArgs)
 {
+    // The per-user files are looked up in an existing Documents folder; a fresh account may
+    // have none yet, and then both programs would look beside the program instead.
+    QDir().mkpath(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora");
     RunGuard guard(GS::instance()->guardKey);
     if (!guard.tryToRun()) {
         fprintf(stderr, "velora-ctl: another menu holds the guard already\n");
