@@ -85,6 +85,7 @@ BlobFacade::BlobFacade(int argc, char** argv)
     }
     keepFrames = gs->keepFrames;
     slateworkHelper = new SlateworkSDKHelper();
+    slateworkHelper->setParent(this);
 }
 
 BlobFacade::~BlobFacade() = default;

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,12 +31,18 @@ std::vector<std::string> decodeBundle(const std::vector<char>& datagram)
             std::string text;
             for (int i = 0; i < argc; ++i) {
                 char part[64];
+                // OSC aligns arguments to 4 bytes, less than the union liblo hands them in.
+                const char* raw = reinterpret_cast<const char*>(argv[i]);
+                int32_t number;
+                float real;
+                std::memcpy(&number, raw, sizeof number);
+                std::memcpy(&real, raw, sizeof real);
                 if (types[i] == 's')
-                    std::snprintf(part, sizeof part, i ? " %s" : "%s", &argv[i]->s);
+                    std::snprintf(part, sizeof part, i ? " %s" : "%s", raw);
                 else if (types[i] == 'i')
-                    std::snprintf(part, sizeof part, " %d", argv[i]->i);
+                    std::snprintf(part, sizeof part, " %d", number);
                 else
-                    std::snprintf(part, sizeof part, " %.4g", double(argv[i]->f));
+                    std::snprintf(part, sizeof part, " %.4g", double(real));
                 text += part;
             }
             static_cast<std::vector<std::string>*>(out)->push_back(text);
