@@ -1,6 +1,7 @@
 // Feeds arbitrary bytes to the calibration file reader. Whatever it accepts must turn
 // into grids without faults, and must write out and read back to the same file.
 #include "calibration.h"
+#include "diskfile.h"
 #include "memoryfile.h"
 #include "quietqt.h"
 #include "transformgrid.h"
@@ -11,7 +12,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static MemoryFile input("calibration-input");
-    static MemoryFile saved("calibration-saved");
+    static DiskFile saved("calibration-saved");
     input.write(data, size);
     std::unique_ptr<Calibration> c(Calibration::read(input.path()));
     if (!c)

@@ -1,5 +1,6 @@
 // Feeds arbitrary bytes to the user settings reader as user.ini. Whatever it reads must
 // write out, and read back to the same file.
+#include "diskfile.h"
 #include "globalsettings.h"
 #include "memoryfile.h"
 #include "quietqt.h"
@@ -10,7 +11,7 @@
 
 namespace {
 
-std::string loadAndSave(const char* from, const MemoryFile& to)
+std::string loadAndSave(const char* from, const DiskFile& to)
 {
     GS gs;
     gs.userSettingsPath = from;
@@ -25,10 +26,13 @@ std::string loadAndSave(const char* from, const MemoryFile& to)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static MemoryFile input("user-ini");
-    static MemoryFile first("user-ini-saved");
-    static MemoryFile second("user-ini-saved-again");
+    static DiskFile first("user-ini-saved");
+    static DiskFile second("user-ini-saved-again");
     input.write(data, size);
     const std::string saved = loadAndSave(input.path(), first);
+    // Whatever was read, the writer puts a whole file in place.
+    if (saved.empty())
+        std::abort();
     // What was written once is already in the form the writer gives.
     if (loadAndSave(first.path(), second) != saved)
         std::abort();
