@@ -37,6 +37,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <malloc.h>
 #include <unistd.h>
 
 namespace {
@@ -280,6 +281,9 @@ bool BlobFacade::setCalibration(Calibration* calibration)
     activePen->setCalibration(calibration, stylusCalibration ? stylusCalibration : calibration, gs->screenWidth,
                               gs->screenHeight, gs->boxParameter);
     setBlobFilter();
+    // The former grids and scan boxes are freed now, often in another thread's pool than the
+    // one the new ones came from: give their pages back, or each change keeps some.
+    malloc_trim(0);
     paused = false;
     processing = true;
     activePen->resetBackgroundTable(false);

@@ -62,13 +62,14 @@ def record(device):
 
 
 def outages(scene_path):
-    """(from, to) stream seconds of the scene's faults that stop the frames."""
+    """(from, to) stream seconds of the scene's faults that stop the frames, and of the input
+    mode changes the soak wrote (kind "modechange"), which switch engines, laser and exposure."""
     spans = []
     if scene_path:
         with open(scene_path) as f:
             for line in f:
                 p = line.split()
-                if len(p) >= 4 and p[0] == "fault" and p[1] in ("short", "timeout"):
+                if len(p) >= 4 and p[0] == "fault" and p[1] in ("short", "timeout", "modechange"):
                     spans.append((float(p[2]), float(p[2]) + float(p[3])))
     return spans
 
@@ -149,7 +150,7 @@ def compare(truth_path, touch_path, skip_seconds=0.0, scene_path=None):
     stray = owner.count(None)
     if stray:
         print(f"{stray} contacts without a stroke", file=sys.stderr)
-    print(f"strokes {len(strokes)} (and {len(interrupted)} cut by a fault), delivered as one gesture {delivered}, missing {missing}, split {split}, "
+    print(f"strokes {len(strokes)} (and {len(interrupted)} cut by a fault or a mode change), delivered as one gesture {delivered}, missing {missing}, split {split}, "
           f"contacts without a stroke {stray}")
     return 0 if strokes and delivered == len(strokes) and not stray else 1
 

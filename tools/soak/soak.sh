@@ -27,7 +27,8 @@
 #      stroke is a left press to its release there, as velora-desktop-watcher sees it.
 #      When the service makes a multi-touch device (uinput), its contacts count instead.
 #      Compared by tools/soak/gestures.py; the first 4 s (the service starting and
-#      learning the background) are left out.
+#      learning the background) are left out, and so are strokes that a fault or a mode
+#      change cut.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -169,6 +170,10 @@ while :; do
     else
       echo "$mode_byte" >"$commands/fifo1"
       changes=$((changes + 1))
+      # A stroke across a mode change is cut by it, as by a fault: the stream time of the
+      # change (from the emulator's truth, flushed four times a second) goes to the checker.
+      t=$(tail -n 400 "$out/truth.txt" 2>/dev/null | awk '$1 == "F" { t = $3 } END { print t + 0 }')
+      echo "fault modechange $(awk -v t="$t" 'BEGIN { print t - 0.5 }') 4.5" >>"$out/modechanges.txt"
       [[ $mode_byte == s ]] && mode_byte=f || mode_byte=s
     fi
     next_command=$((now + 30))
@@ -212,7 +217,8 @@ if [[ -n $gestures_pid ]]; then
   wait "$gestures_pid" 2>/dev/null || true
   contacts=$out/touch.txt
 fi
-if python3 "$here/gestures.py" compare "$out/truth.txt" "$contacts" 4 "$scene"; then
+cat "$scene" "$out/modechanges.txt" >"$out/outages.txt" 2>/dev/null || cp "$scene" "$out/outages.txt"
+if python3 "$here/gestures.py" compare "$out/truth.txt" "$contacts" 4 "$out/outages.txt"; then
   echo "gestures: PASS (${contacts##*/})"
 else
   echo "gestures: FAIL (${contacts##*/})" >&2
