@@ -8,10 +8,11 @@
 #   --interval N  seconds between two samples (5)
 #   --build DIR   the build folder with velora and libvelora_sensor_emulator.so (build)
 #   --out DIR     where the scene, the samples and the logs go (a new folder under /tmp)
+#   --command-every N  seconds between two input mode changes (30; 0: none)
 #
 # The scene touches, draws and lifts without end (fingers and a stylus, taps and strokes)
 # and brings in the emulator's transfer faults one after the other: short frames,
-# time-outs and dropped frames. Every 30 seconds the input mode is switched through the
+# time-outs and dropped frames. Every --command-every seconds the input mode is switched through the
 # command file, which moves exposure, laser and the sensor's window; while the service
 # has no command channel (the file is not taken within 30 seconds) this is reported and
 # left out.
@@ -35,6 +36,7 @@ root=$(cd "$here/../.." && pwd)
 seconds=3600
 warmup=
 interval=5
+command_every=30
 build=$root/build
 out=
 while (($#)); do
@@ -42,9 +44,10 @@ while (($#)); do
     --seconds) seconds=$2; shift 2 ;;
     --warmup) warmup=$2; shift 2 ;;
     --interval) interval=$2; shift 2 ;;
+    --command-every) command_every=$2; shift 2 ;;
     --build) build=$(cd "$2" && pwd); shift 2 ;;
     --out) out=$2; shift 2 ;;
-    -h|--help) sed -n '2,29p' "$0"; exit 0 ;;
+    -h|--help) sed -n '2,32p' "$0"; exit 0 ;;
     *) echo "soak: unknown argument $1" >&2; exit 2 ;;
   esac
 done
@@ -146,7 +149,7 @@ samples=$out/samples.csv
 echo "seconds,rss_kb,fds" >"$samples"
 echo "soak: $seconds s, warm-up $warmup s, samples every $interval s, output in $out"
 begin=$(date +%s)
-next_command=$((begin + 30))
+next_command=$((begin + command_every))
 while :; do
   now=$(date +%s)
   elapsed=$((now - begin))
@@ -162,7 +165,7 @@ while :; do
   [[ -n $rss ]] && echo "$elapsed,$rss,$fds" >>"$samples"
   start_gestures
 
-  if [[ $channel != absent ]] && ((now >= next_command)); then
+  if [[ $channel != absent ]] && ((command_every > 0 && now >= next_command)); then
     if [[ -e $commands/fifo1 ]]; then
       channel=absent
       echo "soak: the command file was not taken: no command channel, mode and window changes left out"
@@ -176,7 +179,7 @@ while :; do
       echo "fault modechange $(awk -v t="$t" 'BEGIN { print t - 0.5 }') 4.5" >>"$out/modechanges.txt"
       [[ $mode_byte == s ]] && mode_byte=f || mode_byte=s
     fi
-    next_command=$((now + 30))
+    next_command=$((now + command_every))
   fi
   sleep "$interval"
 done
@@ -206,7 +209,7 @@ verdict=$(awk -F, -v warmup="$warmup" '
 echo "$verdict"
 strokes=$(awk '$1 == "S" { seen[$3] = 1 } END { print length(seen) }' "$out/truth.txt" 2>/dev/null || echo 0)
 echo "strokes and taps sent by the emulator: $strokes"
-[[ $channel != absent ]] && echo "mode changes written: $changes"
+[[ $channel != absent ]] && ((command_every > 0)) && echo "mode changes written: $changes"
 failed=0
 grep -q '^FAIL' <<<"$verdict" && failed=1
 
