@@ -1,0 +1,264 @@
+// The dot-press calibration driven blob by blob, as the frame thread gives them, against a
+// recording screen and emitter; and the disturbance check it relies on.
+#include "activepen.h"
+#include "disturbancechecker.h"
+#include "globalsettings.h"
+#include "manualcalibration.h"
+#include "procedurestandins.h"
+#include "scopedsetting.h"
+#include "sensor.h"
+
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Blob blobAt(double x, double y, int session, int state, double fx = 500, double fy = 400)
+{
+    Blob b(x, y, 5, 5, 0);
+    b.sessionId = session;
+    b.state = state;
+    b.fx = fx;
+    b.fy = fy;
+    return b;
+}
+
+class DisturbanceCheck : public ::testing::Test {
+protected:
+    GS* gs = GS::instance();
+    ScopedSetting<int> period{gs->disturbanceCheckMs, 60};
+    DisturbanceChecker checker;
+
+    // One blob at a screen position reported in the middle of a check.
+    std::pair<bool, bool> verdictsFor(double fx, double fy)
+    {
+        Blob b = blobAt(10, 10, 1, 0, fx, fy);
+        std::thread frame([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            checker.newBlob(&b, {&b}, nullptr);
+        });
+        const bool onScreen = checker.checkIsDisturbanceOnScreen();
+        frame.join();
+        std::thread again([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            checker.newBlob(&b, {&b}, nullptr);
+        });
+        const bool anywhere = checker.checkIsDisturbanceAnywhere();
+        again.join();
+        return {onScreen, anywhere};
+    }
+};
+
+TEST_F(DisturbanceCheck, OnScreenMeansInsideTheDesktopEdgesIncluded)
+{
+    gs->screenWidth = 1000;
+    gs->screenHeight = 800;
+    struct Case { double fx, fy; bool onScreen; } cases[] = {
+        {0.5, 400, false}, {1.0, 400, true}, {1000, 400, true}, {1000.5, 400, false},
+        {500, 1.0, true}, {500, 0.9, false}, {500, 800, true}, {500, 801, false},
+    };
+    for (const Case& c : cases) {
+        const auto [onScreen, anywhere] = verdictsFor(c.fx, c.fy);
+        EXPECT_EQ(onScreen, c.onScreen) << c.fx << "," << c.fy;
+        EXPECT_TRUE(anywhere) << c.fx << "," << c.fy;
+    }
+    gs->screenWidth = 0;
+    gs->screenHeight = 0;
+    EXPECT_EQ(verdictsFor(500, 400), std::make_pair(false, true)) << "no desktop size yet: all is outside";
+}
+
+TEST_F(DisturbanceCheck, OnlyBlobsDuringTheCheckCountAndEachCheckStartsClean)
+{
+    gs->screenWidth = 1000;
+    gs->screenHeight = 800;
+    Blob b = blobAt(10, 10, 1, 0);
+    checker.newBlob(&b, {&b}, nullptr);
+    EXPECT_FALSE(checker.checkIsDisturbanceAnywhere()) << "a blob before the check";
+    EXPECT_TRUE(verdictsFor(500, 400).first);
+    checker.newBlob(&b, {&b}, nullptr);
+    EXPECT_FALSE(checker.checkIsDisturbanceOnScreen()) << "the verdict of the former check";
+}
+
+class DotPress : public ::testing::Test {
+protected:
+    GS* gs = GS::instance();
+    QTemporaryDir dir;
+    ScopedSetting<int> period{gs->disturbanceCheckMs, 80};
+    ScopedSetting<int> cols{gs->mcCols, 3};
+    // No frames reach the pen here: no background to top up.
+    ScopedSetting<int> topUp{gs->stylusBgTopUpFrames, 0};
+    ScopedSetting<int> rows{gs->mcRows, 3};
+    ScopedSetting<std::string> cache{gs->mcCachePath, dir.filePath("mcCache").toStdString()};
+    Sensor sensor{"", ""};
+    ActivePen pen;
+    RecordingEmitter emitter;
+    RecordingMcScreen screen;
+    std::unique_ptr<ManualCalibration> mc;
+    std::vector<int> statuses;
+    int session = 100;
+
+    void SetUp() override
+    {
+        gs->screenWidth = 1000;
+        gs->screenHeight = 800;
+        ActivePenContext c;
+        c.width = 752;
+        c.height = 480;
+        c.boxParameter = gs->boxParameter;
+        c.windowWidth = 752;
+        c.windowHeight = 480;
+        c.boxFactor = gs->boxFactor;
+        pen.start(nullptr, c);
+        pen.setInputMode(StylusCalibration);
+        mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
+        QObject::connect(mc.get(), &Procedure::finished, [this](int s) { statuses.push_back(s); });
+    }
+    void TearDown() override
+    {
+        mc.reset();
+        gs->screenWidth = 0;
+        gs->screenHeight = 0;
+    }
+
+    bool listening()
+    {
+        return settle([&] { return screen.count("loading 0") > 0; });
+    }
+    bool ended() { return settle([&] { return !statuses.empty(); }); }
+
+    // Down, matched frames for holdMs, up, then one more frame with a blob in it.
+    void press(double x, double y, int holdMs)
+    {
+        const int id = ++session;
+        emitter.frame({blobAt(x, y, id, 0)});
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(holdMs);
+        while (std::chrono::steady_clock::now() < until) {
+            QCoreApplication::processEvents();
+            emitter.frame({blobAt(x, y, id, 2)});
+            std::this_thread::sleep_for(std::chrono::milliseconds(8));
+        }
+        emitter.frame({blobAt(x, y, id, 1)});
+        QCoreApplication::processEvents();
+        emitter.frame({blobAt(1, 1, 0, 1)});
+    }
+    size_t dotsShown() { return screen.crosshair().size(); }
+};
+
+TEST_F(DotPress, EveryDotPressedInSnakeOrderBecomesTheCalibration)
+{
+    mc->start(&pen, false);
+    ASSERT_TRUE(listening());
+    std::vector<EVector> pressed;
+    for (int i = 0; i < 9; ++i) {
+        pressed.emplace_back(100 + 50 * i, 60 + 30 * i);
+        press(pressed.back().x, pressed.back().y, 350);
+    }
+    ASSERT_TRUE(ended());
+    EXPECT_EQ(statuses, std::vector<int>{1});
+    ASSERT_EQ(emitter.calibrationCount(), 1u);
+    const std::vector<EVector> src = emitter.lastSource();
+    ASSERT_EQ(src.size(), 9u);
+    for (size_t i = 0; i < 9; ++i)
+        EXPECT_EQ(src[i].x, pressed[i].x) << i;
+
+    // Down column 0, up column 1, down column 2, within the stylus margins of 2 and 3 percent.
+    const auto moves = screen.crosshair();
+    ASSERT_EQ(moves.size(), 9u) << "no crosshair past the last dot";
+    const int expect[9][2] = {{20, 24}, {20, 400}, {20, 776}, {500, 776}, {500, 400},
+                              {500, 24}, {980, 24}, {980, 400}, {980, 776}};
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(moves[i].index, i);
+        EXPECT_NEAR(moves[i].x, expect[i][0], 1) << i;
+        EXPECT_NEAR(moves[i].y, expect[i][1], 1) << i;
+    }
+    EXPECT_EQ(screen.count("show 00"), 1u);
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(gs->mcCachePath)));
+}
+
+TEST_F(DotPress, ShortPressesSecondFingersAndUndoKeepTheCountRight)
+{
+    mc->start(&pen, false);
+    ASSERT_TRUE(listening());
+    screen.send(2);
+    EXPECT_EQ(dotsShown(), 1u) << "undo at the first dot does nothing";
+
+    press(300, 200, 40);
+    EXPECT_EQ(dotsShown(), 1u) << "a press shorter than 200 ms is no dot";
+    EXPECT_GE(screen.count("ring stopped"), 1u);
+
+    // A second finger comes and goes during the press: only the first one's lift ends it.
+    emitter.frame({blobAt(300, 200, 1, 0)});
+    QCoreApplication::processEvents();
+    emitter.frame({blobAt(300, 200, 1, 2), blobAt(600, 300, 2, 0)});
+    emitter.frame({blobAt(300, 200, 1, 2), blobAt(600, 300, 2, 1)});
+    settle([&] { return screen.count("check mark") > 0; }, 2000);
+    EXPECT_EQ(dotsShown(), 1u) << "the second finger's lift ended the press";
+    emitter.frame({blobAt(300, 200, 1, 1)});
+    ASSERT_EQ(dotsShown(), 2u) << "the lift of the first finger";
+    EXPECT_EQ(screen.crosshair().back().index, 1);
+
+    screen.send(99);
+    EXPECT_EQ(dotsShown(), 2u) << "the debug press while waiting";
+    screen.send(2);
+    ASSERT_EQ(dotsShown(), 3u);
+    EXPECT_EQ(screen.crosshair().back().index, 0) << "back at the first dot, with its hint";
+    EXPECT_EQ(screen.crosshair().back().x, screen.crosshair().front().x);
+
+    for (int i = 0; i < 9; ++i)
+        press(100 + 40 * i, 100, 300);
+    ASSERT_TRUE(ended());
+    EXPECT_EQ(emitter.lastSource().front().x, 100) << "the undone dot was taken again";
+}
+
+TEST_F(DotPress, EscWaitsForTheFirstCheckThenCancels)
+{
+    mc->start(&pen, false);
+    screen.send(1);
+    EXPECT_TRUE(statuses.empty());
+    ASSERT_TRUE(listening()) << "the first check went on after Esc";
+    screen.send(1);
+    ASSERT_TRUE(ended());
+    EXPECT_EQ(statuses, std::vector<int>{-3});
+    EXPECT_EQ(emitter.calibrationCount(), 0u);
+}
+
+TEST_F(DotPress, LightDuringAChecksEndsWithDisturbance)
+{
+    // At the start: no calibration comes of it.
+    mc->start(&pen, false);
+    std::atomic<bool> stop{false};
+    std::thread light([&] {
+        while (!stop) {
+            emitter.frame({blobAt(400, 300, 7, 2)});
+            std::this_thread::sleep_for(std::chrono::milliseconds(8));
+        }
+    });
+    ASSERT_TRUE(ended());
+    stop = true;
+    light.join();
+    EXPECT_EQ(statuses, std::vector<int>{-2});
+    EXPECT_EQ(emitter.calibrationCount(), 0u);
+}
+
+TEST_F(DotPress, LightAfterTheLastDotLeavesTheNewCalibrationInForce)
+{
+    mc->start(&pen, false);
+    ASSERT_TRUE(listening());
+    for (int i = 0; i < 9; ++i)
+        press(100 + 40 * i, 100, 300);
+    std::atomic<bool> stop{false};
+    std::thread light([&] {
+        while (!stop) {
+            emitter.frame({blobAt(400, 300, 7, 2)});
+            std::this_thread::sleep_for(std::chrono::milliseconds(8));
+        }
+    });
+    ASSERT_TRUE(ended());
+    stop = true;
+    light.join();
+    EXPECT_EQ(statuses, std::vector<int>{-2});
+    EXPECT_EQ(emitter.calibrationCount(), 1u);
+}
+
+} // namespace
