@@ -1,0 +1,231 @@
+// The dot-press calibration end to end: velora on the emulated sensor and a private X server,
+// driven by velora-ctl, with an emulated person pressing the red centre of each crosshair.
+// The run starts uncalibrated on a screen of its own, so only the procedure can put strokes
+// in place.
+#include "calibration.h"
+#include "emulatedrun.h"
+#include "xvfbserver.h"
+
+#include <QStandardPaths>
+#include <QThread>
+
+#include <X11/Xlib.h>
+extern "C" {
+#include <xdo.h>
+}
+
+#include <cmath>
+
+namespace {
+
+// A keystoned, smaller screen seen off-centre: nothing like the demo rig.
+constexpr const char* rig = R"(screen 1280 800
+corners 120 72 634 50 676 428 88 402
+lens factory
+noise 2
+user stylus 1 target #ff0000 tolerance 60 reaction 0.3 accuracy 1 hold 0.45
+)";
+
+QString userDir()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
+}
+
+struct Press {
+    double t, targetX, targetY, sensorX, sensorY;
+};
+
+class ManualCalibrationRun : public ::testing::Test {
+protected:
+    XvfbServer x;
+    std::unique_ptr<EmulatedRun> run;
+    Display* dpy = nullptr;
+
+    // calibration: the service starts with this file as its stylus calibration.
+    void start(const std::string& extraScene, const QString& calibration = QString())
+    {
+        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
+        dpy = XOpenDisplay(x.display.c_str());
+        ASSERT_TRUE(dpy);
+        run = std::make_unique<EmulatedRun>(std::string(rig) + extraScene);
+        QProcessEnvironment env = run->process.processEnvironment();
+        env.insert("QT_QPA_PLATFORM", "xcb");
+        env.insert("QT_QUICK_BACKEND", "software");
+        env.insert("DISPLAY", QString::fromStdString(x.display));
+        run->process.setProcessEnvironment(env);
+        QDir().mkpath(userDir());
+        if (!calibration.isEmpty())
+            ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
+                                        {QString::fromStdString(run->path("scene.txt")), calibration}),
+                      0);
+        run->startVelora();
+        ASSERT_TRUE(run->waitForOutput("Fifo position", 60000)) << qPrintable(run->output);
+    }
+    void TearDown() override
+    {
+        if (run)
+            run->process.kill();
+        if (dpy)
+            XCloseDisplay(dpy);
+    }
+
+    // velora-ctl's exit code and line.
+    std::pair<int, QString> ctl(const QStringList& command)
+    {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("DISPLAY", QString::fromStdString(x.display));
+        p.setProcessEnvironment(env);
+        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
+        p.waitForFinished(180000);
+        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
+    }
+
+    std::vector<Press> presses() const
+    {
+        std::vector<Press> out;
+        std::ifstream in(run->path("truth.txt"));
+        std::string line;
+        while (std::getline(in, line)) {
+            if (line.rfind("P ", 0) != 0)
+                continue;
+            std::istringstream s(line.substr(2));
+            Press p;
+            std::string id, kind;
+            double pressX, pressY;
+            s >> p.t >> id >> kind >> p.targetX >> p.targetY >> pressX >> pressY >> p.sensorX >> p.sensorY;
+            out.push_back(p);
+        }
+        return out;
+    }
+
+    // A key typed on the X server, to whatever window has the focus.
+    void key(const char* name)
+    {
+        xdo_t* xdo = xdo_new(x.display.c_str());
+        xdo_send_keysequence_window(xdo, CURRENTWINDOW, name, 0);
+        xdo_free(xdo);
+    }
+
+    std::pair<int, int> pointer()
+    {
+        Window root, child;
+        int x0, y0, wx, wy;
+        unsigned m;
+        XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
+        return {x0, y0};
+    }
+
+    // Seconds since the stream started, by the last frame the emulator sent.
+    double streamTime() const
+    {
+        std::ifstream in(run->path("truth.txt"));
+        std::string line, last;
+        while (std::getline(in, line))
+            if (line.rfind("F ", 0) == 0)
+                last = line;
+        std::istringstream s(last);
+        std::string f, frame;
+        double t = 0;
+        s >> f >> frame >> t;
+        return t;
+    }
+
+    bool waitForPresses(size_t n, int ms = 60000)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (presses().size() < n && t.elapsed() < ms)
+            QThread::msleep(50);
+        return presses().size() >= n;
+    }
+};
+
+double distanceToSegment(double px, double py, double ax, double ay, double bx, double by)
+{
+    const double dx = bx - ax, dy = by - ay;
+    double u = ((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy);
+    u = std::clamp(u, 0.0, 1.0);
+    return std::hypot(px - (ax + u * dx), py - (ay + u * dy));
+}
+
+TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPlace)
+{
+    // Drawn once the calibration is long done.
+    start("stroke stylus 40 2.0 path 200,200 1100,620\n");
+    ASSERT_EQ(ctl({"stylus"}).first, 0);
+    std::thread undo([&] {
+        // One dot taken back: the person presses it again where it reappears.
+        if (waitForPresses(4))
+            QThread::msleep(700), key("Return");
+    });
+    const auto [code, text] = ctl({"calibrate", "manual"});
+    undo.join();
+    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(run->output.right(3000));
+
+    const std::vector<Press> ps = presses();
+    ASSERT_GE(ps.size(), 26u) << "25 dots and one again after the undo";
+    std::unique_ptr<Calibration> c(Calibration::read((userDir() + "stylus-velora.ini").toLocal8Bit().constData()));
+    ASSERT_TRUE(c) << "the file of the new calibration";
+    ASSERT_EQ(c->srcPoints.size(), 25u);
+    // The dots in snake order: each stored sensor point is where the person pressed that dot.
+    const std::vector<EVector> dst = c->calcDstPoints(1280, 800);
+    for (size_t i = 0; i < 25; ++i) {
+        const Press* last = nullptr;
+        for (const Press& p : ps)
+            if (std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < 3)
+                last = &p;
+        ASSERT_TRUE(last) << "no press at dot " << i;
+        EXPECT_NEAR(c->srcPoints[i].x, last->sensorX, 1.0) << i;
+        EXPECT_NEAR(c->srcPoints[i].y, last->sensorY, 1.0) << i;
+    }
+
+    // The stroke afterwards moves the desktop's pointer along its path.
+    std::vector<std::pair<int, int>> seen;
+    QElapsedTimer t;
+    t.start();
+    while (t.elapsed() < 60000) {
+        const auto p = pointer();
+        if (seen.empty() || seen.back() != p)
+            seen.push_back(p);
+        QThread::msleep(5);
+        if (t.elapsed() % 500 < 6 && streamTime() > 43)
+            break;
+    }
+    ASSERT_GT(seen.size(), 20u) << "the stroke moved the pointer";
+    int far = 0;
+    for (size_t i = 1; i < seen.size(); ++i)
+        if (distanceToSegment(seen[i].first, seen[i].second, 200, 200, 1100, 620) > 3)
+            ++far;
+    EXPECT_EQ(far, 0) << "pointer positions more than 3 pixels off the stroke, of " << seen.size();
+    EXPECT_LE(std::hypot(seen.back().first - 1100, seen.back().second - 620), 3.0);
+}
+
+TEST_F(ManualCalibrationRun, EscKeepsTheFormerCalibrationAndLightOnTheScreenIsADisturbance)
+{
+    // The reflection lies inside the screen and comes on for the second run.
+    const QString file = userDir() + "stylus-velora.ini";
+    start("reflection 380 240 6 200 from 16\n", file);
+    QFile former(file);
+    ASSERT_TRUE(former.open(QIODevice::ReadOnly));
+    const QByteArray before = former.readAll();
+    former.close();
+    ASSERT_EQ(ctl({"stylus"}).first, 0);
+    std::thread esc([&] {
+        if (waitForPresses(3))
+            key("Escape");
+    });
+    auto [code, text] = ctl({"calibrate", "manual"});
+    esc.join();
+    EXPECT_EQ(text, "cancelled");
+    ASSERT_TRUE(former.open(QIODevice::ReadOnly));
+    EXPECT_EQ(former.readAll(), before) << "the former calibration stays";
+
+    while (streamTime() < 17)
+        QThread::msleep(200);
+    std::tie(code, text) = ctl({"calibrate", "manual"});
+    (void)code;
+    EXPECT_EQ(text, "light disturbance");
+}
+
+} // namespace
