@@ -83,9 +83,10 @@ bool bannerRed(QRgb c)
 {
     return qRed(c) >= 150 && qGreen(c) <= 70 && qBlue(c) <= 70;
 }
+// The check mark's own green, reached once it has faded in.
 bool green(QRgb c)
 {
-    return qGreen(c) >= 120 && qRed(c) <= 80 && qBlue(c) <= 80;
+    return qGreen(c) >= 130 && qRed(c) <= 30 && qBlue(c) <= 40;
 }
 bool blue(QRgb c)
 {
@@ -377,9 +378,9 @@ TEST_F(ScreenTest, PressFillsTheBarThenACheckMarkTakesThePlaceOfTheDot)
 
     ui.startTimer();
     const QRect above(600, 150, 80, 40);
-    // The bar is full once its 500 ms have passed.
-    QImage img = settle("pressing", [&](const QImage& i) { return find(i, blue, above).count >= 25; });
-    EXPECT_GE(find(img, blue, above).count, 25);
+    // The bar is full once its 500 ms have passed: about 31 by 5 pixels at this size.
+    QImage img = settle("pressing", [&](const QImage& i) { return find(i, blue, above).count >= 120; });
+    EXPECT_GE(find(img, blue, above).count, 120);
 
     ui.timedout();
     img = settle("check_mark", [&](const QImage& i) {
@@ -401,7 +402,9 @@ TEST_F(ScreenTest, FailedAutomaticCalibrationShowsItsTextInRed)
     ui.show(true, false);
     ui.moveCrosshairTo(80, 80, 1);
     const QRect middle(200, 150, 880, 500);
-    const QImage img = settle("ac_failed", [&](const QImage& i) { return find(i, bannerRed, middle).count > 300; });
+    const QImage img = settle("ac_failed", [&](const QImage& i) {
+        return find(i, bannerRed, middle).count > 300 && QLineF(find(i, pureRed).centroid, QPointF(80, 80)).length() <= 2;
+    });
     EXPECT_GT(find(img, bannerRed, middle).count, 300);
 }
 
