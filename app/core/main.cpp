@@ -1,6 +1,7 @@
 #include "blobfacade.h"
 #include "configfileerror.h"
 #include "messageoutput.h"
+#include "procedurefactory.h"
 
 #include <QApplication>
 #include <QDebug>
@@ -38,6 +39,7 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     try {
         theFacade = new BlobFacade(argc, argv);
+        theFacade->procedureFactory = new ProcedureFactory();
         if (!theFacade->start())
             return 0;
         return app.exec();

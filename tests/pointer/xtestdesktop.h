@@ -1,24 +1,19 @@
 #pragma once
 // A private X server for one test binary, with a window that records the buttons pressed
-// on it. Xvfb picks its own free display; DISPLAY points the process at it.
+// on it.
 
 #include <X11/Xlib.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
+#include "xvfbserver.h"
+
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
-
-extern char** environ;
 
 class XTestDesktop {
 public:
@@ -39,41 +34,9 @@ public:
 
     bool start()
     {
-        int fds[2];
-        if (pipe(fds) != 0)
-            return fail("pipe");
-        const std::string fdText = std::to_string(fds[1]);
-        std::vector<std::string> args = {"Xvfb", "-displayfd", fdText, "-screen", "0", "1280x1024x24",
-                                         "-nolisten", "tcp"};
-        std::vector<char*> argv;
-        for (auto& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        const int rc = posix_spawnp(&pid, "Xvfb", &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        if (rc != 0) {
-            close(fds[0]);
-            pid = 0;
-            return fail("cannot start Xvfb");
-        }
-        std::string number;
-        pollfd p{fds[0], POLLIN, 0};
-        while (poll(&p, 1, 30000) > 0) {
-            char c;
-            if (read(fds[0], &c, 1) != 1 || c == '\n')
-                break;
-            number += c;
-        }
-        close(fds[0]);
-        if (number.empty())
-            return fail("Xvfb gave no display number");
-        display = ":" + number;
-        setenv("DISPLAY", display.c_str(), 1);
+        if (!server.start("1280x1024x24"))
+            return fail(server.failure);
+        display = server.display;
         dpy = XOpenDisplay(display.c_str());
         if (!dpy)
             return fail("cannot open " + display);
@@ -85,11 +48,7 @@ public:
         if (dpy)
             XCloseDisplay(dpy);
         dpy = nullptr;
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            waitpid(pid, nullptr, 0);
-        }
-        pid = 0;
+        server.stop();
     }
 
     ~XTestDesktop() { stop(); }
@@ -152,7 +111,7 @@ public:
     }
 
 private:
-    pid_t pid = 0;
+    XvfbServer server;
 
     bool fail(const std::string& why)
     {

@@ -1,0 +1,70 @@
+#include "procedurefactory.h"
+
+#include "autocalibrationui.h"
+#include "disturbancechecker.h"
+#include "lumerailcalibrationui.h"
+#include "manualcalibration.h"
+#include "manualcalibrationui.h"
+#include "offsetcorrectionui.h"
+
+IDisturbanceChecker* ProcedureFactory::makeDisturbanceChecker()
+{
+    return new DisturbanceChecker();
+}
+
+IAutoCalibrationUi* ProcedureFactory::makeAutoCalibrationUi(const char*)
+{
+    // The screens read the language setting themselves.
+    return new AutoCalibrationUi();
+}
+
+IManualCalibrationUi* ProcedureFactory::makeManualCalibrationUi(const char*)
+{
+    return new ManualCalibrationUi();
+}
+
+ILumerailCalibrationUi* ProcedureFactory::makeLumerailCalibrationUi(const char*)
+{
+    return new LumerailCalibrationUi();
+}
+
+IOffsetCorrectionUi* ProcedureFactory::makeOffsetCorrectionUi(const char*)
+{
+    return new OffsetCorrectionUi();
+}
+
+ISensorViewerUi* ProcedureFactory::makeSensorViewerUi(const char*)
+{
+    return nullptr;
+}
+
+IAutoCalibration* ProcedureFactory::makeAutoCalibration(IDisturbanceChecker*, IBlobEmitter*)
+{
+    return nullptr;
+}
+
+IManualCalibration* ProcedureFactory::makeManualCalibration(IManualCalibrationUi* ui, IBlobEmitter* emitter,
+                                                            Sensor* sensor)
+{
+    return new ManualCalibration(ui, emitter, sensor);
+}
+
+ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibrationUi*, IBlobEmitter*, Sensor*)
+{
+    return nullptr;
+}
+
+ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter*, IPointerController*)
+{
+    return nullptr;
+}
+
+IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi*, IBlobEmitter*)
+{
+    return nullptr;
+}
+
+ISensorViewer* ProcedureFactory::makeSensorViewer(ISensorViewerUi*, IImageSource*)
+{
+    return nullptr;
+}

@@ -1,0 +1,9 @@
+#include "imagehelper.h"
+
+ImageHelper::ImageHelper(QObject* parent, QObject* target)
+    : QObject(parent)
+    , target(target)
+{
+}
+
+void ImageHelper::updateImage() {}

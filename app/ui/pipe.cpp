@@ -1,0 +1,6 @@
+#include "pipe.h"
+
+void Pipe::onButtonClickedEvent(int id)
+{
+    emit uiEvent(id);
+}

@@ -1,0 +1,442 @@
+// The calibration screens on a private X server: the window as the desktop sees it, keys and
+// buttons sent through XTest, close requests, the loading hand-shake, and pictures of each
+// view taken from the server and checked where it matters.
+#include "autocalibrationui.h"
+#include "lumerailcalibrationui.h"
+#include "manualcalibrationui.h"
+#include "offsetcorrectionui.h"
+#include "qmlapplicationviewer.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QImage>
+#include <QLineF>
+#include <QThread>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Xlib last: its macros clash with the names of the headers above.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+extern "C" {
+#include <xdo.h>
+}
+#undef None
+#undef Bool
+#undef Status
+
+namespace {
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000)
+{
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > until)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(5);
+    }
+    return true;
+}
+
+QObject* child(Ui& ui, const char* name)
+{
+    return ui.root->findChild<QObject*>(name);
+}
+
+struct Found {
+    int count = 0;
+    QPointF centroid;
+};
+
+// Pixels in rect (the whole picture when empty) whose colour passes the test.
+Found find(const QImage& img, const std::function<bool(QRgb)>& match, QRect rect = {})
+{
+    rect = rect.isNull() ? img.rect() : rect.intersected(img.rect());
+    Found f;
+    double sx = 0, sy = 0;
+    for (int y = rect.top(); y <= rect.bottom(); ++y)
+        for (int x = rect.left(); x <= rect.right(); ++x)
+            if (match(img.pixel(x, y))) {
+                ++f.count;
+                sx += x;
+                sy += y;
+            }
+    if (f.count)
+        f.centroid = {sx / f.count, sy / f.count};
+    return f;
+}
+
+bool pureRed(QRgb c)
+{
+    return qRed(c) >= 230 && qGreen(c) <= 40 && qBlue(c) <= 40;
+}
+bool bannerRed(QRgb c)
+{
+    return qRed(c) >= 150 && qGreen(c) <= 70 && qBlue(c) <= 70;
+}
+// The check mark's own green, reached once it has faded in.
+bool green(QRgb c)
+{
+    return qGreen(c) >= 130 && qRed(c) <= 30 && qBlue(c) <= 40;
+}
+bool blue(QRgb c)
+{
+    return qBlue(c) >= 180 && qGreen(c) >= 130 && qRed(c) <= 80;
+}
+bool dark(QRgb c)
+{
+    return qRed(c) < 100 && qGreen(c) < 100 && qBlue(c) < 100;
+}
+
+class ScreenTest : public ::testing::Test {
+protected:
+    static inline Display* dpy = nullptr;
+    static inline xdo_t* xdo = nullptr;
+
+    static void SetUpTestSuite()
+    {
+        dpy = XOpenDisplay(nullptr);
+        xdo = xdo_new(nullptr);
+    }
+    static void TearDownTestSuite()
+    {
+        xdo_free(xdo);
+        XCloseDisplay(dpy);
+    }
+
+    void SetUp() override { ASSERT_TRUE(dpy && xdo) << "no X server"; }
+
+    static QImage grab()
+    {
+        XSync(dpy, False);
+        const Window root = DefaultRootWindow(dpy);
+        XWindowAttributes a;
+        XGetWindowAttributes(dpy, root, &a);
+        XImage* x = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
+        QImage img(reinterpret_cast<const uchar*>(x->data), a.width, a.height, x->bytes_per_line,
+                   QImage::Format_RGB32);
+        img = img.copy();
+        XDestroyImage(x);
+        return img;
+    }
+
+    // Takes pictures until one passes the check (an animation has settled) or time is up;
+    // the last is saved for people to look at and returned.
+    static QImage settle(const char* name, const std::function<bool(const QImage&)>& check)
+    {
+        QImage img;
+        waitFor([&] {
+            img = grab();
+            return check(img);
+        });
+        img.save(QString(VELORA_SCREENSHOT_DIR) + "/" + name + ".png");
+        return img;
+    }
+
+    static void showAndFocus(Ui& ui)
+    {
+        ui.show(true);
+        ASSERT_TRUE(waitFor([&] { return ui.viewer->isExposed(); }));
+        ui.bringToFront();
+        ASSERT_TRUE(waitFor([&] { return ui.viewer->isActive(); }));
+    }
+
+    static std::vector<unsigned long> longs(Window w, const char* name, Atom type)
+    {
+        Atom actual;
+        int format;
+        unsigned long n, rest;
+        unsigned char* data = nullptr;
+        std::vector<unsigned long> out;
+        if (XGetWindowProperty(dpy, w, XInternAtom(dpy, name, False), 0, 64, False, type, &actual, &format, &n,
+                               &rest, &data)
+                == Success
+            && data) {
+            auto* v = reinterpret_cast<unsigned long*>(data);
+            out.assign(v, v + n);
+            XFree(data);
+        }
+        return out;
+    }
+
+    static std::string title(Window w)
+    {
+        XSync(dpy, False);
+        Atom actual;
+        int format;
+        unsigned long n, rest;
+        unsigned char* data = nullptr;
+        std::string out;
+        if (XGetWindowProperty(dpy, w, XInternAtom(dpy, "_NET_WM_NAME", False), 0, 256, False,
+                               XInternAtom(dpy, "UTF8_STRING", False), &actual, &format, &n, &rest, &data)
+                == Success
+            && data) {
+            out.assign(reinterpret_cast<char*>(data), n);
+            XFree(data);
+        }
+        return out;
+    }
+
+    static bool viewable(Window w)
+    {
+        XWindowAttributes a;
+        return XGetWindowAttributes(dpy, w, &a) && a.map_state == IsViewable;
+    }
+};
+
+TEST_F(ScreenTest, OpensFullScreenFramelessOnTopAndTellsItsStateInTheTitle)
+{
+    ManualCalibrationUi ui;
+    showAndFocus(ui);
+    const Window w = ui.viewer->winId();
+
+    XWindowAttributes a;
+    ASSERT_TRUE(XGetWindowAttributes(dpy, w, &a));
+    EXPECT_EQ(QRect(a.x, a.y, a.width, a.height), QRect(0, 0, 1280, 800));
+    EXPECT_EQ(ui.root->property("width").toInt(), 1280);
+    const auto state = longs(w, "_NET_WM_STATE", XA_ATOM);
+    EXPECT_NE(std::find(state.begin(), state.end(), XInternAtom(dpy, "_NET_WM_STATE_ABOVE", False)), state.end());
+    // Motif hints: the decorations flag set, and no decorations.
+    const auto motif = longs(w, "_MOTIF_WM_HINTS", AnyPropertyType);
+    ASSERT_GE(motif.size(), 3u);
+    EXPECT_TRUE(motif[0] & 2);
+    EXPECT_EQ(motif[2], 0u);
+    EXPECT_EQ(title(w), "velora-main -visible");
+
+    ui.show(false);
+    ASSERT_TRUE(waitFor([&] { return !viewable(w); }));
+    EXPECT_FALSE(ui.shown);
+    EXPECT_EQ(title(w), "velora-main -hidden");
+    ui.show(true);
+    ASSERT_TRUE(waitFor([&] { return viewable(w); }));
+    EXPECT_EQ(title(w), "velora-main -hidden");
+}
+
+struct Input {
+    const char* name;
+    bool dotView;
+    const char* keys;  // an xdo key sequence, or null for a mouse button
+    int button;
+    std::vector<int> ids;
+};
+
+class InputTest : public ScreenTest, public ::testing::WithParamInterface<Input> {};
+
+TEST_P(InputTest, GivesItsEventIds)
+{
+    const Input& in = GetParam();
+    ManualCalibrationUi dots;
+    OffsetCorrectionUi offset;
+    Ui& ui = in.dotView ? static_cast<Ui&>(dots) : static_cast<Ui&>(offset);
+    showAndFocus(ui);
+    if (in.dotView)
+        dots.show(true, false);
+    else
+        offset.show(true);
+    std::vector<int> ids;
+    std::vector<QPoint> clicks;
+    QObject::connect(&ui, &Ui::uiEvent, [&](int id) { ids.push_back(id); });
+    QObject::connect(&ui, &Ui::mouseClicked, [&](int x, int y) { clicks.emplace_back(x, y); });
+    QCoreApplication::processEvents();
+
+    if (in.keys) {
+        xdo_send_keysequence_window(xdo, CURRENTWINDOW, in.keys, 12000);
+    } else {
+        xdo_move_mouse(xdo, 640, 300, 0);
+        xdo_click_window(xdo, CURRENTWINDOW, in.button);
+    }
+    // Esc after each input marks its end, since some inputs give nothing.
+    xdo_send_keysequence_window(xdo, CURRENTWINDOW, "Escape", 12000);
+    ASSERT_TRUE(waitFor([&] { return ids.size() > in.ids.size(); }));
+    QCoreApplication::processEvents();
+
+    std::vector<int> expected = in.ids;
+    expected.push_back(1);
+    EXPECT_EQ(ids, expected);
+    if (!in.keys) {
+        EXPECT_EQ(clicks, std::vector<QPoint>{QPoint(640, 300)});
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    KeysAndButtons, InputTest,
+    ::testing::Values(Input{"Esc", true, "Escape", 0, {1}}, Input{"ReturnInDotView", true, "Return", 0, {3, 2}},
+                      Input{"ReturnElsewhere", false, "Return", 0, {3}}, Input{"BInDotView", true, "b", 0, {2}},
+                      Input{"BElsewhere", false, "b", 0, {}}, Input{"Up", false, "Up", 0, {4}},
+                      Input{"Down", false, "Down", 0, {6}}, Input{"P", true, "p", 0, {99}},
+                      Input{"CtrlD", false, "ctrl+d", 0, {8}}, Input{"LeftButton", true, nullptr, 1, {3}},
+                      Input{"RightButton", true, nullptr, 3, {1}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(ScreenTest, CloseRequestKeepsTheWindowAndActsAsEsc)
+{
+    ManualCalibrationUi ui;
+    showAndFocus(ui);
+    std::vector<int> ids;
+    QObject::connect(&ui, &Ui::uiEvent, [&](int id) { ids.push_back(id); });
+    const Window w = ui.viewer->winId();
+
+    // As a window manager asks.
+    XEvent e{};
+    e.xclient.type = ClientMessage;
+    e.xclient.window = w;
+    e.xclient.message_type = XInternAtom(dpy, "WM_PROTOCOLS", False);
+    e.xclient.format = 32;
+    e.xclient.data.l[0] = long(XInternAtom(dpy, "WM_DELETE_WINDOW", False));
+    e.xclient.data.l[1] = CurrentTime;
+    XSendEvent(dpy, w, False, NoEventMask, &e);
+    XFlush(dpy);
+    ASSERT_TRUE(waitFor([&] { return ids.size() == 1; }));
+
+    // As the program itself asks.
+    ui.viewer->close();
+    ASSERT_TRUE(waitFor([&] { return ids.size() == 2; }));
+
+    EXPECT_EQ(ids, (std::vector<int>{1, 1}));
+    EXPECT_TRUE(ui.viewer->isVisible());
+    EXPECT_TRUE(viewable(w));
+}
+
+TEST_F(ScreenTest, ShowLoadingFromAWorkerReturnsOnceTheDocumentAnswered)
+{
+    ManualCalibrationUi ui;
+    ui.show(true, false);
+    QObject* mc = child(ui, "manualCalibration");
+    ASSERT_TRUE(waitFor([&] { return mc->property("visible").toBool(); }));
+
+    for (bool on : {true, false}) {
+        std::atomic<bool> returned{false};
+        std::thread worker([&] {
+            ui.showLoading(on);
+            returned = true;
+        });
+        const bool ended = waitFor([&] { return returned.load(); }, 10000);
+        worker.join();
+        ASSERT_TRUE(ended);
+        EXPECT_TRUE(ui.uiDone) << "on " << on;
+        EXPECT_EQ(ui.root->property("isLoading").toBool(), on);
+        // The manual view gives way to the indicator, and comes back after it.
+        EXPECT_TRUE(waitFor([&] { return mc->property("visible").toBool() == !on; })) << "on " << on;
+    }
+}
+
+TEST_F(ScreenTest, ShowLoadingOnADocumentWithoutItGoesOnAfterTheWait)
+{
+    Ui ui("en", "qrc:/qml/Standby.qml", nullptr, true);
+    ASSERT_TRUE(ui.root);
+    EXPECT_EQ(ui.blobContainer, nullptr);
+    ui.showLoading(true);
+    EXPECT_FALSE(ui.uiDone);
+    EXPECT_TRUE(ui.viewer->isVisible());
+}
+
+TEST_F(ScreenTest, CrosshairSitsWhereItWasMovedWithTheHintOnTheFirstPointOnly)
+{
+    ManualCalibrationUi ui;
+    ui.setTouch(true);
+    ui.show(true, false);
+    ui.moveCrosshairTo(300, 200, 0);
+    const QPointF first(300, 200);
+    const QRect firstHint(330, 180, 380, 40);
+    QImage img = settle("crosshair_first_point_finger", [&](const QImage& i) {
+        const Found red = find(i, pureRed);
+        return red.count && QLineF(red.centroid, first).length() <= 2 && find(i, dark, firstHint).count > 30;
+    });
+    EXPECT_LE(QLineF(find(img, pureRed).centroid, first).length(), 2.0);
+    EXPECT_GT(find(img, dark, firstHint).count, 30);
+
+    ui.setTouch(false);
+    ui.moveCrosshairTo(900, 650, 1);
+    const QPointF second(900, 650);
+    const QRect secondHint(930, 630, 340, 40);
+    img = settle("crosshair_stylus", [&](const QImage& i) {
+        const Found red = find(i, pureRed);
+        return red.count && QLineF(red.centroid, second).length() <= 2 && find(i, dark, secondHint).count == 0;
+    });
+    EXPECT_LE(QLineF(find(img, pureRed).centroid, second).length(), 2.0);
+    EXPECT_EQ(find(img, dark, secondHint).count, 0);
+    EXPECT_EQ(ui.root->property("calibrationText").toString(), ui.root->property("calibrationTextStylus").toString());
+}
+
+TEST_F(ScreenTest, PressFillsTheBarThenACheckMarkTakesThePlaceOfTheDot)
+{
+    ManualCalibrationUi ui;
+    ui.setTouch(true);
+    ui.show(true, false);
+    ui.moveCrosshairTo(640, 200, 2);
+    const QPointF dot(640, 200);
+    settle("crosshair_finger", [&](const QImage& i) { return QLineF(find(i, pureRed).centroid, dot).length() <= 2; });
+
+    ui.startTimer();
+    const QRect above(600, 150, 80, 40);
+    // The bar is full once its 500 ms have passed: about 31 by 5 pixels at this size.
+    QImage img = settle("pressing", [&](const QImage& i) { return find(i, blue, above).count >= 120; });
+    EXPECT_GE(find(img, blue, above).count, 120);
+
+    ui.timedout();
+    img = settle("check_mark", [&](const QImage& i) {
+        const Found g = find(i, green);
+        return g.count > 100 && find(i, pureRed).count == 0 && find(i, blue).count == 0;
+    });
+    const Found g = find(img, green);
+    EXPECT_GT(g.count, 100);
+    EXPECT_LE(QLineF(g.centroid, dot).length(), 10.0);
+    EXPECT_EQ(find(img, pureRed).count, 0);
+    EXPECT_EQ(find(img, blue).count, 0);
+}
+
+TEST_F(ScreenTest, FailedAutomaticCalibrationShowsItsTextInRed)
+{
+    ManualCalibrationUi ui;
+    ui.setTouch(true);
+    ui.setAcFailed(true);
+    ui.show(true, false);
+    ui.moveCrosshairTo(80, 80, 1);
+    const QRect middle(200, 150, 880, 500);
+    const QImage img = settle("ac_failed", [&](const QImage& i) {
+        return find(i, bannerRed, middle).count > 300 && QLineF(find(i, pureRed).centroid, QPointF(80, 80)).length() <= 2;
+    });
+    EXPECT_GT(find(img, bannerRed, middle).count, 300);
+}
+
+TEST_F(ScreenTest, LoadingBarViewAndPictureViews)
+{
+    ManualCalibrationUi mc;
+    mc.show(true, false);
+    mc.showLoading(true);
+    const QRect centre(540, 300, 200, 200);
+    QImage img = settle("loading", [&](const QImage& i) { return find(i, blue, centre).count > 200; });
+    EXPECT_GT(find(img, blue, centre).count, 200);
+    EXPECT_EQ(find(img, pureRed).count, 0);
+    mc.show(false);
+
+    LumerailCalibrationUi lrc;
+    lrc.show(true, false);
+    lrc.setLumerailCrossHairNum(3);
+    lrc.setLumerailCrossHairNum(0);
+    ASSERT_TRUE(waitFor([&] { return lrc.root->property("lrcCrosshairNoText").toString() == "3"; }));
+    img = settle("lumerail", [&](const QImage& i) { return find(i, dark, QRect(620, 380, 40, 40)).count > 20; });
+    EXPECT_GT(find(img, dark, QRect(620, 380, 40, 40)).count, 20);
+    lrc.show(false);
+
+    // A grey camera picture through the image provider fills the screen.
+    AutoCalibrationUi ac;
+    ac.show(true, false);
+    std::vector<unsigned char> frame(160 * 100, 128);
+    ac.showImage(frame.data(), 160, 100, 0);
+    ac.showImage(frame.data(), 160, 100, 0);
+    img = settle("picture", [&](const QImage& i) { return i.pixel(640, 400) == qRgb(128, 128, 128); });
+    EXPECT_EQ(img.pixel(640, 400), qRgb(128, 128, 128));
+    EXPECT_EQ(ac.root->property("imageCount").toInt(), 2);
+}
+
+} // namespace
