@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,23 @@ bool toPoint(const std::string& s, Scene::Point& p)
 {
     auto comma = s.find(',');
     return comma != std::string::npos && toDouble(s.substr(0, comma), p.x) && toDouble(s.substr(comma + 1), p.y);
+}
+
+// Where a comment begins: at a '#', unless it starts a colour word #rrggbb.
+size_t commentStart(const std::string& line)
+{
+    for (size_t hash = line.find('#'); hash != std::string::npos; hash = line.find('#', hash + 1)) {
+        const bool wordStart = hash == 0 || std::isspace(static_cast<unsigned char>(line[hash - 1]));
+        const bool wordEnd = hash + 7 >= line.size() || std::isspace(static_cast<unsigned char>(line[hash + 7]));
+        bool hex = hash + 7 <= line.size();
+        for (size_t i = hash + 1; hex && i < hash + 7; ++i) {
+            hex = std::isxdigit(static_cast<unsigned char>(line[i]));
+        }
+        if (!(wordStart && wordEnd && hex)) {
+            return hash;
+        }
+    }
+    return std::string::npos;
 }
 
 std::string resolve(const std::string& baseDir, const std::string& file)
@@ -93,8 +111,7 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
     };
     while (std::getline(lines, line)) {
         ++lineNo;
-        auto hash = line.find('#');
-        if (hash != std::string::npos) {
+        if (size_t hash = commentStart(line); hash != std::string::npos) {
             line.erase(hash);
         }
         std::istringstream words(line);
