@@ -34,6 +34,9 @@ void FrameRenderer::buildBase(std::vector<uint8_t>& base, bool picture) const
     const int w = scene.sensorWidth, h = scene.sensorHeight;
     std::vector<double> level(static_cast<size_t>(w) * h, scene.background);
     for (const auto& r : scene.reflections) {
+        if (r.timed()) {
+            continue;  // drawn per frame while lit
+        }
         double sigma = r.radius / 2.0;
         int x0 = std::max(0, static_cast<int>(r.x - 3 * sigma)), x1 = std::min(w - 1, static_cast<int>(r.x + 3 * sigma));
         int y0 = std::max(0, static_cast<int>(r.y - 3 * sigma)), y1 = std::min(h - 1, static_cast<int>(r.y + 3 * sigma));
@@ -94,25 +97,98 @@ void FrameRenderer::spotsAt(double time, const FrameGeometry& g, bool laserOn, s
             want -= len;
             p = st.path[k];
         }
-        SpotTruth t;
-        t.id = static_cast<int>(i + 1 + cycle * count);
-        t.kind = st.kind;
-        t.screenX = p.x;
-        t.screenY = p.y;
-        projection.toSensor(p.x, p.y, t.sensorX, t.sensorY);
-        t.imageX = g.x / g.binX + (t.sensorX - g.x - (g.binX - 1) / 2.0) / g.binX;
-        t.imageY = g.y / g.binY + (t.sensorY - g.y - (g.binY - 1) / 2.0) / g.binY;
-        t.lit = st.kind == Scene::SpotKind::Stylus || laserOn;
-        spots.push_back(t);
+        spots.push_back(spotAt(static_cast<int>(i + 1 + cycle * count), st.kind, p.x, p.y, st.size, st.brightness, g,
+                               laserOn));
     }
 }
+
+SpotTruth FrameRenderer::spotAt(int id, Scene::SpotKind kind, double screenX, double screenY, double size,
+                                double brightness, const FrameGeometry& g, bool laserOn) const
+{
+    SpotTruth t;
+    t.id = id;
+    t.kind = kind;
+    t.screenX = screenX;
+    t.screenY = screenY;
+    projection.toSensor(screenX, screenY, t.sensorX, t.sensorY);
+    t.imageX = g.x / g.binX + (t.sensorX - g.x - (g.binX - 1) / 2.0) / g.binX;
+    t.imageY = g.y / g.binY + (t.sensorY - g.y - (g.binY - 1) / 2.0) / g.binY;
+    t.lit = kind == Scene::SpotKind::Stylus || laserOn;
+    t.size = size;
+    t.brightness = brightness;
+    return t;
+}
+
+const uint8_t* FrameRenderer::projectedBase(const ScreenCapture::Look& look)
+{
+    const int sw = scene.sensorWidth, sh = scene.sensorHeight;
+    if (look.width != lookupWidth || look.height != lookupHeight) {
+        lookupWidth = look.width;
+        lookupHeight = look.height;
+        lookup.assign(static_cast<size_t>(sw) * sh, -1);
+        const double toDesktopX = look.desktopWidth / scene.screenWidth;
+        const double toDesktopY = look.desktopHeight / scene.screenHeight;
+        for (int y = 0; projection.valid() && y < sh; ++y) {
+            for (int x = 0; x < sw; ++x) {
+                double sx, sy;
+                projection.toScreen(x, y, sx, sy);
+                const int lx = static_cast<int>(std::floor(sx * toDesktopX)) / look.scale;
+                const int ly = static_cast<int>(std::floor(sy * toDesktopY)) / look.scale;
+                if (sx >= 0 && sy >= 0 && lx < look.width && ly < look.height) {
+                    lookup[static_cast<size_t>(y) * sw + x] = ly * look.width + lx;
+                }
+            }
+        }
+        screenBase.resize(lookup.size());
+        screenBaseSequence = 0;
+    }
+    if (look.sequence != screenBaseSequence) {
+        // White is the picture level; the projector adds light in proportion to luminance.
+        int level[256];
+        for (int v = 0; v < 256; ++v) {
+            level[v] = static_cast<int>(std::lround(v * scene.pictureLevel / 255.0));
+        }
+        const uint8_t* lum = look.luminance.data();
+        for (size_t i = 0; i < lookup.size(); ++i) {
+            const int32_t at = lookup[i];
+            screenBase[i] = at < 0 ? trackingBase[i] : clampByte(trackingBase[i] + level[lum[at]]);
+        }
+        screenBaseSequence = look.sequence;
+    }
+    return screenBase.data();
+}
+
+void FrameRenderer::addBlob(uint8_t* out, const FrameGeometry& g, double sensorX, double sensorY, double sigma,
+                            double peak) const
+{
+    const int cols = g.columns(), rows = g.rows();
+    const double u = (sensorX - g.x - (g.binX - 1) / 2.0) / g.binX;
+    const double v = (sensorY - g.y - (g.binY - 1) / 2.0) / g.binY;
+    const int reach = static_cast<int>(std::ceil(3 * sigma)) + 1;
+    int cx0 = std::max(0, static_cast<int>(std::floor(u - reach / static_cast<double>(g.binX))));
+    int cx1 = std::min(cols - 1, static_cast<int>(std::ceil(u + reach / static_cast<double>(g.binX))));
+    int cy0 = std::max(0, static_cast<int>(std::floor(v - reach / static_cast<double>(g.binY))));
+    int cy1 = std::min(rows - 1, static_cast<int>(std::ceil(v + reach / static_cast<double>(g.binY))));
+    for (int y = cy0; y <= cy1; ++y) {
+        double dy = (y - v) * g.binY;
+        for (int x = cx0; x <= cx1; ++x) {
+            double dx = (x - u) * g.binX;
+            double add = peak * std::exp(-(dx * dx + dy * dy) / (2 * sigma * sigma));
+            uint8_t& px = out[static_cast<size_t>(y) * cols + x];
+            px = clampByte(px + static_cast<int>(add + 0.5));
+        }
+    }
+}
+
 
 void FrameRenderer::render(uint8_t* out, const FrameGeometry& g, const RenderState& state, std::vector<SpotTruth>& spots)
 {
     const int sw = scene.sensorWidth, sh = scene.sensorHeight;
     const int cols = g.columns(), rows = g.rows();
     const int gain = std::min(1 << 20, state.exposure * 256 / scene.exposureReference);
-    const uint8_t* base = state.pictureShown ? pictureBase.data() : trackingBase.data();
+    const uint8_t* base = !state.pictureShown ? trackingBase.data()
+        : state.screen                        ? projectedBase(*state.screen)
+                                              : pictureBase.data();
     size_t noiseAt = static_cast<size_t>((state.frame * 2654435761u + scene.seed) % noiseTableSize);
     const int16_t* noise = noiseTable.data();
     const int binArea = g.binX * g.binY;
@@ -155,29 +231,18 @@ void FrameRenderer::render(uint8_t* out, const FrameGeometry& g, const RenderSta
         }
     }
 
-    spotsAt(state.time, g, state.laserOn, spots);
-    for (const auto& s : spots) {
-        if (!s.lit) {
-            continue;
+    for (const auto& r : scene.reflections) {
+        if (r.timed() && state.time >= r.from && (r.until < 0 || state.time < r.until)) {
+            addBlob(out, g, r.x, r.y, r.radius / 2.0, r.peak * gain / 256.0);
         }
-        const auto& st = scene.strokes[static_cast<size_t>((s.id - 1) % static_cast<int>(scene.strokes.size()))];
-        const double sigma = st.size / 4.0;
-        const double peak = st.brightness * gain / 256.0;
-        const double u = (s.sensorX - g.x - (g.binX - 1) / 2.0) / g.binX;
-        const double v = (s.sensorY - g.y - (g.binY - 1) / 2.0) / g.binY;
-        const int reach = static_cast<int>(std::ceil(3 * sigma)) + 1;
-        int cx0 = std::max(0, static_cast<int>(std::floor(u - reach / static_cast<double>(g.binX))));
-        int cx1 = std::min(cols - 1, static_cast<int>(std::ceil(u + reach / static_cast<double>(g.binX))));
-        int cy0 = std::max(0, static_cast<int>(std::floor(v - reach / static_cast<double>(g.binY))));
-        int cy1 = std::min(rows - 1, static_cast<int>(std::ceil(v + reach / static_cast<double>(g.binY))));
-        for (int y = cy0; y <= cy1; ++y) {
-            double dy = (y - v) * g.binY;
-            for (int x = cx0; x <= cx1; ++x) {
-                double dx = (x - u) * g.binX;
-                double add = peak * std::exp(-(dx * dx + dy * dy) / (2 * sigma * sigma));
-                uint8_t& px = out[static_cast<size_t>(y) * cols + x];
-                px = clampByte(px + static_cast<int>(add + 0.5));
-            }
+    }
+    spotsAt(state.time, g, state.laserOn, spots);
+    if (state.extraSpots) {
+        spots.insert(spots.end(), state.extraSpots->begin(), state.extraSpots->end());
+    }
+    for (const auto& s : spots) {
+        if (s.lit) {
+            addBlob(out, g, s.sensorX, s.sensorY, s.size / 4.0, s.brightness * gain / 256.0);
         }
     }
 

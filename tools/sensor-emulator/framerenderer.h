@@ -1,6 +1,7 @@
 #pragma once
 
 #include "scene.h"
+#include "screencapture.h"
 #include "screenprojection.h"
 
 #include <cstdint>
@@ -21,6 +22,7 @@ struct SpotTruth {
     double sensorX, sensorY;  // full-resolution sensor pixel
     double imageX, imageY;    // pixel of the assembled frame after binning
     bool lit;
+    double size, brightness;  // diameter in sensor pixels, peak over the background
 };
 
 struct RenderState {
@@ -29,11 +31,16 @@ struct RenderState {
     int exposure = 50;
     bool laserOn = false;
     bool pictureShown = false;  // the filter lets the projected picture through
+    // With the picture shown: the X screen as the projector shows it; null for the flat level.
+    const ScreenCapture::Look* screen = nullptr;
+    // Spots besides the strokes' (the emulated users' presses), drawn and reported alike.
+    const std::vector<SpotTruth>* extraSpots = nullptr;
 };
 
 // Draws what the sensor sees: a fixed background picture scaled by the exposure, noise from a
-// table, and the spots of the strokes active at the frame's time. Allocates nothing per frame
-// once the spot list has grown to its size.
+// table, and the spots of the strokes active at the frame's time. With the X screen projected,
+// each sensor pixel takes the screen pixel a precomputed table points it to. Allocates nothing
+// per frame once the spot list has grown to its size and the screen's size is known.
 class FrameRenderer
 {
 public:
@@ -43,12 +50,23 @@ public:
     void render(uint8_t* out, const FrameGeometry& geometry, const RenderState& state, std::vector<SpotTruth>& spots);
     // Spots active at a time, without drawing.
     void spotsAt(double time, const FrameGeometry& geometry, bool laserOn, std::vector<SpotTruth>& spots) const;
+    // One spot at a screen point, with where it lands on the sensor and in the frame.
+    SpotTruth spotAt(int id, Scene::SpotKind kind, double screenX, double screenY, double size, double brightness,
+                     const FrameGeometry& geometry, bool laserOn) const;
 
 private:
     void buildBase(std::vector<uint8_t>& base, bool picture) const;
+    const uint8_t* projectedBase(const ScreenCapture::Look& look);
+    void addBlob(uint8_t* out, const FrameGeometry& g, double sensorX, double sensorY, double sigma, double peak) const;
 
     Scene scene;
     ScreenProjection projection;
     std::vector<uint8_t> trackingBase, pictureBase;
     std::vector<int16_t> noiseTable;
+    // Sensor pixel to luminance pixel of the screen looks (-1: off the screen), for looks of
+    // lookupWidth x lookupHeight; the base with the newest look drawn in, and that look's number.
+    std::vector<int32_t> lookup;
+    int lookupWidth = 0, lookupHeight = 0;
+    std::vector<uint8_t> screenBase;
+    uint64_t screenBaseSequence = 0;
 };

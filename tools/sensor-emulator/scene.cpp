@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,23 @@ bool toPoint(const std::string& s, Scene::Point& p)
 {
     auto comma = s.find(',');
     return comma != std::string::npos && toDouble(s.substr(0, comma), p.x) && toDouble(s.substr(comma + 1), p.y);
+}
+
+// Where a comment begins: at a '#', unless it starts a colour word #rrggbb.
+size_t commentStart(const std::string& line)
+{
+    for (size_t hash = line.find('#'); hash != std::string::npos; hash = line.find('#', hash + 1)) {
+        const bool wordStart = hash == 0 || std::isspace(static_cast<unsigned char>(line[hash - 1]));
+        const bool wordEnd = hash + 7 >= line.size() || std::isspace(static_cast<unsigned char>(line[hash + 7]));
+        bool hex = hash + 7 <= line.size();
+        for (size_t i = hash + 1; hex && i < hash + 7; ++i) {
+            hex = std::isxdigit(static_cast<unsigned char>(line[i]));
+        }
+        if (!(wordStart && wordEnd && hex)) {
+            return hash;
+        }
+    }
+    return std::string::npos;
 }
 
 std::string resolve(const std::string& baseDir, const std::string& file)
@@ -93,8 +111,7 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
     };
     while (std::getline(lines, line)) {
         ++lineNo;
-        auto hash = line.find('#');
-        if (hash != std::string::npos) {
+        if (size_t hash = commentStart(line); hash != std::string::npos) {
             line.erase(hash);
         }
         std::istringstream words(line);
@@ -202,10 +219,85 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
             }
             s.seed = static_cast<unsigned>(n);
         } else if (key == "reflection") {
-            if (!nums(4, v) || v[2] <= 0) {
-                return fail("reflection takes sensor x, y, radius and peak");
+            // reflection X Y R PEAK [from T] [until T2]
+            Reflection r{};
+            r.until = -1;
+            bool ok = t.size() >= 5 && t.size() % 2 == 1;
+            for (size_t i = 1; ok && i < 5; ++i) {
+                ok = toDouble(t[i], v[i - 1]);
             }
-            s.reflections.push_back({v[0], v[1], v[2], v[3]});
+            ok = ok && v[2] > 0;
+            for (size_t i = 5; ok && i + 1 < t.size(); i += 2) {
+                double* target = t[i] == "from" ? &r.from : t[i] == "until" ? &r.until : nullptr;
+                ok = target && toDouble(t[i + 1], *target) && *target >= 0;
+            }
+            if (!ok || (r.until >= 0 && r.until <= r.from)) {
+                return fail("reflection takes sensor x, y, radius and peak, then from T and until T2 (later)");
+            }
+            r.x = v[0];
+            r.y = v[1];
+            r.radius = v[2];
+            r.peak = v[3];
+            s.reflections.push_back(r);
+        } else if (key == "projector") {
+            // projector display|off [latency S] [rate HZ]
+            bool ok = t.size() >= 2 && t.size() % 2 == 0 && (t[1] == "display" || t[1] == "off");
+            for (size_t i = 2; ok && i + 1 < t.size(); i += 2) {
+                double* target = t[i] == "latency" ? &s.projectorLatency : t[i] == "rate" ? &s.captureRate : nullptr;
+                ok = target && toDouble(t[i + 1], *target) && *target >= 0;
+            }
+            if (!ok || s.captureRate < 1 || s.captureRate > 1000 || s.projectorLatency > 10) {
+                return fail("projector is display or off, then latency S (0 to 10) and rate HZ (1 to 1000)");
+            }
+            s.projector = t[1] == "display";
+        } else if (key == "user") {
+            // user KIND START target #rrggbb [tolerance T] [hold S|change] [reaction S] [accuracy PX]
+            //      [count N] [size D] [brightness B]
+            if (t.size() < 5 || (t[1] != "stylus" && t[1] != "finger") || t.size() % 2 == 0) {
+                return fail("user takes stylus or finger, a start time, target #rrggbb and options");
+            }
+            User u{};
+            u.kind = t[1] == "stylus" ? SpotKind::Stylus : SpotKind::Finger;
+            u.size = u.kind == SpotKind::Stylus ? 5 : 10;
+            u.brightness = u.kind == SpotKind::Stylus ? 240 : 120;
+            u.tolerance = 40;
+            u.hold = 1.0;
+            u.reaction = 0.4;
+            if (!toDouble(t[2], u.start) || u.start < 0) {
+                return fail("user: start is a time in seconds");
+            }
+            bool haveTarget = false;
+            for (size_t i = 3; i + 1 < t.size(); i += 2) {
+                const std::string& opt = t[i];
+                const std::string& arg = t[i + 1];
+                long n = 0;
+                double d = 0;
+                if (opt == "target") {
+                    if (arg.size() != 7 || arg[0] != '#' || !toInt(arg.substr(1), n, 16)) {
+                        return fail("user: target is a colour #rrggbb: " + arg);
+                    }
+                    u.target = {static_cast<int>(n >> 16 & 255), static_cast<int>(n >> 8 & 255), static_cast<int>(n & 255)};
+                    haveTarget = true;
+                } else if (opt == "hold" && arg == "change") {
+                    u.hold = -1;
+                } else if ((opt == "tolerance" || opt == "count") && toInt(arg, n) && n >= 0 && n <= 1000000) {
+                    (opt == "tolerance" ? u.tolerance : u.count) = static_cast<int>(n);
+                } else if ((opt == "hold" || opt == "reaction" || opt == "accuracy" || opt == "size"
+                            || opt == "brightness") && toDouble(arg, d) && d >= 0) {
+                    double* target = opt == "hold" ? &u.hold : opt == "reaction" ? &u.reaction
+                        : opt == "accuracy" ? &u.accuracy : opt == "size" ? &u.size : &u.brightness;
+                    *target = d;
+                } else {
+                    return fail("user: unknown or bad option " + opt + " " + arg);
+                }
+            }
+            if (!haveTarget) {
+                return fail("user: needs a target colour");
+            }
+            if (u.size <= 0 || u.brightness <= 0) {
+                return fail("user: size and brightness must be positive");
+            }
+            s.users.push_back(u);
         } else if (key == "laser") {
             if (t.size() != 2 || (t[1] != "follow" && t[1] != "on" && t[1] != "off")) {
                 return fail("laser is follow, on or off");

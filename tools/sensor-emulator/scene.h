@@ -25,7 +25,21 @@ public:
         double brightness;  // peak added over the background at the reference exposure
         std::vector<Point> path;  // screen pixels, walked at constant speed
     };
-    struct Reflection { double x, y, radius, peak; };
+    // A reflection lit only from `from` until `until` (seconds since the start request).
+    struct Reflection { double x, y, radius, peak, from = 0, until = -1; bool timed() const { return from > 0 || until >= 0; } };
+    struct Colour { int r, g, b; };
+    // A person who presses targets of one colour on the X screen (see EmulatedUser).
+    struct User {
+        SpotKind kind;
+        double start;
+        Colour target;
+        int tolerance = 40;         // largest difference per channel still taken for the colour
+        double hold = 1.0;          // seconds; below zero: until the target under the press changes
+        double reaction = 0.4;      // seconds from seeing a new target to pressing it
+        double accuracy = 0;        // largest distance of the press from the target, desktop pixels
+        int count = 0;              // presses before the user stops; 0: no end
+        double size, brightness;    // the spot, as for strokes
+    };
     struct Fault {
         FaultType type;
         double start, duration;
@@ -52,6 +66,12 @@ public:
     LaserMode laser = LaserMode::Follow;
     int exposureReference = 50;
     bool stamp = false;
+
+    bool projector = false;          // the camera sees the X screen while the filter shows the picture
+    double projectorLatency = 0.05;  // seconds the projected picture lags the X server
+    double captureRate = 60;         // looks at the X screen per second
+
+    std::vector<User> users;
 
     std::vector<Stroke> strokes;
     std::vector<Fault> faults;

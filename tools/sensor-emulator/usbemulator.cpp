@@ -148,6 +148,10 @@ void UsbEmulator::exit()
     lock.unlock();
     deviceThread.join();
     lock.lock();
+    screen.reset();
+    projection.reset();
+    users.clear();
+    pressedSpots.clear();
     for (auto* list : {&inFlight, &done}) {
         for (libusb_transfer* t : *list) {
             TransferState* st = stateOf(t);
@@ -290,7 +294,59 @@ void UsbEmulator::noteStart(Clock::time_point now)
         streamStart = now;
         nextTick = now + period;
         lastTruthFlush = now;
+        startWatchingScreen();
         deviceCv.notify_all();
+    }
+}
+
+void UsbEmulator::startWatchingScreen()
+{
+    if (screen || (!scene->projector && scene->users.empty())) {
+        return;
+    }
+    std::vector<ScreenCapture::ColourMatch> colours;
+    for (const auto& u : scene->users) {
+        colours.push_back({u.target, u.tolerance});
+    }
+    screen = std::make_unique<ScreenCapture>(colours, scene->captureRate, scene->screenWidth, scene->screenHeight);
+    // The latency back, and a second of slack for a busy machine.
+    screen->keepFor(std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(scene->projectorLatency + 1.0)));
+    projection = std::make_unique<ScreenProjection>(scene->screenWidth, scene->screenHeight, scene->corners,
+                                                    scene->lens);
+    for (size_t i = 0; i < scene->users.size(); ++i) {
+        users.emplace_back(scene->users[i], scene->seed + static_cast<unsigned>(i));
+    }
+    nextPressId = 1000001;
+}
+
+void UsbEmulator::updateUsers(double t, const ScreenCapture::Look* look)
+{
+    pressedSpots.clear();
+    for (size_t i = 0; i < users.size(); ++i) {
+        EmulatedUser& u = users[i];
+        const ScreenCapture::Sighting* seen = look ? &look->sightings[i] : nullptr;
+        const EmulatedUser::Change change = u.update(t, seen, nextPressId);
+        const EmulatedUser::Press& p = u.press();
+        if (change == EmulatedUser::Change::Pressed && truthFile) {
+            double sx, sy;
+            projection->toSensor(p.x, p.y, sx, sy);
+            std::fprintf(truthFile, "P %.6f %d %s %.3f %.3f %.3f %.3f %.3f %.3f\n", t, p.id,
+                         u.settings().kind == Scene::SpotKind::Stylus ? "stylus" : "finger", p.targetX, p.targetY,
+                         p.x, p.y, sx, sy);
+        } else if (change == EmulatedUser::Change::Released && truthFile) {
+            std::fprintf(truthFile, "R %.6f %d\n", t, p.id);
+        }
+        if (u.pressing()) {
+            SpotTruth s{};
+            s.id = p.id;
+            s.kind = u.settings().kind;
+            s.screenX = p.x;
+            s.screenY = p.y;
+            s.size = u.settings().size;
+            s.brightness = u.settings().brightness;
+            pressedSpots.push_back(s);
+        }
     }
 }
 
@@ -581,6 +637,13 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
 {
     const uint64_t frame = frameNumber++;
     const double t = sinceStart(nextTick);
+    // What the projector shows and the users see: the screen as it was a latency ago.
+    std::shared_ptr<const ScreenCapture::Look> look;
+    if (screen) {
+        look = screen->seenAt(Clock::now() - std::chrono::duration_cast<Clock::duration>(
+                                                  std::chrono::duration<double>(scene->projectorLatency)));
+        updateUsers(t, look.get());
+    }
     nextTick += period;
     if (nextTick < now) {
         // Fell behind (the machine was busy): the sensor does not wait, those frames are gone.
@@ -619,6 +682,11 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
     rs.exposure = device->exposure();
     rs.laserOn = scene->laser == Scene::LaserMode::Follow ? device->laserOn() : scene->laser == Scene::LaserMode::On;
     rs.pictureShown = device->pictureShown();
+    if (scene->projector && rs.pictureShown) {
+        // Before the first look the projector has nothing to show yet.
+        rs.screen = look.get();
+        rs.pictureShown = look != nullptr;
+    }
     int bytes = g.bytes();
     if (const Scene::Fault* shortFault = activeFault(Scene::FaultType::Short, t)) {
         bytes = shortFault->bytes >= 0 ? std::min(bytes, shortFault->bytes) : bytes / 2;
@@ -632,6 +700,11 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
     if (!renderer) {
         renderer = std::make_unique<FrameRenderer>(*scene);
     }
+    // The users' spots need the frame's geometry and laser; the renderer fills in the rest.
+    for (auto& p : pressedSpots) {
+        p = renderer->spotAt(p.id, p.kind, p.screenX, p.screenY, p.size, p.brightness, g, rs.laserOn);
+    }
+    rs.extraSpots = &pressedSpots;
     renderer->render(buffer->data(), g, rs, spots);
     const auto doneAt = Clock::now();
     writeTruth(frame, t, std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),

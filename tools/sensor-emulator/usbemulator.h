@@ -1,8 +1,11 @@
 #pragma once
 
 #include "emulateddevice.h"
+#include "emulateduser.h"
 #include "framerenderer.h"
 #include "scene.h"
+#include "screencapture.h"
+#include "screenprojection.h"
 
 #include <libusb.h>
 
@@ -75,6 +78,8 @@ private:
     void deviceLoop();
     void serviceTimers(Clock::time_point now);
     void frameTick(std::unique_lock<std::mutex>& lock, Clock::time_point now);
+    void startWatchingScreen();
+    void updateUsers(double t, const ScreenCapture::Look* look);
     void writeTruth(uint64_t frame, double t, int64_t monoNs, int bytes, const FrameGeometry& g);
     std::vector<uint8_t>* takeBuffer(size_t bytes);
 
@@ -109,4 +114,12 @@ private:
     std::deque<libusb_transfer*> done;
     std::vector<std::vector<uint8_t>*> pool;
     std::vector<SpotTruth> spots;
+
+    // The X screen as projector and users see it, and the users; made at the start request
+    // when the scene has a projector or users.
+    std::unique_ptr<ScreenCapture> screen;
+    std::unique_ptr<ScreenProjection> projection;
+    std::vector<EmulatedUser> users;
+    std::vector<SpotTruth> pressedSpots;
+    int nextPressId = 1000001;
 };
