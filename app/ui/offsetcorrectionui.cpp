@@ -18,8 +18,7 @@ void OffsetCorrectionUi::show(bool visible)
 
 void OffsetCorrectionUi::sendClickEventsTo(QObject* object, const char* slot)
 {
-    // The clicks come from the correction's own emulated touches while it waits on a
-    // worker thread, so they must not run inside the click.
+    // The receiver handles each click after the document has finished with it.
     if (root)
         connect(root, SIGNAL(mouseClicked(int, int)), object, slot, Qt::QueuedConnection);
 }
