@@ -288,6 +288,7 @@ void ManualCalibration::finishDot(const std::vector<EVector>& sample)
 
 void ManualCalibration::onUiEvent(int id)
 {
+    qDebug() << "MC ui event" << id;
     switch (id) {
     case 1:
     case 13:

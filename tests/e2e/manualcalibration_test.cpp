@@ -18,12 +18,13 @@ extern "C" {
 
 namespace {
 
-// A keystoned, smaller screen seen off-centre: nothing like the demo rig.
+// A keystoned, smaller screen seen off-centre: nothing like the demo rig. The stylus is bright
+// and wide enough for the stylus engine at the calibration exposure.
 constexpr const char* rig = R"(screen 1280 800
 corners 120 72 634 50 676 428 88 402
 lens factory
 noise 2
-user stylus 1 target #ff0000 tolerance 60 reaction 0.3 accuracy 1 hold 0.45
+user stylus 1 target #ff0000 tolerance 60 reaction 0.7 accuracy 1 hold 0.45 size 8 brightness 900
 )";
 
 QString userDir()
@@ -53,13 +54,19 @@ protected:
         env.insert("QT_QUICK_BACKEND", "software");
         env.insert("DISPLAY", QString::fromStdString(x.display));
         run->process.setProcessEnvironment(env);
+        // The service logs a lot while nobody reads: into a file, so that it never blocks on a pipe.
+        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
         QDir().mkpath(userDir());
         if (!calibration.isEmpty())
             ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
                                         {QString::fromStdString(run->path("scene.txt")), calibration}),
                       0);
         run->startVelora();
-        ASSERT_TRUE(run->waitForOutput("Fifo position", 60000)) << qPrintable(run->output);
+        QElapsedTimer t;
+        t.start();
+        while (!log().contains("Fifo position") && t.elapsed() < 60000)
+            QThread::msleep(50);
+        ASSERT_TRUE(log().contains("Fifo position")) << qPrintable(log());
     }
     void TearDown() override
     {
@@ -77,7 +84,7 @@ protected:
         env.insert("DISPLAY", QString::fromStdString(x.display));
         p.setProcessEnvironment(env);
         p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
-        p.waitForFinished(180000);
+        p.waitForFinished(90000);
         return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
     }
 
@@ -131,6 +138,25 @@ protected:
         return t;
     }
 
+    bool waitForReleases(size_t n, int ms = 60000)
+    {
+        QElapsedTimer t;
+        t.start();
+        for (; t.elapsed() < ms; QThread::msleep(10)) {
+            std::ifstream in(run->path("truth.txt"));
+            std::string line;
+            size_t releases = 0;
+            while (std::getline(in, line))
+                releases += line.rfind("R ", 0) == 0;
+            if (releases >= n)
+                return true;
+        }
+        return false;
+    }
+
+    // What the service has logged so far.
+    QString log() const { return QString::fromStdString(run->fileText("velora.log")).right(4000); }
+
     bool waitForPresses(size_t n, int ms = 60000)
     {
         QElapsedTimer t;
@@ -152,16 +178,16 @@ double distanceToSegment(double px, double py, double ax, double ay, double bx, 
 TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPlace)
 {
     // Drawn once the calibration is long done.
-    start("stroke stylus 40 2.0 path 200,200 1100,620\n");
-    ASSERT_EQ(ctl({"stylus"}).first, 0);
+    start("stroke stylus 52 2.0 path 200,200 1100,620\n");
+    EXPECT_EQ(ctl({"stylus"}).second, "not calibrated");
     std::thread undo([&] {
-        // One dot taken back: the person presses it again where it reappears.
-        if (waitForPresses(4))
-            QThread::msleep(700), key("Return");
+        // One dot taken back once the person has lifted from it: pressed again where it reappears.
+        if (waitForReleases(4))
+            QThread::msleep(300), key("Return");
     });
     const auto [code, text] = ctl({"calibrate", "manual"});
     undo.join();
-    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(run->output.right(3000));
+    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(log());
 
     const std::vector<Press> ps = presses();
     ASSERT_GE(ps.size(), 26u) << "25 dots and one again after the undo";
@@ -189,7 +215,7 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
         if (seen.empty() || seen.back() != p)
             seen.push_back(p);
         QThread::msleep(5);
-        if (t.elapsed() % 500 < 6 && streamTime() > 43)
+        if (t.elapsed() % 500 < 6 && streamTime() > 55)
             break;
     }
     ASSERT_GT(seen.size(), 20u) << "the stroke moved the pointer";
@@ -198,14 +224,16 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
         if (distanceToSegment(seen[i].first, seen[i].second, 200, 200, 1100, 620) > 3)
             ++far;
     EXPECT_EQ(far, 0) << "pointer positions more than 3 pixels off the stroke, of " << seen.size();
-    EXPECT_LE(std::hypot(seen.back().first - 1100, seen.back().second - 620), 3.0);
+    EXPECT_LE(std::hypot(seen.back().first - 1100, seen.back().second - 620), 10.0) << "the stroke's end was reached";
 }
 
 TEST_F(ManualCalibrationRun, EscKeepsTheFormerCalibrationAndLightOnTheScreenIsADisturbance)
 {
     // The reflection lies inside the screen and comes on for the second run.
     const QString file = userDir() + "stylus-velora.ini";
-    start("reflection 380 240 6 200 from 16\n", file);
+    // Bright enough for the stylus engine at the calibration exposure. The check learns the
+    // light that is there before it as background: the reflection comes on while it listens.
+    start("reflection 380 240 8 800 from 20 until 26\n", file);
     QFile former(file);
     ASSERT_TRUE(former.open(QIODevice::ReadOnly));
     const QByteArray before = former.readAll();
@@ -217,15 +245,19 @@ TEST_F(ManualCalibrationRun, EscKeepsTheFormerCalibrationAndLightOnTheScreenIsAD
     });
     auto [code, text] = ctl({"calibrate", "manual"});
     esc.join();
-    EXPECT_EQ(text, "cancelled");
+    EXPECT_EQ(text, "cancelled") << qPrintable(log());
     ASSERT_TRUE(former.open(QIODevice::ReadOnly));
     EXPECT_EQ(former.readAll(), before) << "the former calibration stays";
 
-    while (streamTime() < 17)
-        QThread::msleep(200);
+    while (streamTime() < 19.2)
+        QThread::msleep(20);
     std::tie(code, text) = ctl({"calibrate", "manual"});
     (void)code;
-    EXPECT_EQ(text, "light disturbance");
+    EXPECT_EQ(text, "light disturbance") << qPrintable(log());
+    if (HasFailure())
+        for (const QString& l : QString::fromStdString(run->fileText("velora.log")).split('\n'))
+            if (l.contains("ui event") || l.contains("Status") || l.contains("isturbance on"))
+                printf("%s\n", qPrintable(l));
 }
 
 } // namespace
