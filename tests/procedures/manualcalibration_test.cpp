@@ -27,7 +27,7 @@ Blob blobAt(double x, double y, int session, int state, double fx = 500, double 
 class DisturbanceCheck : public ::testing::Test {
 protected:
     GS* gs = GS::instance();
-    ScopedSetting<int> period{gs->disturbanceCheckMs, 60};
+    ScopedSetting<int> period{gs->disturbanceCheckMs, 200};
     DisturbanceChecker checker;
 
     // One blob at a screen position reported in the middle of a check.
