@@ -6,6 +6,8 @@
 #include "manualcalibration.h"
 #include "manualcalibrationui.h"
 #include "offsetcorrectionui.h"
+#include "sensorviewer.h"
+#include "sensorviewerui.h"
 
 IDisturbanceChecker* ProcedureFactory::makeDisturbanceChecker()
 {
@@ -35,7 +37,7 @@ IOffsetCorrectionUi* ProcedureFactory::makeOffsetCorrectionUi(const char*)
 
 ISensorViewerUi* ProcedureFactory::makeSensorViewerUi(const char*)
 {
-    return nullptr;
+    return new SensorViewerUi();
 }
 
 IAutoCalibration* ProcedureFactory::makeAutoCalibration(IDisturbanceChecker*, IBlobEmitter*)
@@ -64,7 +66,7 @@ IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi*, 
     return nullptr;
 }
 
-ISensorViewer* ProcedureFactory::makeSensorViewer(ISensorViewerUi*, IImageSource*)
+ISensorViewer* ProcedureFactory::makeSensorViewer(ISensorViewerUi* ui, IImageSource* source)
 {
-    return nullptr;
+    return new SensorViewer(ui, source);
 }
