@@ -19,6 +19,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <memory>
 #include <cmath>
 #include <functional>
 #include <optional>
@@ -261,6 +262,11 @@ TEST_F(SensorViewerRun, ShowsTheCameraTakesItsKeysAndGivesThePointerBack)
 
     std::pair<int, QString> viewerAnswer;
     std::thread viewer([&] { viewerAnswer = ctl({"viewer"}); });
+    // A failed assertion returns early: velora-ctl then gives up after its own wait.
+    const std::unique_ptr<std::thread, void (*)(std::thread*)> joined(&viewer, [](std::thread* t) {
+        if (t->joinable())
+            t->join();
+    });
     std::optional<QRect> w;
     Window id = 0;
     ASSERT_TRUE(waitUntil([&] { return (w = window("Sensor Viewer", &id)).has_value(); }, 20000)) << qPrintable(log());
