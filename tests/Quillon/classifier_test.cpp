@@ -112,3 +112,75 @@ TEST(ClassifierFindPattern, KeepsOutlinesByAreaAndCornerCount)
         EXPECT_EQ(found.size(), c.kept ? 3u : 0u) << c.name;
     }
 }
+
+namespace {
+
+// A row of eight soft dots at sub-pixel centres and one stray spot below it, under light that
+// falls off to the left, with sensor noise; dark dots on a lit screen when dark is set.
+struct DotScene {
+    cv::Mat image, reference;
+    std::vector<cv::Point2d> dots;
+};
+
+DotScene dotRow(double amplitude, bool dark)
+{
+    DotScene s;
+    for (int i = 0; i < 8; ++i)
+        s.dots.emplace_back(70.3 + 84.6 * i + 0.4 * i * i, 200.7 + 5.3 * i);
+    std::vector<cv::Point2d> spots = s.dots;
+    spots.emplace_back(380.2, 290.4);
+    cv::Mat_<float> light(480, 752), shown(480, 752);
+    for (int y = 0; y < 480; ++y) {
+        for (int x = 0; x < 752; ++x) {
+            float dots = 0;
+            for (const cv::Point2d& c : spots)
+                dots += static_cast<float>(amplitude * std::exp(-((x - c.x) * (x - c.x) + (y - c.y) * (y - c.y)) / 12.0));
+            light(y, x) = (dark ? 150.f : 20.f) * (0.5f + x / 752.f);
+            shown(y, x) = light(y, x) + (dark ? -dots : dots) * (0.5f + x / 752.f);
+        }
+    }
+    cv::Mat noise(480, 752, CV_32F);
+    cv::RNG rng(11);
+    rng.fill(noise, cv::RNG::NORMAL, 0, 2);
+    cv::Mat(shown + noise).convertTo(s.image, CV_8U);
+    rng.fill(noise, cv::RNG::NORMAL, 0, 2);
+    cv::Mat(light + noise).convertTo(s.reference, CV_8U);
+    return s;
+}
+
+} // namespace
+
+TEST(ClassifierFindPattern, FindsTheRowOfDotsAtTheirCentres)
+{
+    const struct {
+        const char* name;
+        double amplitude;
+        bool dark, lowContrast;
+        bool found;
+        double tolerance;
+    } cases[] = {
+        {"bright dots", 90, false, false, true, 0.5},
+        // Noise frays the outlines of faint dots: about a pixel is what they allow.
+        {"faint dots", 15, false, true, true, 1.5},
+        {"faint dots at normal gain", 15, false, false, false, 0},
+        {"dark dots on a lit screen", 90, true, false, true, 0.5},
+    };
+    for (const auto& c : cases) {
+        const DotScene scene = dotRow(c.amplitude, c.dark);
+        Classifier classifier;
+        cv::Mat debug;
+        bool flag = true;
+        const auto found = classifier.FindPattern(scene.image, scene.reference, &debug, 8, 0, &flag, c.dark,
+                                                  c.lowContrast);
+        EXPECT_FALSE(flag) << c.name;
+        EXPECT_EQ(debug.type(), CV_8UC3) << c.name;
+        ASSERT_EQ(found.size(), c.found ? 8u : 0u) << c.name;
+        for (std::size_t i = 0; i < found.size(); ++i) {
+            EXPECT_NEAR(found[i].x, scene.dots[i].x, c.tolerance) << c.name << " dot " << i;
+            EXPECT_NEAR(found[i].y, scene.dots[i].y, c.tolerance) << c.name << " dot " << i;
+        }
+    }
+    Classifier classifier;
+    EXPECT_TRUE(classifier.FindPattern(cv::Mat(), cv::Mat::zeros(480, 752, CV_8UC1), nullptr, 8, 0, nullptr, false,
+                                       false).empty());
+}
