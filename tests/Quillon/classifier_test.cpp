@@ -184,3 +184,53 @@ TEST(ClassifierFindPattern, FindsTheRowOfDotsAtTheirCentres)
     EXPECT_TRUE(classifier.FindPattern(cv::Mat(), cv::Mat::zeros(480, 752, CV_8UC1), nullptr, 8, 0, nullptr, false,
                                        false).empty());
 }
+
+TEST(ClassifierMask, CoversTheLitQuadrilateral)
+{
+    const std::vector<cv::Point> quad = {{150, 50}, {610, 40}, {700, 430}, {60, 440}};
+    cv::Mat truth = cv::Mat::zeros(480, 752, CV_8UC1);
+    cv::fillConvexPoly(truth, quad, cv::Scalar(255));
+    const double trueArea = cv::contourArea(quad);
+    const struct {
+        const char* name;
+        int lit;
+        bool lowContrast;
+    } cases[] = {{"bright projector", 200, false}, {"dim projector", 70, true}};
+    for (const auto& c : cases) {
+        cv::Mat white(480, 752, CV_8UC1, cv::Scalar(25)), black(480, 752, CV_8UC1, cv::Scalar(25));
+        white.setTo(c.lit, truth);
+        black.setTo(32, truth);
+        cv::Mat noise(480, 752, CV_8SC1);
+        cv::randn(noise, 0, 3);
+        cv::add(white, noise, white, cv::noArray(), CV_8U);
+        Classifier classifier;
+        double area = 0;
+        bool lowContrast = !c.lowContrast;
+        cv::Mat debug;
+        const cv::Mat mask = classifier.CreateMaskFromProjectionBorder(white, black, &area, &debug, &lowContrast);
+        ASSERT_EQ(mask.type(), CV_8UC1) << c.name;
+        const double both = cv::countNonZero(mask & truth), either = cv::countNonZero(mask | truth);
+        EXPECT_GT(both / either, 0.97) << c.name;
+        EXPECT_NEAR(area, trueArea, 0.03 * trueArea) << c.name;
+        EXPECT_EQ(lowContrast, c.lowContrast) << c.name;
+        EXPECT_EQ(debug.type(), CV_8UC3) << c.name;
+        EXPECT_EQ(classifier.imageCounter, 2) << c.name;
+    }
+}
+
+TEST(ClassifierRepeatCheck, TellsAStillShownPatternUntilItGivesUp)
+{
+    cv::Mat first = cv::Mat::zeros(48, 64, CV_8UC1), second = first.clone();
+    first(cv::Rect(0, 0, 32, 48)).setTo(200);
+    second(cv::Rect(32, 0, 32, 48)).setTo(200);
+    Classifier classifier;
+    EXPECT_FALSE(classifier.isEqualToLastPattern(first, 1)); // nothing stored yet
+    EXPECT_FALSE(classifier.isEqualToLastPattern(first, 1)); // the same id asks nothing
+    EXPECT_FALSE(classifier.isEqualToLastPattern(second, 2)); // a new picture for a new id
+    for (int i = 1; i <= 10; ++i)
+        EXPECT_TRUE(classifier.isEqualToLastPattern(second, 3 + i)) << i;
+    EXPECT_FALSE(classifier.isEqualToLastPattern(second, 20)); // the eleventh time it gives up
+    EXPECT_TRUE(classifier.isEqualToLastPattern(second, 21));
+    EXPECT_FALSE(classifier.isEqualToLastPattern(first, 0)); // id 0 stores without comparing
+    EXPECT_TRUE(classifier.isEqualToLastPattern(first, 22));
+}
