@@ -43,6 +43,7 @@ cv::Mat thresholdedDifference(const cv::Mat& minuend, const cv::Mat& subtrahend,
 {
     cv::Mat diff;
     cv::subtract(minuend, subtrahend, diff);
+    // Replicated edges: the thresholds were tuned on pictures smoothed that way.
     cv::GaussianBlur(diff, diff, cv::Size(kernel, kernel), 0, 0, cv::BORDER_REPLICATE);
     if (meanBeforeGain) {
         *meanBeforeGain = utility::calcAvg(diff, -1);
