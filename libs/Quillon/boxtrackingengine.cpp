@@ -296,6 +296,9 @@ void BoxTrackingEngine::rebuildSweep()
     }
     std::sort(sweepBoxes.begin(), sweepBoxes.end());
     std::sort(sweepLeftover.begin(), sweepLeftover.end());
+    // A chunk costs about what four boxes cost one by one: a screen whose centres lie too far
+    // apart (steeply turned in the image) is read box by box.
+    sweepPays = !sweepOffset.empty() && sweepOffset.size() * 4 <= boxes.size();
 }
 
 void BoxTrackingEngine::rebuildSweepLimits()
@@ -435,7 +438,7 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         regionHits[region] += 1.0;
     };
 
-    if (!anyRefreshing) {
+    if (!anyRefreshing && sweepPays) {
         // Backgrounds stand still: the chunks' limits hold until a region's limit changes.
         if (!sweepValid || sweepLimits != limitOfRegion)
             rebuildSweepLimits();

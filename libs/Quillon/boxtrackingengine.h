@@ -162,6 +162,7 @@ private:
     std::vector<int> candidates;
     std::vector<long long> regionSums;
     bool sweepValid = false;
+    bool sweepPays = false;
     // 0 none, 1 a full refresh, 2 a short one; asked for by resetBackgroundTable.
     std::atomic<int> pendingRefresh{0};
 };
