@@ -16,6 +16,10 @@
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define VELORA_AVX2_SWEEP 1
+#endif
 
 #include <algorithm>
 #include <cmath>
@@ -35,6 +39,67 @@ int integerLimit(double t)
         return -1000000000;
     return static_cast<int>(std::floor(t));
 }
+
+constexpr unsigned ChunkWidth = 32;
+// A box count above this would overflow the 16-bit products of the sweep.
+constexpr int MaxBoxesOnPixel = 64;
+
+// The sums of value times box count of runs of chunks, and the chunks with a value above
+// their limit, for sweepChunks below.
+struct ChunkScan {
+    const unsigned char* frame;
+    const unsigned* offset;
+    const unsigned char* data;
+};
+
+template <class Above>
+long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
+{
+    long long sum = 0;
+    for (int c = begin; c < end; ++c) {
+        const unsigned char* px = s.frame + s.offset[c];
+        const unsigned char* limit = s.data + std::size_t(c) * 2 * ChunkWidth;
+        const unsigned char* count = limit + ChunkWidth;
+        unsigned mask = 0;
+        for (unsigned k = 0; k < ChunkWidth; ++k) {
+            sum += int(px[k]) * int(count[k]);
+            mask |= unsigned(px[k] > limit[k]) << k;
+        }
+        if (mask != 0) [[unlikely]]
+            above(c, mask);
+    }
+    return sum;
+}
+
+#ifdef VELORA_AVX2_SWEEP
+template <class Above>
+__attribute__((target("avx2"))) long long sumChunksAvx2(const ChunkScan& s, int begin, int end, Above&& above)
+{
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i ones = _mm256_set1_epi16(1);
+    __m256i acc = zero;
+    for (int c = begin; c < end; ++c) {
+        const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.frame + s.offset[c]));
+        const unsigned char* d = s.data + std::size_t(c) * 2 * ChunkWidth;
+        const __m256i limit = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d));
+        const __m256i count = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d + ChunkWidth));
+        acc = _mm256_add_epi32(acc, _mm256_madd_epi16(_mm256_maddubs_epi16(px, count), ones));
+        const unsigned quiet =
+            static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_subs_epu8(px, limit), zero)));
+        if (quiet != 0xFFFFFFFFu) [[unlikely]]
+            above(c, ~quiet);
+    }
+    const __m128i half = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
+    const __m128i pair = _mm_add_epi32(half, _mm_shuffle_epi32(half, 0x4E));
+    return _mm_cvtsi128_si32(_mm_add_epi32(pair, _mm_shuffle_epi32(pair, 0xB1)));
+}
+
+bool haveAvx2()
+{
+    static const bool have = __builtin_cpu_supports("avx2");
+    return have;
+}
+#endif
 
 } // namespace
 
@@ -184,6 +249,85 @@ void BoxTrackingEngine::rebuildPackedBoxes()
     sumBackgrounds();
     limitOfRegion.assign(std::size_t(regionCount), 0);
     refreshing.assign(std::size_t(regionCount), 0);
+    rebuildSweep();
+}
+
+void BoxTrackingEngine::rebuildSweep()
+{
+    sweepOffset.clear();
+    sweepRegion.clear();
+    sweepData.clear();
+    sweepRuns.clear();
+    sweepBoxes.clear();
+    sweepLeftover.clear();
+    sweepValid = false;
+    const unsigned frameSize = static_cast<unsigned>(width * height);
+    // Chunks ordered by place in the frame, then region; a chunk of two regions is two chunks.
+    std::vector<std::pair<std::pair<unsigned, int>, int>> byChunk; // ((chunk, region), box)
+    byChunk.reserve(boxes.size());
+    for (std::size_t i = 0; i < boxes.size(); ++i) {
+        const unsigned index = packed[i].index;
+        const unsigned chunk = index / ChunkWidth * ChunkWidth;
+        if (index - 1u < frameSize - 1u && chunk + ChunkWidth <= frameSize)
+            byChunk.push_back({{chunk, boxes[i].region}, int(i)});
+        else
+            sweepLeftover.push_back(int(i));
+    }
+    std::sort(byChunk.begin(), byChunk.end());
+    for (const auto& [key, box] : byChunk) {
+        const auto [chunk, region] = key;
+        if (sweepOffset.empty() || sweepOffset.back() != chunk || sweepRuns.back().region != region) {
+            sweepOffset.push_back(chunk);
+            sweepRegion.push_back(region);
+            sweepData.resize(sweepData.size() + 2 * ChunkWidth, 0);
+            const int c = int(sweepOffset.size()) - 1;
+            if (sweepRuns.empty() || sweepRuns.back().region != region)
+                sweepRuns.push_back({c, c + 1, region});
+            else
+                sweepRuns.back().end = c + 1;
+        }
+        unsigned char& count = sweepData[sweepData.size() - ChunkWidth + (packed[std::size_t(box)].index - chunk)];
+        if (count < MaxBoxesOnPixel) {
+            ++count;
+            sweepBoxes.push_back({packed[std::size_t(box)].index, box});
+        } else {
+            sweepLeftover.push_back(box);
+        }
+    }
+    std::sort(sweepBoxes.begin(), sweepBoxes.end());
+    std::sort(sweepLeftover.begin(), sweepLeftover.end());
+    // A chunk costs about what four boxes cost one by one: a screen whose centres lie too far
+    // apart (steeply turned in the image) is read box by box.
+    sweepPays = !sweepOffset.empty() && sweepOffset.size() * 4 <= boxes.size();
+}
+
+void BoxTrackingEngine::rebuildSweepLimits()
+{
+    sweepAlways.clear();
+    for (std::size_t c = 0; c < sweepOffset.size(); ++c)
+        std::memset(&sweepData[c * 2 * ChunkWidth], 255, ChunkWidth);
+    std::size_t c = 0;
+    for (const auto& [index, box] : sweepBoxes) {
+        // Chunks of one place in the frame lie side by side, one per region.
+        const ScanBox& b = boxes[std::size_t(box)];
+        const unsigned chunk = index / ChunkWidth * ChunkWidth;
+        while (sweepOffset[c] != chunk)
+            ++c;
+        std::size_t at = c;
+        while (sweepRegion[at] != b.region)
+            ++at;
+        const long long lowest = static_cast<long long>(packed[std::size_t(box)].background)
+                                 + limitOfRegion[std::size_t(b.region)];
+        if (lowest < 0) {
+            sweepAlways.push_back(box);
+            continue;
+        }
+        unsigned char& limit = sweepData[at * 2 * ChunkWidth + (index - chunk)];
+        limit = static_cast<unsigned char>(std::min<long long>(limit, std::min<long long>(lowest, 255)));
+    }
+    std::sort(sweepAlways.begin(), sweepAlways.end());
+    sweepLimits = limitOfRegion;
+    sweepValid = true;
 }
 
 void BoxTrackingEngine::sumBackgrounds()
@@ -280,6 +424,7 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
     const bool resetting = regionsReset;
     PackedBox* box = packed.data();
     blanked.clear();
+    const bool anyRefreshing = std::find(refreshing.begin(), refreshing.end(), 1) != refreshing.end();
 
     auto fire = [&](int i, int v, int bg, int limit, int region) {
         const int w = v < 0 || !isBlanked(box[i].index) ? v : 0;
@@ -293,6 +438,29 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         regionHits[region] += 1.0;
     };
 
+    if (!anyRefreshing && sweepPays) {
+        // Backgrounds stand still: the chunks' limits hold until a region's limit changes.
+        if (!sweepValid || sweepLimits != limitOfRegion)
+            rebuildSweepLimits();
+        regionSums.assign(std::size_t(regionCount), 0);
+        long long* sums = regionSums.data();
+        sweep(last, sums);
+        for (const Run& run : runs)
+            regionBackground[run.region] += run.backgroundPart;
+        for (int r = 0; r < regionCount; ++r)
+            regionIntensity[r] += static_cast<double>(sums[r]);
+        // Box order decides which of two boxes on one spot fires.
+        std::sort(candidates.begin(), candidates.end());
+        for (int i : candidates) {
+            const int region = boxes[std::size_t(i)].region;
+            const unsigned index = box[i].index;
+            const int v = index - 1u < static_cast<unsigned>(width * height) - 1u ? last[index] : -1;
+            fire(i, v, box[i].background, limitOfRegion[std::size_t(region)], region);
+        }
+        return;
+    }
+    // A refresh moves backgrounds: the chunks' limits are filled again once it is over.
+    sweepValid = false;
     for (Run& run : runs) {
         const int region = run.region;
         const int limit = limitOfRegion[std::size_t(region)];
@@ -332,6 +500,53 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
             regionBackground[region] += part;
         }
         regionIntensity[region] += static_cast<double>(intensitySum);
+    }
+}
+
+void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
+{
+    candidates.clear();
+    const unsigned frameSize = static_cast<unsigned>(width * height);
+    auto exceeds = [&](int i, int v) {
+        return v - packed[std::size_t(i)].background > limitOfRegion[std::size_t(boxes[std::size_t(i)].region)];
+    };
+    // A chunk's lane is above the lowest limit of its boxes: each of them is looked at.
+    auto above = [&](int c, unsigned mask) {
+        const int region = sweepRegion[std::size_t(c)];
+        while (mask != 0) {
+            const unsigned index = sweepOffset[std::size_t(c)] + unsigned(__builtin_ctz(mask));
+            mask &= mask - 1;
+            auto it = std::lower_bound(sweepBoxes.begin(), sweepBoxes.end(), std::pair<unsigned, int>(index, -1));
+            for (; it != sweepBoxes.end() && it->first == index; ++it) {
+                if (boxes[std::size_t(it->second)].region == region && exceeds(it->second, frame[index]))
+                    candidates.push_back(it->second);
+            }
+        }
+    };
+    const ChunkScan scan{frame, sweepOffset.data(), sweepData.data()};
+#ifdef VELORA_AVX2_SWEEP
+    const bool wide = haveAvx2();
+#endif
+    for (const SweepRun& run : sweepRuns) {
+#ifdef VELORA_AVX2_SWEEP
+        if (wide) {
+            sums[run.region] += sumChunksAvx2(scan, run.begin, run.end, above);
+            continue;
+        }
+#endif
+        sums[run.region] += sumChunksPlain(scan, run.begin, run.end, above);
+    }
+    for (int i : sweepAlways) {
+        // Counted in the sums already; only the limit is left to test.
+        if (exceeds(i, frame[packed[std::size_t(i)].index]))
+            candidates.push_back(i);
+    }
+    for (int i : sweepLeftover) {
+        const unsigned index = packed[std::size_t(i)].index;
+        const int v = index - 1u < frameSize - 1u ? frame[index] : -1;
+        sums[boxes[std::size_t(i)].region] += v;
+        if (exceeds(i, v))
+            candidates.push_back(i);
     }
 }
 

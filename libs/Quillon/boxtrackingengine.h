@@ -111,7 +111,12 @@ private:
     };
 
     void rebuildPackedBoxes();
+    void rebuildSweep();
+    void rebuildSweepLimits();
     void sumBackgrounds();
+    // The first pass of a frame in which no region refreshes: the frame is read chunk by chunk
+    // instead of box by box. Returns the centres' sums by region and the boxes above their limit.
+    void sweep(const unsigned char* frame, long long* sums);
     void firstPass(cv::Mat* image, int* hits, bool* anyReset);
     void drawOverlay(cv::Mat* image);
     // The scan of one run of readable boxes: returns the sum of the centres and calls fire for
@@ -140,6 +145,24 @@ private:
     std::vector<std::vector<ScanBox>> groups, groups2;
     std::vector<ScanBox> merged;
     std::vector<EVector> points;
+    // The boxes' centres by 32-pixel chunk of the frame and region: per chunk the lowest
+    // value that fires a box of it (255: none) and how many boxes have their centre on each
+    // pixel. Boxes that do not fit (outside the frame, too many on one pixel) go box by box.
+    struct SweepRun {
+        int begin, end, region; // consecutive chunks of one region
+    };
+    std::vector<unsigned> sweepOffset;    // first pixel of each chunk
+    std::vector<int> sweepRegion;         // region of each chunk
+    std::vector<unsigned char> sweepData; // per chunk 32 limits, then 32 box counts
+    std::vector<SweepRun> sweepRuns;
+    std::vector<std::pair<unsigned, int>> sweepBoxes; // (centre, box), sorted
+    std::vector<int> sweepLeftover;                   // boxes scanned one at a time
+    std::vector<int> sweepAlways;                     // boxes whose limit lies below 0
+    std::vector<int> sweepLimits;                     // the limits the chunks were filled for
+    std::vector<int> candidates;
+    std::vector<long long> regionSums;
+    bool sweepValid = false;
+    bool sweepPays = false;
     // 0 none, 1 a full refresh, 2 a short one; asked for by resetBackgroundTable.
     std::atomic<int> pendingRefresh{0};
 };

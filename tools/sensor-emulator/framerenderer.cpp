@@ -18,7 +18,7 @@ FrameRenderer::FrameRenderer(const Scene& s)
 {
     buildBase(trackingBase, false);
     if (scene.pictureLevel > 0) {
-        buildBase(pictureBase, true);
+        pictureBuilder = std::thread([this] { buildBase(pictureBase, true); });
     } else {
         pictureBase = trackingBase;
     }
@@ -26,6 +26,13 @@ FrameRenderer::FrameRenderer(const Scene& s)
     std::normal_distribution<double> normal(0.0, scene.noise);
     for (auto& n : noiseTable) {
         n = static_cast<int16_t>(std::lround(scene.noise > 0 ? normal(rng) : 0.0));
+    }
+}
+
+FrameRenderer::~FrameRenderer()
+{
+    if (pictureBuilder.joinable()) {
+        pictureBuilder.join();
     }
 }
 
@@ -186,6 +193,9 @@ void FrameRenderer::render(uint8_t* out, const FrameGeometry& g, const RenderSta
     const int sw = scene.sensorWidth, sh = scene.sensorHeight;
     const int cols = g.columns(), rows = g.rows();
     const int gain = std::min(1 << 20, state.exposure * 256 / scene.exposureReference);
+    if (state.pictureShown && !state.screen && pictureBuilder.joinable()) {
+        pictureBuilder.join();
+    }
     const uint8_t* base = !state.pictureShown ? trackingBase.data()
         : state.screen                        ? projectedBase(*state.screen)
                                               : pictureBase.data();

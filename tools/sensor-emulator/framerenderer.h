@@ -5,6 +5,7 @@
 #include "screenprojection.h"
 
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 // Window and binning as the imager registers set them, in full-resolution sensor pixels.
@@ -45,6 +46,9 @@ class FrameRenderer
 {
 public:
     explicit FrameRenderer(const Scene& scene);
+    ~FrameRenderer();
+    FrameRenderer(const FrameRenderer&) = delete;
+    FrameRenderer& operator=(const FrameRenderer&) = delete;
 
     // Writes geometry.bytes() bytes into out; spots receives the truth of the frame.
     void render(uint8_t* out, const FrameGeometry& geometry, const RenderState& state, std::vector<SpotTruth>& spots);
@@ -62,6 +66,9 @@ private:
     Scene scene;
     ScreenProjection projection;
     std::vector<uint8_t> trackingBase, pictureBase;
+    // The picture's base takes a lens mapping of every pixel (a third of a second): it is drawn
+    // beside the first frames, which show no picture, and waited for when one is first shown.
+    std::thread pictureBuilder;
     std::vector<int16_t> noiseTable;
     // Sensor pixel to luminance pixel of the screen looks (-1: off the screen), for looks of
     // lookupWidth x lookupHeight; the base with the newest look drawn in, and that look's number.
