@@ -20,6 +20,7 @@
 #include <clocale>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <locale.h>
@@ -609,8 +610,11 @@ Calibration* AutoCalibration::ProcessOnce()
     cv::Mat region = cv::Mat::zeros(sensorHeight, sensorWidth, CV_8UC1);
     cv::rectangle(region, cv::Point(toInt(0.25 * sensorWidth), toInt(0.25 * sensorHeight)),
                   cv::Point(toInt(0.75 * sensorWidth), toInt(0.9 * sensorHeight)), cv::Scalar(255), cv::FILLED);
-    if (debug)
-        exposureLog = std::fopen("rightExposerLog.txt", "a");
+    if (debug) {
+        std::error_code ec;
+        std::filesystem::create_directories(debugDir, ec);
+        exposureLog = std::fopen((debugDir + "/rightExposerLog.txt").c_str(), "a");
+    }
     const int best = findBestExposure(toInt(exposure), region);
     if (exposureLog)
         std::fprintf(exposureLog, "Final Exposure: %d\n", best);
