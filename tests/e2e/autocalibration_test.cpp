@@ -3,17 +3,9 @@
 // the service: the answer, then for a run that calibrates the file's points against the
 // scene's own screen mapping, and a stroke afterwards on the desktop.
 #include "calibration.h"
-#include "emulatedrun.h"
 #include "scene.h"
 #include "screenprojection.h"
-#include "xvfbserver.h"
-
-#include <QStandardPaths>
-#include <QThread>
-
-#include <X11/Xlib.h>
-
-#include <cmath>
+#include "velorarun.h"
 
 namespace {
 
@@ -33,89 +25,7 @@ const AcScene scenes[] = {
      "calibration done", true},
 };
 
-QString userDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
-}
-
-double distanceToSegment(double px, double py, double ax, double ay, double bx, double by)
-{
-    const double dx = bx - ax, dy = by - ay;
-    const double u = std::clamp(((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy), 0.0, 1.0);
-    return std::hypot(px - (ax + u * dx), py - (ay + u * dy));
-}
-
-class AutoCalibrationRun : public ::testing::TestWithParam<AcScene> {
-protected:
-    XvfbServer x;
-    std::unique_ptr<EmulatedRun> run;
-    Display* dpy = nullptr;
-
-    void start(const std::string& scene)
-    {
-        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
-        dpy = XOpenDisplay(x.display.c_str());
-        ASSERT_TRUE(dpy);
-        run = std::make_unique<EmulatedRun>(scene);
-        QProcessEnvironment env = run->process.processEnvironment();
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("QT_QUICK_BACKEND", "software");
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        run->process.setProcessEnvironment(env);
-        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
-        QDir().mkpath(userDir());
-        run->startVelora();
-        QElapsedTimer t;
-        t.start();
-        while (!log().contains("Fifo position") && t.elapsed() < 60000)
-            QThread::msleep(50);
-        ASSERT_TRUE(log().contains("Fifo position")) << qPrintable(log());
-    }
-    void TearDown() override
-    {
-        if (run)
-            run->process.kill();
-        if (dpy)
-            XCloseDisplay(dpy);
-    }
-
-    std::pair<int, QString> ctl(const QStringList& command)
-    {
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        p.setProcessEnvironment(env);
-        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
-        p.waitForFinished(180000);
-        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
-    }
-
-    QString log() const { return QString::fromStdString(run->fileText("velora.log")).right(4000); }
-
-    std::pair<int, int> pointer()
-    {
-        Window root, child;
-        int x0, y0, wx, wy;
-        unsigned m;
-        XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
-        return {x0, y0};
-    }
-
-    // Seconds since the stream started, by the last frame the emulator sent.
-    double streamTime() const
-    {
-        std::istringstream all(run->fileText("truth.txt"));
-        std::string line, last;
-        while (std::getline(all, line))
-            if (line.rfind("F ", 0) == 0)
-                last = line;
-        std::istringstream s(last);
-        std::string f, frame;
-        double t = 0;
-        s >> f >> frame >> t;
-        return t;
-    }
-};
+class AutoCalibrationRun : public ::testing::TestWithParam<AcScene>, protected VeloraRun {};
 
 TEST_P(AutoCalibrationRun, AnswersAndPutsTheFoundGridInForce)
 {
@@ -153,20 +63,9 @@ TEST_P(AutoCalibrationRun, AnswersAndPutsTheFoundGridInForce)
             << cal->srcPoints[i].y << ", truth " << sx << "," << sy;
     }
 
-    std::vector<std::pair<int, int>> seen;
-    QElapsedTimer t;
-    t.start();
-    while (t.elapsed() < 60000) {
-        const auto p = pointer();
-        if (seen.empty() || seen.back() != p)
-            seen.push_back(p);
-        QThread::msleep(5);
-        if (t.elapsed() % 500 < 6 && streamTime() > strokeStart + 3)
-            break;
-    }
+    const std::vector<std::pair<int, int>> seen = pointerUntil(strokeStart + 3);
     ASSERT_GT(seen.size(), 20u) << "the stroke moved the pointer";
     int far = 0;
-    // The first entry is where the pointer stood before the stroke.
     for (size_t i = 1; i < seen.size(); ++i)
         if (distanceToSegment(seen[i].first, seen[i].second, 200, 200, 1100, 620) > 3)
             ++far;
