@@ -1,5 +1,6 @@
 #include "procedurefactory.h"
 
+#include "autocalibration.h"
 #include "autocalibrationui.h"
 #include "disturbancechecker.h"
 #include "lumerailcalibrationui.h"
@@ -40,9 +41,9 @@ ISensorViewerUi* ProcedureFactory::makeSensorViewerUi(const char*)
     return new SensorViewerUi();
 }
 
-IAutoCalibration* ProcedureFactory::makeAutoCalibration(IDisturbanceChecker*, IBlobEmitter*)
+IAutoCalibration* ProcedureFactory::makeAutoCalibration(IDisturbanceChecker* checker, IBlobEmitter* emitter)
 {
-    return nullptr;
+    return new AutoCalibration(checker, emitter);
 }
 
 IManualCalibration* ProcedureFactory::makeManualCalibration(IManualCalibrationUi* ui, IBlobEmitter* emitter,

@@ -3,18 +3,11 @@
 // The run starts uncalibrated on a screen of its own, so only the procedure can put strokes
 // in place.
 #include "calibration.h"
-#include "emulatedrun.h"
-#include "xvfbserver.h"
+#include "velorarun.h"
 
-#include <QStandardPaths>
-#include <QThread>
-
-#include <X11/Xlib.h>
 extern "C" {
 #include <xdo.h>
 }
-
-#include <cmath>
 
 namespace {
 
@@ -27,67 +20,12 @@ noise 2
 user stylus 1 target #ff0000 tolerance 60 reaction 0.7 accuracy 1 hold 0.45 size 8 brightness 900
 )";
 
-QString userDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
-}
-
 struct Press {
     double t, targetX, targetY, sensorX, sensorY;
 };
 
-class ManualCalibrationRun : public ::testing::Test {
+class ManualCalibrationRun : public ::testing::Test, protected VeloraRun {
 protected:
-    XvfbServer x;
-    std::unique_ptr<EmulatedRun> run;
-    Display* dpy = nullptr;
-
-    // calibration: the service starts with this file as its stylus calibration.
-    void start(const std::string& extraScene, const QString& calibration = QString())
-    {
-        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
-        dpy = XOpenDisplay(x.display.c_str());
-        ASSERT_TRUE(dpy);
-        run = std::make_unique<EmulatedRun>(std::string(rig) + extraScene);
-        QProcessEnvironment env = run->process.processEnvironment();
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("QT_QUICK_BACKEND", "software");
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        run->process.setProcessEnvironment(env);
-        // The service logs a lot while nobody reads: into a file, so that it never blocks on a pipe.
-        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
-        QDir().mkpath(userDir());
-        if (!calibration.isEmpty())
-            ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
-                                        {QString::fromStdString(run->path("scene.txt")), calibration}),
-                      0);
-        run->startVelora();
-        QElapsedTimer t;
-        t.start();
-        while (!log().contains("Fifo position") && t.elapsed() < 60000)
-            QThread::msleep(50);
-        ASSERT_TRUE(log().contains("Fifo position")) << qPrintable(log());
-    }
-    void TearDown() override
-    {
-        if (run)
-            run->process.kill();
-        if (dpy)
-            XCloseDisplay(dpy);
-    }
-
-    // velora-ctl's exit code and line.
-    std::pair<int, QString> ctl(const QStringList& command)
-    {
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        p.setProcessEnvironment(env);
-        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
-        p.waitForFinished(90000);
-        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
-    }
-
     std::vector<Press> presses() const
     {
         std::vector<Press> out;
@@ -114,30 +52,6 @@ protected:
         xdo_free(xdo);
     }
 
-    std::pair<int, int> pointer()
-    {
-        Window root, child;
-        int x0, y0, wx, wy;
-        unsigned m;
-        XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
-        return {x0, y0};
-    }
-
-    // Seconds since the stream started, by the last frame the emulator sent.
-    double streamTime() const
-    {
-        std::ifstream in(run->path("truth.txt"));
-        std::string line, last;
-        while (std::getline(in, line))
-            if (line.rfind("F ", 0) == 0)
-                last = line;
-        std::istringstream s(last);
-        std::string f, frame;
-        double t = 0;
-        s >> f >> frame >> t;
-        return t;
-    }
-
     bool waitForReleases(size_t n, int ms = 60000)
     {
         QElapsedTimer t;
@@ -154,9 +68,6 @@ protected:
         return false;
     }
 
-    // What the service has logged so far.
-    QString log() const { return QString::fromStdString(run->fileText("velora.log")).right(4000); }
-
     bool waitForPresses(size_t n, int ms = 60000)
     {
         QElapsedTimer t;
@@ -167,18 +78,10 @@ protected:
     }
 };
 
-double distanceToSegment(double px, double py, double ax, double ay, double bx, double by)
-{
-    const double dx = bx - ax, dy = by - ay;
-    double u = ((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy);
-    u = std::clamp(u, 0.0, 1.0);
-    return std::hypot(px - (ax + u * dx), py - (ay + u * dy));
-}
-
 TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPlace)
 {
     // Drawn once the calibration is long done.
-    start("stroke stylus 52 2.0 path 200,200 1100,620\n");
+    start(std::string(rig) + "stroke stylus 52 2.0 path 200,200 1100,620\n");
     EXPECT_EQ(ctl({"stylus"}).second, "not calibrated");
     std::thread undo([&] {
         // One dot taken back once the person has lifted from it: pressed again where it reappears.
@@ -207,17 +110,7 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
     }
 
     // The stroke afterwards moves the desktop's pointer along its path.
-    std::vector<std::pair<int, int>> seen;
-    QElapsedTimer t;
-    t.start();
-    while (t.elapsed() < 60000) {
-        const auto p = pointer();
-        if (seen.empty() || seen.back() != p)
-            seen.push_back(p);
-        QThread::msleep(5);
-        if (t.elapsed() % 500 < 6 && streamTime() > 55)
-            break;
-    }
+    const std::vector<std::pair<int, int>> seen = pointerUntil(55);
     ASSERT_GT(seen.size(), 20u) << "the stroke moved the pointer";
     int far = 0;
     for (size_t i = 1; i < seen.size(); ++i)
@@ -233,7 +126,7 @@ TEST_F(ManualCalibrationRun, EscKeepsTheFormerCalibrationAndLightOnTheScreenIsAD
     const QString file = userDir() + "stylus-velora.ini";
     // Bright enough for the stylus engine at the calibration exposure. The check learns the
     // light that is there before it as background: the reflection comes on while it listens.
-    start("reflection 380 240 8 800 from 20 until 26\n", file);
+    start(std::string(rig) + "reflection 380 240 8 800 from 20 until 26\n", file);
     QFile former(file);
     ASSERT_TRUE(former.open(QIODevice::ReadOnly));
     const QByteArray before = former.readAll();

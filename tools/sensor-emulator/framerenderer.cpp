@@ -74,11 +74,14 @@ void FrameRenderer::buildBase(std::vector<uint8_t>& base, bool picture) const
 void FrameRenderer::spotsAt(double time, const FrameGeometry& g, bool laserOn, std::vector<SpotTruth>& spots) const
 {
     spots.clear();
-    double local = time;
+    if (time < scene.strokesFrom) {
+        return;
+    }
+    double local = time - scene.strokesFrom;
     long cycle = 0;
     if (scene.loopPeriod > 0) {
-        cycle = static_cast<long>(std::floor(time / scene.loopPeriod));
-        local = time - cycle * scene.loopPeriod;
+        cycle = static_cast<long>(std::floor(local / scene.loopPeriod));
+        local -= cycle * scene.loopPeriod;
     }
     const int count = static_cast<int>(scene.strokes.size());
     for (int i = 0; i < count; ++i) {

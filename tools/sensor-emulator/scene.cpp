@@ -159,6 +159,12 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
                 return fail("bridge is fx2 or fx3");
             }
             s.bridge = t[1] == "fx2" ? Bridge::Fx2 : Bridge::Fx3;
+        } else if (key == "loop" && t.size() == 4 && t[2] == "from") {
+            if (!toDouble(t[1], v[0]) || !toDouble(t[3], v[1]) || v[0] < 0 || v[1] < 0) {
+                return fail("loop takes a time in seconds, then from T");
+            }
+            s.loopPeriod = v[0];
+            s.strokesFrom = v[1];
         } else if (key == "appear" || key == "unplug" || key == "loop") {
             if (!nums(1, v) || v[0] < 0) {
                 return fail(key + " takes a time in seconds");

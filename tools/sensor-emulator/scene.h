@@ -55,6 +55,7 @@ public:
     double appearAfter = 0;
     double unplugAt = -1;
     double loopPeriod = 0;
+    double strokesFrom = 0; // strokes run this much later than written
 
     double screenWidth = 1920, screenHeight = 1080;
     double corners[8] = {60, 40, 692, 40, 700, 440, 52, 440};

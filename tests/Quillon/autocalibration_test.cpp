@@ -1,0 +1,325 @@
+// The automatic calibration against a camera that films what its screen last showed through
+// a known homography, a given number of frames late; the screen records the picture ids and
+// can be cancelled at a chosen one.
+#include "autocalibration.h"
+#include "calibration.h"
+#include "iautocalibrationui.h"
+#include "iblobemitter.h"
+#include "idisturbancechecker.h"
+#include "iimagesource.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <opencv2/imgproc.hpp>
+
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <mutex>
+
+namespace {
+
+constexpr int SW = 320, SH = 240, W = 600, H = 400;
+
+class Screen : public IAutoCalibrationUi {
+public:
+    std::mutex lock;
+    std::vector<int> ids;
+    std::vector<std::pair<long, cv::Mat>> shown{{0, cv::Mat::zeros(H, W, CV_8UC1)}};
+    std::atomic<long>* frames = nullptr;
+    int cancelAt = -1; // the id at whose showing the user cancels; 1000: before anything
+    std::atomic<bool> cancelled{false};
+
+    void showImage(unsigned char* data, int w, int h, int id) override
+    {
+        std::lock_guard hold(lock);
+        ids.push_back(id);
+        shown.emplace_back(frames->load(), cv::Mat(h, w, CV_8UC1, data).clone());
+        if (id == cancelAt)
+            cancelled = true;
+    }
+    void show(bool, bool) override {}
+    void showLoading(bool) override {}
+    bool isCancelled() override { return cancelled || cancelAt == 1000; }
+    bool isWindowShown() override { return true; }
+    void bringToFront() override {}
+    int count(int id)
+    {
+        std::lock_guard hold(lock);
+        return int(std::count(ids.begin(), ids.end(), id));
+    }
+};
+
+// Sensor = background + screen picture through the homography, scaled by the exposure.
+class Camera : public IImageSource {
+public:
+    Screen* screen;
+    cv::Mat homography;
+    int latency = 0;
+    bool blind = false;
+    std::function<int(int)> quality; // when set, a frame of that mean deviation at each exposure
+    std::atomic<long> frames{0};
+    std::atomic<int> exposure{60};
+    std::vector<int> exposures;
+    cv::Mat frame;
+
+    explicit Camera(Screen* s) : screen(s)
+    {
+        screen->frames = &frames;
+        const std::vector<cv::Point2f> from{{0, 0}, {W, 0}, {W, H}, {0, H}};
+        const std::vector<cv::Point2f> to{{40, 30}, {290, 20}, {300, 220}, {30, 210}};
+        homography = cv::getPerspectiveTransform(from, to);
+    }
+    unsigned char* getImage() override
+    {
+        const long f = ++frames;
+        if (quality) {
+            // Stripes two pixels wide: the deviation survives the measurement's every-second-pixel walk.
+            frame = cv::Mat(SH, SW, CV_8UC1);
+            const int q = quality(exposure);
+            for (int x = 0; x < SW; ++x)
+                frame.col(x).setTo(x % 4 < 2 ? 128 + q + 1 : 128 - q);
+            return frame.data;
+        }
+        cv::Mat picture;
+        {
+            std::lock_guard hold(screen->lock);
+            picture = screen->shown.front().second;
+            for (const auto& [at, p] : screen->shown)
+                if (at + 1 + latency <= f)
+                    picture = p;
+        }
+        cv::Mat seen = cv::Mat::zeros(SH, SW, CV_8UC1);
+        if (!blind)
+            cv::warpPerspective(picture, seen, homography, seen.size());
+        seen.convertTo(frame, CV_8UC1, 0.8 * exposure / 60.0, 10.0 * exposure / 60.0);
+        return frame.data;
+    }
+    void setExposure(int e) override
+    {
+        exposure = e;
+        exposures.push_back(e);
+    }
+    int getExposure() override { return exposure; }
+    void switchFilter() override {}
+};
+
+class Emitter : public IBlobEmitter {
+public:
+    std::unique_ptr<Calibration> calibration;
+    void addBlobListener(IBlobListener*) override {}
+    void removeBlobListener(IBlobListener*) override {}
+    void resetBackgroundTable() override {}
+    bool setCalibration(Calibration* c) override { return calibration.reset(c), c; }
+    void updateLumerailCalibration() override {}
+    Calibration* getCalibration() override { return calibration.get(); }
+    void setProcessing(bool) override {}
+    void emulateBlob(int, int) override {}
+    void updateShiftCorrection() override {}
+};
+
+class Checker : public IDisturbanceChecker {
+public:
+    bool disturbed = false;
+    void newBlob(Blob*, std::vector<Blob*>, unsigned char*) override {}
+    void newBlobList(std::vector<Blob*>) override {}
+    bool checkIsDisturbanceOnScreen() override { return disturbed; }
+    bool checkIsDisturbanceAnywhere() override { return disturbed; }
+};
+
+const char* factoryLines[] = {"cols: 4", "rows: 4", "radius: 16", "margin x: 0.1", "margin y: 0.125", "-: 0",
+                              "weights: 5", "gaps: 5", "angle: 30", "floor: 10", "-: 160000", "start: 60",
+                              "step: 20", "-: 0", "shift x: 0", "shift y: 0", "left: 0", "right: 0", "top: 0",
+                              "bottom: 0", "growth: 0", "delay: 200", "refine: 5", "up: 0.33", "down: 0.6",
+                              "fixed: 0", "table: 0"};
+
+// One run's world; the procedure goes first, as it waits for its worker.
+struct Rig {
+    Screen screen;
+    Camera camera{&screen};
+    Emitter emitter;
+    Checker checker;
+    std::unique_ptr<AutoCalibration> ac{new AutoCalibration(&checker, &emitter)};
+};
+
+class AutoCalibrationTest : public ::testing::Test {
+protected:
+    QTemporaryDir dir;
+    Rig rig;
+    Screen& screen = rig.screen;
+    Camera& camera = rig.camera;
+    Emitter& emitter = rig.emitter;
+    Checker& checker = rig.checker;
+    std::unique_ptr<AutoCalibration>& ac = rig.ac;
+
+    std::string config(std::vector<std::string> lines)
+    {
+        const std::string path = dir.filePath("ac.conf").toStdString();
+        std::ofstream out(path);
+        for (const std::string& l : lines)
+            out << l << "\n";
+        return path;
+    }
+    std::vector<std::string> factory() { return {std::begin(factoryLines), std::end(factoryLines)}; }
+    void prepare()
+    {
+        ac->source = &camera;
+        ac->ui = &screen;
+        ac->sensorWidth = SW, ac->sensorHeight = SH, ac->screenWidth = W, ac->screenHeight = H;
+        ac->framesPerImage = 3;
+    }
+    // start() to finished(), with three frames to a picture.
+    int run(Rig& r, bool debug = false)
+    {
+        std::string path = config(factory());
+        std::atomic<int> status{99};
+        QObject::connect(r.ac.get(), &Procedure::finished, [&](int s) { status = s; });
+        r.ac->framesPerImage = 3;
+        r.ac->start(&r.camera, &r.screen, path.data(), dir.filePath("debug").toStdString(), W, H, SW, SH, debug,
+                    true);
+        while (status == 99)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        return status;
+    }
+    int run(bool debug = false) { return run(rig, debug); }
+};
+
+TEST_F(AutoCalibrationTest, ConfigGoesByLineNumber)
+{
+    std::vector<std::string> lines = factory();
+    lines[12] = "12.5";          // no colon: all of it is the value
+    lines[21] = "delay: 350 ms"; // both waits from one line
+    lines[26] = "table top: 1";
+    ac->configPath = config(lines);
+    ac->loadConfig();
+    EXPECT_EQ(ac->patternCols, 4);
+    EXPECT_DOUBLE_EQ(ac->marginY, 0.125);
+    EXPECT_DOUBLE_EQ(ac->exposure, 60);
+    EXPECT_DOUBLE_EQ(ac->exposureStep, 12.5);
+    EXPECT_EQ(ac->maxDelayMs, 350);
+    EXPECT_EQ(ac->interframeDelayMs, 350);
+    EXPECT_TRUE(ac->tableTop);
+
+    // 26 lines: the last setting keeps what it had; a missing file leaves everything.
+    lines.pop_back();
+    lines[0] = "cols: 7";
+    auto fresh = std::make_unique<AutoCalibration>(&checker, &emitter);
+    fresh->configPath = config(lines);
+    fresh->loadConfig();
+    EXPECT_EQ(fresh->patternCols, 7);
+    EXPECT_FALSE(fresh->tableTop);
+    fresh->configPath = dir.filePath("none").toStdString();
+    fresh->loadConfig();
+    EXPECT_EQ(fresh->patternCols, 7);
+}
+
+struct Search {
+    const char* name;
+    int start, floor, refineSteps;
+    std::function<int(int)> quality;
+    int best;
+    std::vector<int> tried;
+};
+
+TEST_F(AutoCalibrationTest, ExposureSearchFollowsTheQualityCurve)
+{
+    auto peak = [](int at) { return [at](int e) { return 100 - std::abs(e - at) / 4; }; };
+    const Search cases[] = {
+        {"climbs, then fine steps to the first drop", 100, 10, 5, peak(200), 204, {100, 140, 180, 220, 188, 196, 204, 212}},
+        {"climb past the top stops below it", 900, 10, 5, [](int e) { return e / 10; }, 996, {900, 940, 980, 988, 996}},
+        {"less than the start, down from the floor's side", 300, 100, 5, peak(200), 228, {300, 340, 260, 252, 244, 236, 228}},
+        {"one refine step at the floor: no fine stage", 300, 100, 1, peak(200), 260, {300, 340, 260}},
+        {"down walk stops at the floor", 300, 250, 5, peak(200), 250, {300, 340, 260, 252}},
+        {"near the best, slightly less", 200, 10, 5, peak(190), 168, {200, 240, 160, 192, 184, 176, 168}},
+        {"equal first qualities, slightly more", 200, 10, 5, [](int) { return 50; }, 232, {200, 240, 160, 208, 216, 224, 232}},
+    };
+    prepare();
+    ac->exposureStep = 40;
+    const cv::Mat region(SH, SW, CV_8UC1, cv::Scalar(255));
+    for (const Search& c : cases) {
+        camera.quality = c.quality;
+        camera.exposures.clear();
+        ac->exposureFloor = c.floor;
+        ac->refineSteps = c.refineSteps;
+        EXPECT_EQ(ac->findBestExposure(c.start, region), c.best) << c.name;
+        EXPECT_EQ(camera.exposures, c.tried) << c.name;
+    }
+}
+
+TEST_F(AutoCalibrationTest, LatencyIsTheFirstSettledPicture)
+{
+    prepare();
+    for (const auto& [frames, ms] : {std::pair{0, 100}, {1, 100}, {3, 200}, {5, 300}}) {
+        camera.latency = frames;
+        ac->maxDelayMs = 600;
+        // Bright and settled before the change to black.
+        screen.showImage(cv::Mat(H, W, CV_8UC1, cv::Scalar(255)).data, W, H, 3);
+        for (int i = 0; i <= frames; ++i)
+            camera.getImage();
+        EXPECT_EQ(ac->getDelayInProjection(), ms) << frames << " frames late";
+        EXPECT_EQ(ac->interframeDelayMs, ms);
+        EXPECT_EQ(ac->maxDelayMs, ms);
+    }
+}
+
+TEST_F(AutoCalibrationTest, FoundGridIsTheScreenGridThroughTheCamera)
+{
+    // One frame late: the first frame of each picture is the old one, and it is not counted.
+    camera.latency = 1;
+    ASSERT_EQ(run(true), 1);
+    ASSERT_TRUE(emitter.calibration);
+    const Calibration& c = *emitter.calibration;
+    ASSERT_EQ(c.srcPoints.size(), 16u);
+    const std::vector<EVector> dst = c.calcDstPoints(W, H);
+    for (size_t i = 0; i < dst.size(); ++i) {
+        std::vector<cv::Point2f> p{cv::Point2f(dst[i].x, dst[i].y)}, q;
+        cv::perspectiveTransform(p, q, camera.homography);
+        EXPECT_NEAR(c.srcPoints[i].x, q[0].x, 1.0) << i;
+        EXPECT_NEAR(c.srcPoints[i].y, q[0].y, 1.0) << i;
+    }
+    EXPECT_EQ(screen.ids.front(), 0) << "the checkerboard first";
+    for (int row = 0; row < 4; ++row)
+        EXPECT_EQ(screen.count(100 + row), 1) << row;
+
+    QFile log(dir.filePath("debug/rightExposerLog.txt"));
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    const QString text = log.readAll();
+    EXPECT_TRUE(text.contains("Final Exposure: 80") && text.contains("Finally set Exposure: 26")) << qPrintable(text);
+    for (const char* picture : {"black0.png", "border_debug1.png", "newblack0.png", "findpattern3.png"})
+        EXPECT_TRUE(QFile::exists(dir.filePath("debug/") + picture)) << picture;
+}
+
+TEST_F(AutoCalibrationTest, StatusOfTheRun)
+{
+    checker.disturbed = true;
+    EXPECT_EQ(run(), -2) << "light on the screen after the calibration";
+    EXPECT_TRUE(emitter.calibration) << "it stays in force all the same";
+}
+
+TEST_F(AutoCalibrationTest, BlindCameraTriesEachRowThreeTimesThenInverted)
+{
+    camera.blind = true;
+    EXPECT_EQ(run(), 0);
+    EXPECT_FALSE(emitter.calibration);
+    EXPECT_EQ(screen.count(100), 3);
+    EXPECT_EQ(screen.count(200), 1);
+}
+
+TEST_F(AutoCalibrationTest, CancelledAtEachCheck)
+{
+    // Before the window opens, in the background step, between rows, in the inverted pass.
+    for (const int at : {1000, 2, 3, 101, 200}) {
+        Rig r;
+        r.screen.cancelAt = at;
+        r.camera.blind = at == 200;
+        EXPECT_EQ(run(r), -3) << at;
+        EXPECT_FALSE(r.emitter.calibration) << at;
+        EXPECT_EQ(r.screen.ids.empty(), at == 1000) << at;
+    }
+}
+
+} // namespace

@@ -1,0 +1,135 @@
+// A manual calibration asked for in finger mode, end to end: velora on the emulated sensor,
+// whose projector shows the private X server's screen, and emulated people who press the red
+// centre of each crosshair. One velora run per course: the automatic calibration and then the
+// finger dots; or, when the automatic one sees nothing, the stylus dots in its place and then
+// the finger dots. Each must answer once, leave the files of the procedures that ran, and end
+// in finger mode with the laser curtain on.
+#include "calibration.h"
+#include "globalsettings.h"
+#include "velorarun.h"
+
+namespace {
+
+// The stylus presses only the stylus dots: the finger dots lie elsewhere, and with the laser
+// off for the stylus dots the finger's presses there are not seen. The banner of a failed
+// automatic calibration is a darker red than the crosshair's centre: the tolerance keeps it out.
+constexpr const char* fingerUser =
+    "user finger 0 target #ff0000 tolerance 30 reaction 0.3 accuracy 1 hold 0.8\n";
+constexpr const char* stylusUser =
+    "user stylus 0 target #ff0000 tolerance 30 reaction 0.3 accuracy 1 hold 0.45 size 8 brightness 900 count 25\n";
+
+struct Course {
+    const char* name;
+    const char* scene;
+    bool automaticHolds;  // the stylus file is the automatic calibration's; else the stylus dots'
+    int manualRuns;
+};
+
+const Course courses[] = {
+    {"AutomaticThenFingerDots",
+     "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n", true, 1},
+    // The camera sees a plain lit screen, none of the automatic calibration's dots.
+    {"StylusDotsInPlaceOfAFailedAutomatic", "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\n", false,
+     2},
+};
+
+struct Press {
+    std::string kind;
+    double targetX, targetY, sensorX, sensorY;
+};
+
+class FingerCourse : public ::testing::TestWithParam<Course>, protected VeloraRun {
+protected:
+    std::vector<Press> presses() const
+    {
+        std::vector<Press> out;
+        std::istringstream in(run->fileText("truth.txt"));
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind("P ", 0) != 0)
+                continue;
+            std::istringstream s(line.substr(2));
+            Press p;
+            double t, pressX, pressY;
+            std::string id;
+            s >> t >> id >> p.kind >> p.targetX >> p.targetY >> pressX >> pressY >> p.sensorX >> p.sensorY;
+            out.push_back(p);
+        }
+        return out;
+    }
+
+    // The file holds the dot grid of the given margins, each point where that kind last
+    // pressed its dot.
+    void expectPressedGrid(const char* file, const std::string& kind, double marginX, double marginY)
+    {
+        SCOPED_TRACE(file);
+        std::unique_ptr<Calibration> c(Calibration::read((userDir() + file).toLocal8Bit().constData()));
+        ASSERT_TRUE(c) << "the file was written";
+        ASSERT_EQ(c->srcPoints.size(), 25u);
+        EXPECT_DOUBLE_EQ(c->marginX, marginX);
+        EXPECT_DOUBLE_EQ(c->marginY, marginY);
+        const std::vector<Press> ps = presses();
+        const std::vector<EVector> dst = c->calcDstPoints(1280, 800);
+        for (size_t i = 0; i < dst.size(); ++i) {
+            const Press* last = nullptr;
+            for (const Press& p : ps)
+                if (p.kind == kind && std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < 3)
+                    last = &p;
+            ASSERT_TRUE(last) << "no " << kind << " press at dot " << i;
+            EXPECT_NEAR(c->srcPoints[i].x, last->sensorX, 1.0) << i;
+            EXPECT_NEAR(c->srcPoints[i].y, last->sensorY, 1.0) << i;
+        }
+    }
+
+    // The last value the service wrote to an imager register.
+    int lastRegister(int reg) const
+    {
+        int value = -1;
+        for (const EmulatedRun::Write& w : run->pairedWrites(true))
+            if (w.kind == "reg" && w.a == reg)
+                value = w.b;
+        return value;
+    }
+};
+
+TEST_P(FingerCourse, EndsWithTheFilesOfItsProceduresInFingerModeWithTheLaserOn)
+{
+    const Course& c = GetParam();
+    // The two runs share one home: each starts uncalibrated.
+    QDir(userDir()).removeRecursively();
+    start(std::string(c.scene) + fingerUser + (c.automaticHolds ? "" : stylusUser));
+    ASSERT_EQ(ctl({"finger"}).second, "not calibrated");
+
+    QElapsedTimer asked;
+    asked.start();
+    const auto [code, text] = ctl({"calibrate", "manual"});
+    const qint64 tookMs = asked.elapsed();
+    RecordProperty("answer_ms", int(tookMs));
+    printf("%s: answer after %lld ms\n", c.name, static_cast<long long>(tookMs));
+    EXPECT_EQ(text, "calibration done") << qPrintable(log());
+    EXPECT_EQ(code, 0);
+
+    const QString all = QString::fromStdString(run->fileText("velora.log"));
+    EXPECT_EQ(all.count("MC triggered in touch mode"), 1);
+    EXPECT_EQ(all.count("Start MC"), c.manualRuns) << "manual calibrations run";
+
+    GS* gs = GS::instance();
+    if (c.automaticHolds) {
+        std::unique_ptr<Calibration> ac(
+            Calibration::read((userDir() + "stylus-velora.ini").toLocal8Bit().constData()));
+        ASSERT_TRUE(ac) << "the automatic calibration's file";
+        EXPECT_EQ(ac->cols, 6) << "the grid of ac.conf";
+        EXPECT_EQ(ac->srcPoints.size(), size_t(ac->cols) * ac->rows);
+    } else {
+        expectPressedGrid("stylus-velora.ini", "stylus", gs->mcMarginX, gs->mcMarginY);
+    }
+    expectPressedGrid("finger-velora.ini", "finger", gs->mcTouchMarginX, gs->mcTouchMarginY);
+
+    EXPECT_EQ(lastRegister(27), 0) << "the laser curtain is on";
+    EXPECT_EQ(lastRegister(11), gs->fingerExposure) << "the finger exposure is set";
+    EXPECT_EQ(ctl({"status"}).second, "ready");
+}
+
+INSTANTIATE_TEST_SUITE_P(Courses, FingerCourse, ::testing::ValuesIn(courses),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
