@@ -389,9 +389,11 @@ Rectangle {
         }
     }
 
+    // Between the rows of dots, clear of the middle one.
     Column {
         visible: root.view === "auto"
         anchors.centerIn: parent
+        anchors.verticalCenterOffset: -root.height * 0.2
         spacing: 30 * root.rRatio
         Text {
             text: root.pressAndHoldText
