@@ -3,6 +3,8 @@
 #include "autocalibration.h"
 #include "autocalibrationui.h"
 #include "disturbancechecker.h"
+#include "laseralignment.h"
+#include "laseralignui.h"
 #include "lumerailcalibrationui.h"
 #include "manualcalibration.h"
 #include "manualcalibrationui.h"
@@ -57,9 +59,9 @@ ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibra
     return nullptr;
 }
 
-ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter*, IPointerController*)
+ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter* emitter, IPointerController* pointer)
 {
-    return nullptr;
+    return new LaserAlignment(emitter, pointer, new LaserAlignUi(), new DisturbanceChecker());
 }
 
 IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi*, IBlobEmitter*)

@@ -120,7 +120,11 @@ SpotTruth FrameRenderer::spotAt(int id, Scene::SpotKind kind, double screenX, do
     t.kind = kind;
     t.screenX = screenX;
     t.screenY = screenY;
-    projection.toSensor(screenX, screenY, t.sensorX, t.sensorY);
+    // A curtain too high lights the finger above the surface: it is seen off its touch.
+    if (kind == Scene::SpotKind::Finger)
+        projection.toSensor(screenX + scene.curtainX, screenY + scene.curtainY, t.sensorX, t.sensorY);
+    else
+        projection.toSensor(screenX, screenY, t.sensorX, t.sensorY);
     t.imageX = g.x / g.binX + (t.sensorX - g.x - (g.binX - 1) / 2.0) / g.binX;
     t.imageY = g.y / g.binY + (t.sensorY - g.y - (g.binY - 1) / 2.0) / g.binY;
     t.lit = kind == Scene::SpotKind::Stylus || laserOn;

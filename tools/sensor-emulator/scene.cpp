@@ -309,6 +309,12 @@ bool Scene::parse(const std::string& text, const std::string& name, const std::s
                 return fail("laser is follow, on or off");
             }
             s.laser = t[1] == "on" ? LaserMode::On : t[1] == "off" ? LaserMode::Off : LaserMode::Follow;
+        } else if (key == "curtain") {
+            if (!nums(2, v)) {
+                return fail("curtain takes the finger's displacement x, y in screen pixels");
+            }
+            s.curtainX = v[0];
+            s.curtainY = v[1];
         } else if (key == "exposure") {
             if (!nums(1, v) || v[0] < 1 || v[0] > 65535) {
                 return fail("exposure takes the reference exposure (1 to 65535)");

@@ -65,6 +65,8 @@ public:
     unsigned seed = 1;
     std::vector<Reflection> reflections;
     LaserMode laser = LaserMode::Follow;
+    // Where a finger is seen relative to where it touches, in screen pixels.
+    double curtainX = 0, curtainY = 0;
     int exposureReference = 50;
     bool stamp = false;
 

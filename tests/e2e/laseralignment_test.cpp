@@ -1,0 +1,327 @@
+// The laser alignment end to end: velora on the emulated sensor and a private X server, driven
+// by velora-ctl. The curtain of the scene shows each finger off the point it touches; one
+// emulated person holds each blue dot of the alignment until it changes, another taps a purple
+// square the test puts on the desktop before and after, where the pointer lands is read back.
+// A reflection comes on while the dots are pressed, far from all of them, so that only the
+// final check sees it.
+#include "calibration.h"
+#include "emulatedrun.h"
+#include "xvfbserver.h"
+
+#include <QImage>
+#include <QThread>
+
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+extern "C" {
+#include <xdo.h>
+}
+
+#include <atomic>
+#include <cmath>
+#include <thread>
+
+namespace {
+
+// The reflection: sensor (270, 170) is about screen (384, 240), over 250 pixels from every dot.
+constexpr double reflectionOn = 26.0, reflectionOff = 46.0;
+constexpr const char* scene = R"(screen 1280 800
+corners 120 72 634 50 676 428 88 402
+lens factory
+noise 2
+projector display
+exposure 30
+curtain 14 -10
+user finger 0 target #00acea tolerance 12 reaction 0.3 hold change
+user finger 0 target #a000ff tolerance 12 reaction 0.3 hold 0.6
+reflection 270 170 6 160 from 26 until 46
+)";
+
+// The nine dots of the auto correction on this screen, column by column.
+std::vector<QPoint> dots()
+{
+    std::vector<QPoint> out;
+    for (int x : {128, 640, 1152})
+        for (int y : {80, 400, 720})
+            out.emplace_back(x, y);
+    return out;
+}
+
+bool doneGreen(QRgb c)
+{
+    return qGreen(c) >= 130 && qRed(c) <= 40 && qBlue(c) <= 50;
+}
+bool activeBlue(QRgb c)
+{
+    return qBlue(c) >= 200 && qGreen(c) >= 150 && qRed(c) <= 40;
+}
+
+struct Press {
+    double t;
+    int id;
+    double pressX, pressY;
+};
+
+class LaserAlignmentRun : public ::testing::Test {
+protected:
+    XvfbServer x;
+    std::unique_ptr<EmulatedRun> run;
+    Display* dpy = nullptr;
+    QString home;
+
+    void TearDown() override
+    {
+        if (run)
+            run->process.kill();
+        // For a failed run, the service's log and the ground truth beside the pictures.
+        if (run && HasFailure())
+            for (const char* name : {"velora.log", "truth.txt"}) {
+                const QString kept = QString(VELORA_SCREENSHOT_DIR "/laseralign-") + name;
+                QFile::remove(kept);
+                QFile::copy(QString::fromStdString(run->path(name)), kept);
+            }
+        if (dpy)
+            XCloseDisplay(dpy);
+    }
+
+    QProcessEnvironment environment(QProcessEnvironment env) const
+    {
+        env.insert("DISPLAY", QString::fromStdString(x.display));
+        // A home of its own: the user's settings and calibrations stay untouched.
+        env.insert("HOME", home);
+        env.insert("XDG_CONFIG_HOME", home + "/.config");
+        return env;
+    }
+
+    QString userDir() const { return home + "/Documents/Velora/"; }
+
+    void start()
+    {
+        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
+        dpy = XOpenDisplay(x.display.c_str());
+        ASSERT_TRUE(dpy);
+        run = std::make_unique<EmulatedRun>(scene);
+        home = QString::fromStdString(run->path("home"));
+        QDir().mkpath(userDir());
+        QProcessEnvironment env = environment(run->process.processEnvironment());
+        env.insert("QT_QPA_PLATFORM", "xcb");
+        env.insert("QT_QUICK_BACKEND", "software");
+        run->process.setProcessEnvironment(env);
+        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
+        // The stylus calibration serves the finger too, so the alignment's result is saved.
+        ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
+                                    {QString::fromStdString(run->path("scene.txt")), userDir() + "stylus-velora.ini"}),
+                  0);
+        run->startVelora();
+        QElapsedTimer t;
+        t.start();
+        while (!log().contains("Fifo position") && t.elapsed() < 60000)
+            QThread::msleep(50);
+        ASSERT_TRUE(log().contains("Fifo position")) << qPrintable(log());
+    }
+
+    std::pair<int, QString> ctl(const QStringList& command)
+    {
+        QProcess p;
+        p.setProcessEnvironment(environment(QProcessEnvironment::systemEnvironment()));
+        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
+        p.waitForFinished(120000);
+        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
+    }
+
+    QString log() const { return QString::fromStdString(run->fileText("velora.log")); }
+
+    std::vector<std::vector<std::string>> truth(const char* kind) const
+    {
+        std::vector<std::vector<std::string>> out;
+        std::istringstream in(run->fileText("truth.txt"));
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind(kind, 0) != 0)
+                continue;
+            std::istringstream ws(line);
+            std::vector<std::string> w;
+            for (std::string s; ws >> s;)
+                w.push_back(s);
+            out.push_back(w);
+        }
+        return out;
+    }
+
+    double streamTime() const
+    {
+        const auto frames = truth("F ");
+        return frames.empty() ? 0 : std::stod(frames.back()[2]);
+    }
+
+    // The presses of the probe square: those whose target is its centre.
+    std::vector<Press> probePresses(QPoint at) const
+    {
+        std::vector<Press> out;
+        for (const auto& w : truth("P ")) {
+            if (w.size() < 8 || std::hypot(std::stod(w[4]) - at.x(), std::stod(w[5]) - at.y()) > 2)
+                continue;
+            out.push_back({std::stod(w[1]), std::stoi(w[2]), std::stod(w[6]), std::stod(w[7])});
+        }
+        return out;
+    }
+
+    bool released(int id) const
+    {
+        for (const auto& w : truth("R "))
+            if (w.size() >= 3 && std::stoi(w[2]) == id)
+                return true;
+        return false;
+    }
+
+    // A purple square at a desktop point, over everything; the other person presses it.
+    Window showProbe(QPoint at)
+    {
+        XSetWindowAttributes a{};
+        a.override_redirect = True;
+        a.background_pixel = 0xa000ff;
+        const Window w = XCreateWindow(dpy, DefaultRootWindow(dpy), at.x() - 12, at.y() - 12, 24, 24, 0,
+                                       CopyFromParent, InputOutput, CopyFromParent,
+                                       CWOverrideRedirect | CWBackPixel, &a);
+        XMapRaised(dpy, w);
+        XSync(dpy, False);
+        return w;
+    }
+
+    // Shows the square until a new press of it has been released; where the pointer was left
+    // and where the finger touched.
+    std::pair<QPointF, QPointF> tapProbe(QPoint at)
+    {
+        const size_t before = probePresses(at).size();
+        const Window w = showProbe(at);
+        QElapsedTimer t;
+        t.start();
+        std::pair<QPointF, QPointF> result{{-1000, -1000}, {0, 0}};
+        while (t.elapsed() < 20000) {
+            QThread::msleep(20);
+            const auto ps = probePresses(at);
+            if (ps.size() <= before || !released(ps[before].id))
+                continue;
+            // The release reaches the desktop a frame or two after the emulator lifts.
+            QThread::msleep(300);
+            Window root, child;
+            int x0, y0, wx, wy;
+            unsigned m;
+            XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
+            result = {QPointF(x0, y0), QPointF(ps[before].pressX, ps[before].pressY)};
+            break;
+        }
+        XDestroyWindow(dpy, w);
+        XSync(dpy, False);
+        return result;
+    }
+
+    QImage grab()
+    {
+        XSync(dpy, False);
+        const Window root = DefaultRootWindow(dpy);
+        XWindowAttributes a;
+        XGetWindowAttributes(dpy, root, &a);
+        XImage* xi = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
+        QImage img(reinterpret_cast<const uchar*>(xi->data), a.width, a.height, xi->bytes_per_line,
+                   QImage::Format_RGB32);
+        img = img.copy();
+        XDestroyImage(xi);
+        return img;
+    }
+
+    void key(const char* name)
+    {
+        xdo_t* xdo = xdo_new(x.display.c_str());
+        xdo_send_keysequence_window(xdo, CURRENTWINDOW, name, 0);
+        xdo_free(xdo);
+    }
+};
+
+int count(const QImage& img, bool (*match)(QRgb))
+{
+    int n = 0;
+    for (const QPoint& d : dots())
+        // Beside the centre, where the check mark is drawn.
+        n += match(img.pixel(d.x() + 14, d.y()));
+    return n;
+}
+
+TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalCheckSeesLight)
+{
+    start();
+    ASSERT_EQ(ctl({"finger"}).first, 0) << qPrintable(log());
+    // The finger engine learns its background first: a finger there then would become part of it.
+    const double learnt = streamTime() + 3.0;
+    while (streamTime() < learnt)
+        QThread::msleep(20);
+    const QPoint probe(640, 400);
+    const auto [beforeAt, beforeTouch] = tapProbe(probe);
+    const double beforeOff = std::hypot(beforeAt.x() - beforeTouch.x(), beforeAt.y() - beforeTouch.y());
+    EXPECT_GT(beforeOff, 6.0) << "the curtain puts the finger off its touch before the alignment";
+
+    // The dots come up before the reflection and take longer than it needs to come on.
+    ASSERT_LT(streamTime(), reflectionOn - 5) << "the run is slower than the scene's timing";
+    while (streamTime() < reflectionOn - 5)
+        QThread::msleep(20);
+
+    std::atomic<bool> aligning{true};
+    QImage allGreen, someGreen;
+    std::thread watch([&] {
+        while (aligning) {
+            const QImage img = grab();
+            const int green = count(img, doneGreen), blue = count(img, activeBlue);
+            if (green > 0 && blue > 0 && someGreen.isNull())
+                someGreen = img;
+            if (green == 9)
+                allGreen = img;
+            QThread::msleep(80);
+        }
+    });
+    std::thread cancel([&] {
+        QElapsedTimer t;
+        t.start();
+        while (!log().contains("Light disturbance in laser alignment") && t.elapsed() < 90000)
+            QThread::msleep(50);
+        QThread::msleep(600);
+        aligning = false;
+        const QImage retry = grab();
+        retry.save(VELORA_SCREENSHOT_DIR "/laseralign-retry.png");
+        // The retry view: its two dark buttons in the middle of the screen.
+        int button = 0;
+        for (int y = 300; y < 500; ++y)
+            for (int x = 300; x < 980; ++x)
+                button += retry.pixel(x, y) == qRgb(0x4a, 0x4a, 0x4a);
+        EXPECT_GT(button, 2000) << "Retry and Cancel are shown";
+        // Left once the light is gone: the desktop's pointer comes back with no touch on.
+        while (streamTime() < reflectionOff + 0.5)
+            QThread::msleep(50);
+        key("Escape");
+    });
+    const auto [code, text] = ctl({"align"});
+    aligning = false;
+    cancel.join();
+    watch.join();
+    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(log().right(4000));
+    EXPECT_NE(text, "cancelled") << "left at the final check, the run counts as done";
+
+    ASSERT_FALSE(someGreen.isNull()) << "a dot turned green while others waited";
+    someGreen.save(VELORA_SCREENSHOT_DIR "/laseralign-progress.png");
+    ASSERT_FALSE(allGreen.isNull()) << "all nine dots turned green";
+    allGreen.save(VELORA_SCREENSHOT_DIR "/laseralign-done.png");
+
+    // Saved with the calibration in force: the shifts moved the way the curtain pushed.
+    std::unique_ptr<Calibration> saved(Calibration::read((userDir() + "stylus-velora.ini").toLocal8Bit().constData()));
+    ASSERT_TRUE(saved);
+    ASSERT_EQ(saved->shifts.size(), 9u);
+    int moved = 0;
+    for (const EVector& s : saved->shifts)
+        moved += std::hypot(s.x, s.y) > 1.0;
+    EXPECT_EQ(moved, 9) << "every dot's shift was corrected";
+
+    const auto [afterAt, afterTouch] = tapProbe(probe);
+    EXPECT_LE(std::hypot(afterAt.x() - afterTouch.x(), afterAt.y() - afterTouch.y()), 3.0)
+        << "pointer at " << afterAt.x() << "," << afterAt.y() << " for a touch at " << afterTouch.x() << ","
+        << afterTouch.y() << "; before it was " << beforeOff << " off";
+}
+
+} // namespace
