@@ -2,9 +2,11 @@
 
 #include "autocalibrationui.h"
 #include "disturbancechecker.h"
+#include "lumerailcalibration.h"
 #include "lumerailcalibrationui.h"
 #include "manualcalibration.h"
 #include "manualcalibrationui.h"
+#include "offsetcorrection.h"
 #include "offsetcorrectionui.h"
 
 IDisturbanceChecker* ProcedureFactory::makeDisturbanceChecker()
@@ -49,9 +51,10 @@ IManualCalibration* ProcedureFactory::makeManualCalibration(IManualCalibrationUi
     return new ManualCalibration(ui, emitter, sensor);
 }
 
-ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibrationUi*, IBlobEmitter*, Sensor*)
+ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibrationUi* ui, IBlobEmitter* emitter,
+                                                                Sensor* sensor)
 {
-    return nullptr;
+    return new LumerailCalibration(ui, emitter, sensor);
 }
 
 ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter*, IPointerController*)
@@ -59,9 +62,9 @@ ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter*, IPointerCon
     return nullptr;
 }
 
-IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi*, IBlobEmitter*)
+IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi* ui, IBlobEmitter* emitter)
 {
-    return nullptr;
+    return new OffsetCorrection(ui, emitter);
 }
 
 ISensorViewer* ProcedureFactory::makeSensorViewer(ISensorViewerUi*, IImageSource*)
