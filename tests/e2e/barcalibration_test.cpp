@@ -4,7 +4,9 @@
 // beside the screen reach the listeners' outside calls.
 #include "calibration.h"
 #include "endtoendrun.h"
+#include "ilumerailcalibration.h"
 #include "ilumerailcalibrationui.h"
+#include "multipointercontroller.h"
 #include "procedurefactory.h"
 
 #include <atomic>
