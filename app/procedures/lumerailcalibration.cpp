@@ -224,6 +224,7 @@ void LumerailCalibration::finishPoint(const std::vector<EVector>& sample)
     {
         std::lock_guard hold(dotsLock);
         collected.push_back(sample);
+        qDebug() << "LRC point" << collected.size() << sample.back().x << sample.back().y;
         if (static_cast<int>(collected.size()) < BarPoints) {
             crosshairNumber++;
             ui->setLumerailCrossHairNum(crosshairNumber);

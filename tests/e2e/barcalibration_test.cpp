@@ -13,7 +13,8 @@
 
 namespace {
 
-// A small screen in the middle of the sensor leaves room for the bar around it. The four points
+// A small screen in the middle of the sensor leaves room for the bar around it; the bar keeps
+// close to the screen, where the lens still shows it. The four points
 // repeat every 3.2 s, so the run catches them whenever it starts listening, one after the other.
 const char* const scene = R"(
 screen 1280 800
@@ -21,12 +22,12 @@ corners 150 90 602 90 610 390 142 390
 lens factory
 stamp on
 loop 3.2
-tap stylus 0.4 0.45 size 9 brightness 900 at -120,-90
-tap stylus 1.2 0.45 size 9 brightness 900 at 1400,-90
-tap stylus 2.0 0.45 size 9 brightness 900 at 1400,890
-tap stylus 2.8 0.3 size 9 brightness 900 at -120,890
+tap stylus 0.4 0.45 size 9 brightness 900 at -80,-60
+tap stylus 1.2 0.45 size 9 brightness 900 at 1360,-60
+tap stylus 2.0 0.45 size 9 brightness 900 at 1360,860
+tap stylus 2.8 0.3 size 9 brightness 900 at -80,860
 )";
-const EVector bar[4] = {{-120, -90}, {1400, -90}, {1400, 890}, {-120, 890}};
+const EVector bar[4] = {{-80, -60}, {1360, -60}, {1360, 860}, {-80, 860}};
 
 // No window here: the screen's calls go nowhere.
 class QuietBarScreen : public ILumerailCalibrationUi {
