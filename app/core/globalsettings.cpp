@@ -329,14 +329,14 @@ void GS::saveUserSettings()
     out << inputMode.load() << '\n'
         << profile << '\n'
         << (autostart ? 1 : 0) << '\n'
-        << pointerMode << '\n'
+        << pointerMode.load() << '\n'
         << performanceLevel << '\n'
-        << offsetLeft << '\n'
-        << offsetRight << '\n'
-        << offsetC << '\n'
-        << offsetD << '\n'
-        << offsetTop << '\n'
-        << offsetBottom;
+        << offsetLeft.load() << '\n'
+        << offsetRight.load() << '\n'
+        << offsetC.load() << '\n'
+        << offsetD.load() << '\n'
+        << offsetTop.load() << '\n'
+        << offsetBottom.load();
     out.flush();
     if (!writeFileWhole(QString::fromStdString(userSettingsPath), text))
         qDebug() << "user settings could not be written to" << QString::fromStdString(userSettingsPath);

@@ -162,19 +162,19 @@ public:
     int spareInt = 0;
     bool spareFlag = false;
     bool scanBoxLargeCheck = false;
-    double offsetLeft = 1.0;
-    double offsetRight = 1.0;
-    double offsetC = 0.0;
-    double offsetD = 0.0;
-    double offsetTop = 1.0;
-    double offsetBottom = 1.0;
+    std::atomic<double> offsetLeft{1.0};
+    std::atomic<double> offsetRight{1.0};
+    std::atomic<double> offsetC{0.0};
+    std::atomic<double> offsetD{0.0};
+    std::atomic<double> offsetTop{1.0};
+    std::atomic<double> offsetBottom{1.0};
     QString guardKey = QStringLiteral("velora");
     int rightClickTolerance = 5;
     int rightClickTime = 600;
     int doubleClickTolerance = 15;
     int doubleClickTime = 700;
     bool spareFlag2 = false;
-    int pointerMode = 0;
+    std::atomic<int> pointerMode{0};
     int performanceLevel = 2;
 
     GS();

@@ -30,6 +30,13 @@ int scaleToDevice(double v, int extent)
     return static_cast<int16_t>(static_cast<int>(units));
 }
 
+// The desktop's own scaling, as the offset correction measured it: each side of the logical
+// centre is stretched by its ratio, so that the desktop's scaling lands the touch back in place.
+double undoDesktopScaling(double v, double centre, double below, double above)
+{
+    return centre + (v < centre ? below : above) * (v - centre);
+}
+
 } // namespace
 
 TouchController::TouchController(QObject*) : TouchController(new Touch()) {}
@@ -63,12 +70,14 @@ TouchController::~TouchController()
 
 int TouchController::toDeviceX(double x)
 {
-    return scaleToDevice(x, GS::instance()->screenWidth);
+    const GS* gs = GS::instance();
+    return scaleToDevice(undoDesktopScaling(x, gs->offsetC, gs->offsetLeft, gs->offsetRight), gs->screenWidth);
 }
 
 int TouchController::toDeviceY(double y)
 {
-    return scaleToDevice(y, GS::instance()->screenHeight);
+    const GS* gs = GS::instance();
+    return scaleToDevice(undoDesktopScaling(y, gs->offsetD, gs->offsetTop, gs->offsetBottom), gs->screenHeight);
 }
 
 void TouchController::setLastPoint(const EVector& pos)

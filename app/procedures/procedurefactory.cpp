@@ -5,9 +5,11 @@
 #include "disturbancechecker.h"
 #include "laseralignment.h"
 #include "laseralignui.h"
+#include "lumerailcalibration.h"
 #include "lumerailcalibrationui.h"
 #include "manualcalibration.h"
 #include "manualcalibrationui.h"
+#include "offsetcorrection.h"
 #include "offsetcorrectionui.h"
 #include "sensorviewer.h"
 #include "sensorviewerui.h"
@@ -54,9 +56,10 @@ IManualCalibration* ProcedureFactory::makeManualCalibration(IManualCalibrationUi
     return new ManualCalibration(ui, emitter, sensor);
 }
 
-ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibrationUi*, IBlobEmitter*, Sensor*)
+ILumerailCalibration* ProcedureFactory::makeLumerailCalibration(ILumerailCalibrationUi* ui, IBlobEmitter* emitter,
+                                                                Sensor* sensor)
 {
-    return nullptr;
+    return new LumerailCalibration(ui, emitter, sensor);
 }
 
 ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter* emitter, IPointerController* pointer)
@@ -64,9 +67,9 @@ ILaserAlignment* ProcedureFactory::makeLaserAlignment(IBlobEmitter* emitter, IPo
     return new LaserAlignment(emitter, pointer, new LaserAlignUi(), new DisturbanceChecker());
 }
 
-IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi*, IBlobEmitter*)
+IOffsetCorrection* ProcedureFactory::makeOffsetCorrection(IOffsetCorrectionUi* ui, IBlobEmitter* emitter)
 {
-    return nullptr;
+    return new OffsetCorrection(ui, emitter);
 }
 
 ISensorViewer* ProcedureFactory::makeSensorViewer(ISensorViewerUi* ui, IImageSource* source)

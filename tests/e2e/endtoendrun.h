@@ -207,6 +207,10 @@ public:
     bool started = false;
     // Called often while the scene plays, on the test's thread.
     std::function<void()> idle = [] {};
+    // Set by idle: the run ends early.
+    bool enough = false;
+    // The facade's procedures and screens, if the test wants any.
+    IProcedureFactory* procedures = nullptr;
 
     // inputMode 1 is the stylus, 0 the finger; pointerMode 1 multi-touch, 0 the single pointer.
     void run(const std::string& scene, int inputMode, int pointerMode, double seconds, int width, int height)
@@ -227,6 +231,7 @@ public:
         static char name[] = "velora", verbose[] = "-v";
         char* argv[] = {name, verbose, nullptr};
         facade = new PipeFacade(&device, 2, argv);
+        facade->procedureFactory = procedures;
         GS* gs = GS::instance();
         gs->screenWidth = width;
         gs->screenHeight = height;
@@ -244,7 +249,7 @@ public:
         facade->addBlobListener(&clock);
 
         const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (std::chrono::steady_clock::now() < until) {
+        while (std::chrono::steady_clock::now() < until && !enough) {
             QCoreApplication::processEvents();
             drain();
             idle();
@@ -277,6 +282,8 @@ public:
         std::sort(out.begin(), out.end());
         return out;
     }
+
+    PipeFacade* service() const { return facade; }
 
 private:
     PipeFacade* facade = nullptr;

@@ -256,3 +256,32 @@ TEST_F(TouchOnDesktop, InSinglePointerModeGesturesGoToTheMouseAndTheDeviceStaysS
     EXPECT_FALSE(tc->isPressed) << "the touch state is not touched";
     GS::instance()->pointerMode = 1;
 }
+
+// The desktop's scaling as the offset correction measured it: each side of the logical centre
+// is stretched by its own ratio; neutral values change nothing.
+TEST_F(TouchGestures, TapsAreStretchedAboutTheMeasuredCentreBySidesRatio)
+{
+    GS* gs = GS::instance();
+    struct Case { double x, y; int wantX, wantY; } cases[] = {
+        {1000, 1000, 1000 + (1000 - 1000), 1000}, // at the centre nothing moves
+        {600, 700, 1000 - 500, 1000 - 150},       // left and top ratios
+        {1400, 1200, 1000 + 600, 1000 + 160},     // right and bottom ratios
+    };
+    gs->offsetC = 1000;
+    gs->offsetD = 1000;
+    gs->offsetLeft = 1.25;
+    gs->offsetRight = 1.5;
+    gs->offsetTop = 0.5;
+    gs->offsetBottom = 0.8;
+    int id = 10;
+    for (const Case& c : cases) {
+        down(c.x, c.y, ++id);
+        up(c.x, c.y, id);
+        EXPECT_EQ(pipe.events(), contact(0, id, c.wantX, c.wantY) + lift(0)) << c.x << "," << c.y;
+    }
+    gs->offsetC = gs->offsetD = 0.0;
+    gs->offsetLeft = gs->offsetRight = gs->offsetTop = gs->offsetBottom = 1.0;
+    down(600, 700, ++id);
+    up(600, 700, id);
+    EXPECT_EQ(pipe.events(), contact(0, id, 600, 700) + lift(0));
+}

@@ -10,6 +10,7 @@
 #include <QObject>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -35,17 +36,31 @@ public:
     bool setCalibration(Calibration* c) override
     {
         std::lock_guard hold(lock);
-        calibrations.emplace_back(c);
+        // The one in force stays the test's; a new one becomes the emitter's.
+        if (c && c == current)
+            currentSet++;
+        else
+            calibrations.emplace_back(c);
         return c != nullptr;
     }
     void updateLumerailCalibration() override {}
-    Calibration* getCalibration() override { return nullptr; }
+    Calibration* getCalibration() override { return current; }
     void setProcessing(bool) override {}
-    void emulateBlob(int, int) override {}
+    void emulateBlob(int x, int y) override
+    {
+        if (desktop)
+            desktop(x, y);
+    }
     void updateShiftCorrection() override {}
 
-    // One frame to every listener, as the facade's frame thread gives it: blob by blob, then the list.
-    void frame(std::vector<Blob> blobs)
+    // The calibration in force, not owned; and what a touch at a screen point does, if anything.
+    Calibration* current = nullptr;
+    std::atomic<int> currentSet{0};
+    std::function<void(int, int)> desktop;
+
+    // One frame to every listener, as the facade's frame thread gives it: blob by blob, then the
+    // list; outside, through the calls for what lies beyond the screen.
+    void frame(std::vector<Blob> blobs, bool outside = false)
     {
         std::vector<IBlobListener*> now;
         {
@@ -57,8 +72,8 @@ public:
             all.push_back(&b);
         for (IBlobListener* l : now) {
             for (Blob* b : all)
-                l->newBlob(b, all, nullptr);
-            l->newBlobList(all);
+                outside ? l->newOutsideBlob(b, all, nullptr) : l->newBlob(b, all, nullptr);
+            outside ? l->newOutsideBlobList(all) : l->newBlobList(all);
         }
     }
     size_t calibrationCount()

@@ -1,0 +1,137 @@
+// The offset correction against stand-in desktops that scale and shift the touches they get:
+// each touch comes back as a click of the window where that desktop put it.
+#include "globalsettings.h"
+#include "ioffsetcorrectionui.h"
+#include "offsetcorrection.h"
+#include "procedurestandins.h"
+#include "scopedsetting.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace {
+
+class ClickScreen : public IOffsetCorrectionUi {
+public:
+    void show(bool visible) override { shown = visible; }
+    void sendClickEventsTo(QObject* object, const char* slot) override
+    {
+        target = object;
+        const std::string s(slot);
+        method = s.substr(1, s.find('(') - 1);
+    }
+    // A click of the window, delivered on the main thread after the present event.
+    void click(int x, int y)
+    {
+        QMetaObject::invokeMethod(target, method.c_str(), Qt::QueuedConnection, Q_ARG(int, x), Q_ARG(int, y));
+    }
+    std::atomic<bool> shown{false};
+
+private:
+    QObject* target = nullptr;
+    std::string method;
+};
+
+// received = centre + scale * (sent - centre) + shift, per axis, with another scale above the
+// centre if given; the pointer stays on the screen.
+struct Axis {
+    double scale = 1, centre = 0, shift = 0, above = 0;
+    int land(int sent, int extent) const
+    {
+        const double k = sent > centre && above ? above : scale;
+        const double r = std::round(centre + k * (sent - centre) + shift);
+        return static_cast<int>(std::clamp(r, 0.0, extent - 1.0));
+    }
+};
+
+struct Case {
+    const char* desktop;
+    Axis x, y;
+    // What the settings hold afterwards.
+    double left, right, centreX, top, bottom, centreY;
+};
+
+class OffsetRun : public ::testing::Test {
+protected:
+    GS* gs = GS::instance();
+    QTemporaryDir dir;
+    ScopedSetting<std::string> file{gs->userSettingsPath, dir.filePath("user.ini").toStdString()};
+    RecordingEmitter emitter;
+    ClickScreen screen;
+
+    void SetUp() override
+    {
+        gs->pointerMode = 0;
+        gs->screenWidth = 1000;
+        gs->screenHeight = 800;
+    }
+    void TearDown() override
+    {
+        gs->screenWidth = 0;
+        gs->screenHeight = 0;
+    }
+
+    // One run on this desktop; false if it never ended.
+    bool run(const Axis& x, const Axis& y)
+    {
+        OffsetCorrection oc(&screen, &emitter);
+        emitter.desktop = [&](int sx, int sy) {
+            EXPECT_EQ(gs->pointerMode, 1) << "touches, not mouse clicks, while it measures";
+            screen.click(x.land(sx, gs->screenWidth), y.land(sy, gs->screenHeight));
+        };
+        QObject context;
+        std::atomic<bool> over{false};
+        QObject::connect(&oc, &IOffsetCorrection::finished, &context, [&] { over = true; }, Qt::QueuedConnection);
+        oc.start();
+        const bool ended = settle([&] { return over.load(); }, 30000);
+        emitter.desktop = nullptr;
+        return ended;
+    }
+
+    std::vector<double> savedOffsets()
+    {
+        QFile f(dir.filePath("user.ini"));
+        EXPECT_TRUE(f.open(QIODevice::ReadOnly));
+        const QList<QByteArray> lines = f.readAll().split('\n');
+        std::vector<double> out;
+        for (int i = 5; i <= 10 && i < lines.size(); ++i)
+            out.push_back(lines[i].toDouble());
+        return out;
+    }
+};
+
+TEST_F(OffsetRun, RatiosAndCentreFollowFromWhereTheTouchesLand)
+{
+    const Case cases[] = {
+        {"passes every touch as it is", {}, {}, 1, 1, 0, 1, 1, 0},
+        // The x search walks left past the fixed point and comes back in half steps.
+        {"scales about an off-centre point", {0.8, 455}, {1.1, 340}, 1.25, 1.25, 455, 1 / 1.1, 1 / 1.1, 340},
+        {"misses the centre by 3 only", {0.9, 470}, {}, 470.0 / 426, 470.0 / 420, 500, 1, 1, 0},
+        // The right ratio is taken when it is below the band, or when the left one is above it.
+        {"stretches only its right half", {1, 500, 0, 0.9}, {}, 1, 1, 0, 1, 1, 0},
+        // No point comes back where it was sent: the centre stays in the middle.
+        {"shifts right", {1, 0, 12}, {}, 470.0 / 458, 470.0 / 482, 500, 1, 1, 0},
+    };
+    for (const Case& c : cases) {
+        ASSERT_TRUE(run(c.x, c.y)) << c.desktop;
+        EXPECT_FALSE(screen.shown) << c.desktop;
+        EXPECT_EQ(gs->pointerMode, 0) << c.desktop << ": the user's pointer mode is back";
+        const double got[] = {gs->offsetLeft, gs->offsetRight, gs->offsetC, gs->offsetTop, gs->offsetBottom,
+                              gs->offsetD};
+        const double want[] = {c.left, c.right, c.centreX, c.top, c.bottom, c.centreY};
+        const double tolerance[] = {0.01, 0.01, 2, 0.01, 0.01, 2};
+        for (int i = 0; i < 6; ++i)
+            EXPECT_NEAR(got[i], want[i], tolerance[i]) << c.desktop << ", value " << i;
+        const std::vector<double> saved = savedOffsets();
+        ASSERT_EQ(saved.size(), 6u) << c.desktop;
+        const int order[] = {0, 1, 2, 5, 3, 4}; // left, right, C, D, top, bottom in the file
+        for (int i = 0; i < 6; ++i)
+            EXPECT_NEAR(saved[i], got[order[i]], 1e-4) << c.desktop << ", line " << i + 5;
+    }
+}
+
+} // namespace
