@@ -37,7 +37,7 @@ int toInt(double value)
 
 // What one line of velora.conf sets. Exactly one member pointer is used, by kind.
 struct Line {
-    enum Kind { Skip, Int, IntFlag, AtomicIntFlag, Double, Bool, BoolNonZero, String, CString };
+    enum Kind { Skip, Int, AtomicIntFlag, Double, Bool, BoolNonZero, String, CString };
     Kind kind = Skip;
     int GS::*i = nullptr;
     std::atomic<int> GS::*ai = nullptr;
@@ -48,7 +48,6 @@ struct Line {
 };
 
 Line I(int GS::*m) { Line l; l.kind = Line::Int; l.i = m; return l; }
-Line IF(int GS::*m) { Line l; l.kind = Line::IntFlag; l.i = m; return l; }
 Line IF(std::atomic<int> GS::*m) { Line l; l.kind = Line::AtomicIntFlag; l.ai = m; return l; }
 Line D(double GS::*m) { Line l; l.kind = Line::Double; l.d = m; return l; }
 Line B(bool GS::*m) { Line l; l.kind = Line::Bool; l.b = m; return l; }
@@ -240,7 +239,6 @@ void GS::setLine(int line, const std::string& value)
     switch (l.kind) {
     case Line::Skip: break;
     case Line::Int: this->*l.i = toInt(number); break;
-    case Line::IntFlag: this->*l.i = number != 0.0 ? 1 : 0; break;
     case Line::AtomicIntFlag: this->*l.ai = number != 0.0 ? 1 : 0; break;
     case Line::Double: this->*l.d = number; break;
     case Line::Bool: this->*l.b = number == 1.0; break;
