@@ -85,8 +85,10 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
     EXPECT_EQ(ctl({"stylus"}).second, "not calibrated");
     std::thread undo([&] {
         // One dot taken back once the person has lifted from it: pressed again where it reappears.
+        // Soon after the lift, so that the crosshair has glided back before the person, who
+        // has seen the next dot by then, presses.
         if (waitForReleases(4))
-            QThread::msleep(300), key("Return");
+            QThread::msleep(100), key("Return");
     });
     const auto [code, text] = ctl({"calibrate", "manual"});
     undo.join();
@@ -102,7 +104,9 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
     for (size_t i = 0; i < 25; ++i) {
         const Press* last = nullptr;
         for (const Press& p : ps)
-            if (std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < 3)
+            // The dots lie some 190 pixels apart; a target seen while it was being drawn
+            // again after the undo may have its centre a few pixels off.
+            if (std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < 20)
                 last = &p;
         ASSERT_TRUE(last) << "no press at dot " << i;
         EXPECT_NEAR(c->srcPoints[i].x, last->sensorX, 1.0) << i;
