@@ -53,7 +53,7 @@ const AcScene scenes[] = {
      "projector display latency 0.05\n",
      "calibration done", 0, true, false, true},
     {"brightambient",
-     "screen 1280 800\nlens none\nbackground 45\nnoise 2\nexposure 30\npicture 40\nprojector display latency 0.05\n",
+     "screen 1280 800\nlens none\nbackground 20\nnoise 2\nexposure 30\npicture 25\nprojector display latency 0.05\n",
      "calibration done", 0, true, false},
     {"latency250ms",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.25\n",
@@ -61,7 +61,7 @@ const AcScene scenes[] = {
     // Lit only once the rows are done, while the new calibration is checked.
     {"reflectionincheck",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n"
-     "reflection 380 240 10 250 from 14\n",
+     "reflection 380 240 6 200 from 13.8\n",
      "light disturbance", 4, true, false},
     {"escapeinrows",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n",
