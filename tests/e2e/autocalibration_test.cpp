@@ -34,8 +34,8 @@ struct AcScene {
 };
 
 // The stroke comes once the calibration is surely done; the run checks that it was.
-constexpr double strokeStart = 32.0;
-constexpr const char* stroke = "stroke stylus 32 2.0 path 200,200 1100,620\n";
+constexpr double strokeStart = 26.0;
+constexpr const char* stroke = "stroke stylus 26 2.0 path 200,200 1100,620\n";
 
 const AcScene scenes[] = {
     {"plain", "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n",
@@ -58,10 +58,11 @@ const AcScene scenes[] = {
     {"latency250ms",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.25\n",
      "calibration done", 0, true, false, false, 0, 250},
-    // Lit only once the rows are done, while the new calibration is checked.
-    {"reflectionincheck",
+    // Somebody presses the spinner of the screen shown while the new calibration is checked,
+    // again and again for as long as it turns.
+    {"pressincheck",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n"
-     "reflection 380 240 6 200 from 13.8\n",
+     "user stylus 3 target #00acea tolerance 40 reaction 0.3 hold 0.3 size 9 brightness 380\n",
      "light disturbance", 4, true, false},
     {"escapeinrows",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.05\n",
