@@ -470,6 +470,8 @@ double AutoCalibration::getBackground()
         return 0;
     double area = 0;
     maskImage = classifier->CreateMaskFromProjectionBorder(white, blackImage, &area, &debugImage, &lowContrast);
+    // Which thresholds the rows are looked for with: a dim picture in a bright room has its own.
+    qDebug() << "Picture contrast:" << (lowContrast ? "low" : "normal");
     saveDebugImage(debugImage, "border_debug", -1);
     return area;
 }

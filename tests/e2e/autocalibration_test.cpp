@@ -31,6 +31,7 @@ struct AcScene {
     int escapeAfterMs = 0;  // Esc typed this long after asking
     int delayMs = 0;        // the projector's latency the procedure must measure, within 100 ms
     const char* formerScene = nullptr;  // whose calibration the run starts with, when not its own
+    bool lowContrast = false;           // the rows are looked for with the dim picture's thresholds
 };
 
 // The stroke comes once the calibration is surely done; the run checks that it was.
@@ -54,7 +55,7 @@ const AcScene scenes[] = {
      "calibration done", 0, true, false, true},
     {"brightambient",
      "screen 1280 800\nlens none\nbackground 20\nnoise 2\nexposure 30\npicture 25\nprojector display latency 0.05\n",
-     "calibration done", 0, true, false},
+     "calibration done", 0, true, false, false, 0, 0, nullptr, true},
     {"latency250ms",
      "screen 1280 800\nlens none\nnoise 2\nexposure 30\npicture 90\nprojector display latency 0.25\n",
      "calibration done", 0, true, false, false, 0, 250},
@@ -151,6 +152,8 @@ TEST_P(AutoCalibrationRun, AnswersAndLeavesTheRightCalibrationInForce)
         EXPECT_LE(std::abs(measured - c.delayMs), 100);
     }
 
+    if (c.calibrates)
+        EXPECT_NE(all.find(c.lowContrast ? "Picture contrast: low" : "Picture contrast: normal"), std::string::npos);
     if (c.former) {
         EXPECT_EQ(text(file), formerText) << "the former calibration's file";
         EXPECT_EQ(ctl({"stylus"}).second, "ready") << "the former calibration in force";
