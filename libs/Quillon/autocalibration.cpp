@@ -269,6 +269,19 @@ cv::Mat AutoCalibration::getImage(const cv::Mat& mask, bool whiteOutside)
     return out;
 }
 
+cv::Mat AutoCalibration::getSingleFrame(const cv::Mat& mask)
+{
+    if (!source)
+        return {};
+    const cv::Mat frame(sensorHeight, sensorWidth, CV_8UC1, source->getImage());
+    cv::Mat out(sensorHeight, sensorWidth, CV_8UC1, cv::Scalar(0));
+    if (mask.empty())
+        frame.copyTo(out);
+    else
+        frame.copyTo(out, mask);
+    return out;
+}
+
 cv::Mat AutoCalibration::getMaxContrastImage_exposure(const cv::Mat& mask)
 {
     cv::Mat best;
@@ -457,6 +470,8 @@ double AutoCalibration::getBackground()
         return 0;
     double area = 0;
     maskImage = classifier->CreateMaskFromProjectionBorder(white, blackImage, &area, &debugImage, &lowContrast);
+    // Which thresholds the rows are looked for with: a dim picture in a bright room has its own.
+    qDebug() << "Picture contrast:" << (lowContrast ? "low" : "normal");
     saveDebugImage(debugImage, "border_debug", -1);
     return area;
 }
@@ -474,11 +489,14 @@ int AutoCalibration::getDelayInProjection()
     const int n = maxDelayMs / 100;
     const int K = n < 3 ? 2 : n - 1;
     const int L = n < 3 ? 1 : n - 2;
+    // Single frames, not means: a mean of framesPerImage frames takes some 400 ms, so the
+    // picture counted as "after 200 ms" would be more than a second late, and a projector of
+    // 250 ms would be measured at 200 and every row then filmed before its picture arrived.
     std::vector<cv::Mat> pictures(static_cast<size_t>(K) + 1);
     for (int i = 0; i <= K; ++i) {
         WorkerThread::msleep(100);
         if (!cancelled())
-            pictures[static_cast<size_t>(i)] = getImage(maskImage, false);
+            pictures[static_cast<size_t>(i)] = getSingleFrame(maskImage);
     }
 
     int delay = 100;

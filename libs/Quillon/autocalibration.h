@@ -49,6 +49,8 @@ public:
     int findBestExposure(int start, const cv::Mat& region);
     int findHistogramQuality(const cv::Mat& mask);
     cv::Mat getImage(const cv::Mat& mask, bool whiteOutside);
+    // One frame as it comes, through the mask (black outside): no mean over frames.
+    cv::Mat getSingleFrame(const cv::Mat& mask);
     cv::Mat getMaxContrastImage();
     cv::Mat getMaxContrastImage_exposure(const cv::Mat& mask);
 

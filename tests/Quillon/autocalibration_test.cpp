@@ -253,7 +253,8 @@ TEST_F(AutoCalibrationTest, ExposureSearchFollowsTheQualityCurve)
 TEST_F(AutoCalibrationTest, LatencyIsTheFirstSettledPicture)
 {
     prepare();
-    for (const auto& [frames, ms] : {std::pair{0, 100}, {1, 100}, {3, 200}, {5, 300}}) {
+    // One frame per 100-ms step: N frames late, the picture of step N is the first black one.
+    for (const auto& [frames, ms] : {std::pair{0, 100}, {1, 200}, {3, 400}, {4, 500}}) {
         camera.latency = frames;
         ac->maxDelayMs = 600;
         // Bright and settled before the change to black.
