@@ -2,6 +2,8 @@
 // guard it holds, driven by command names, and gone soon after the guard's holder is.
 #include "emulatedrun.h"
 
+#include <QDateTime>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QThread>
@@ -43,15 +45,23 @@ protected:
 
     void startService()
     {
-        // The start-up's calibration load answers too, unasked, just after its status: a
-        // command sent before that answer would take it as its own.
+        // The start-up's calibration load answers too, unasked, 100 ms after its status: a
+        // command sent before that answer would take it as its own. An answer older than
+        // the status is the report of a command left from before the start.
         const QString answer = velora() + "refifo";
         QFile::remove(answer);
         run.start(run.dir.filePath("velora-ctl"), {"run", "--log", run.dir.filePath("velora.log")});
         ASSERT_TRUE(run.waitForOutput("velora: ready")) << qPrintable(run.output);
-        for (int i = 0; i < 100 && !QFile::exists(answer); ++i)
+        const QDateTime ready = QFileInfo(velora() + "pensettings.ini").lastModified();
+        const auto answered = [&] {
+            const QFileInfo a(answer);
+            if (a.exists() && a.lastModified() < ready)
+                QFile::remove(answer);
+            return QFileInfo(answer).exists();
+        };
+        for (int i = 0; i < 100 && !answered(); ++i)
             QThread::msleep(50);
-        ASSERT_TRUE(QFile::exists(answer)) << qPrintable(serviceLog());
+        ASSERT_TRUE(answered()) << qPrintable(serviceLog());
     }
 
     Reply ctl(const QStringList& command)
