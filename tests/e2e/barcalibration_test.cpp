@@ -8,6 +8,7 @@
 #include "ilumerailcalibrationui.h"
 #include "multipointercontroller.h"
 #include "procedurefactory.h"
+#include "streamclock.h"
 
 #include <atomic>
 #include <cmath>
@@ -70,23 +71,6 @@ private:
     std::mutex lock;
     std::vector<EVector> seen;
 };
-
-// Seconds since the stream started, by the last frame the emulator sent.
-double streamSeconds(const std::string& truthPath)
-{
-    std::ifstream in(truthPath);
-    in.seekg(0, std::ios::end);
-    in.seekg(std::max<std::streamoff>(0, std::streamoff(in.tellg()) - 4096));
-    std::string line;
-    double t = -1;
-    while (std::getline(in, line))
-        if (line.rfind("F ", 0) == 0) {
-            std::istringstream s(line);
-            std::string f, frame;
-            s >> f >> frame >> t;
-        }
-    return t;
-}
 
 // Which bar point a screen position is, or -1.
 int barPointAt(double x, double y, double tolerance)

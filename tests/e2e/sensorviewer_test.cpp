@@ -5,6 +5,7 @@
 #include "emulatedrun.h"
 #include "framerenderer.h"
 #include "scene.h"
+#include "streamclock.h"
 #include "xvfbserver.h"
 
 #include <QImage>
@@ -126,23 +127,6 @@ protected:
     }
 
     // Whether the pointer moves within ms: the looping stroke moves it if the output is on.
-    // Seconds since the stream started, by the last frame the emulator sent.
-    double streamSeconds() const
-    {
-        std::ifstream in(run->path("truth.txt"));
-        in.seekg(0, std::ios::end);
-        in.seekg(std::max<std::streamoff>(0, std::streamoff(in.tellg()) - 4096));
-        std::string line;
-        double t = -1;
-        while (std::getline(in, line))
-            if (line.rfind("F ", 0) == 0) {
-                std::istringstream s(line);
-                std::string f, frame;
-                s >> f >> frame >> t;
-            }
-        return t;
-    }
-
     bool pointerMoves(int ms)
     {
         const auto first = pointer();
@@ -281,7 +265,7 @@ protected:
 
 TEST_F(SensorViewerRun, ShowsTheCameraTakesItsKeysAndGivesThePointerBack)
 {
-    ASSERT_TRUE(waitUntil([&] { return std::fmod(streamSeconds(), 4.0) < 0.5; }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return std::fmod(streamSeconds(run->path("truth.txt")), 4.0) < 0.5; }, 10000));
     ASSERT_EQ(ctl({"stylus"}).first, 0) << qPrintable(log());
     ASSERT_TRUE(pointerMoves(8000)) << "the stroke drives the pointer before the viewer\n" << qPrintable(log());
     const size_t before = run->controlWrites().size();
