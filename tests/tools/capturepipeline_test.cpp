@@ -168,11 +168,13 @@ TEST(CapturePipeline, WindowAndBinningChangesWhileStreamingShowOnlyFramesOfTheNe
 TEST(CapturePipeline, ShortFramesAreDroppedWithTheirLogLine)
 {
     EmulatedRun run("stamp on\nfault short 0.6 0.3\n");
-    run.startProbe({}, {"sleep", "1300", "stop"});
+    // Long enough past the fault that a sanitizer build on a busy machine, which delivers
+    // a tenth of the frames, still shows the stream going on.
+    run.startProbe({}, {"sleep", "2000", "stop"});
     ASSERT_TRUE(run.finish()) << qPrintable(run.output);
     ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
     EXPECT_TRUE(run.output.contains("low data: 180480  /  360960")) << qPrintable(run.output);
-    expectSeenFramesMatchWhatWasSent(run, 20);
+    expectSeenFramesMatchWhatWasSent(run, 10);
     // And the stream goes on after the fault.
     const auto sent = run.truth();
     EXPECT_GT(sent.at(run.records().back().stamp).t, 0.9);
@@ -181,8 +183,9 @@ TEST(CapturePipeline, ShortFramesAreDroppedWithTheirLogLine)
 TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
 {
     EmulatedRun run("stamp on\n");
-    // 40 ms per frame at 120 frames a second: the ring of four fills and stays full.
-    run.startProbe({"--callback-us", "40000"}, {"sleep", "1500", "stop"});
+    // 100 ms per frame at 120 frames a second: the ring of four fills and stays full, even
+    // when a loaded machine lets the device send only a fraction of its frames.
+    run.startProbe({"--callback-us", "100000"}, {"sleep", "2000", "stop"});
     ASSERT_TRUE(run.finish()) << qPrintable(run.output);
     ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
     const auto sent = run.truth();
