@@ -113,6 +113,15 @@ bool BlobFacade::start()
     if (!gs->verboseLog)
         connect(ExitListener::instance(), &ExitListener::hasExited, this, &BlobFacade::onMenuExited);
 
+    // The stream and the filter start as soon as the device is there. The filter's pulses hold
+    // the actuator for 0.4 s, not the service: the controllers, the engines, the window, the
+    // exposure and the calibration are set up meanwhile. Frames are not searched before
+    // `processing`, and setCalibration waits for the pulses before it sets that, so the
+    // background is still learnt behind the filter.
+    sensor->connect(0);
+    sensor->start(this, ImageCallback, StoppedCallback, gs->sensorWidth, gs->sensorHeight);
+    startupFilter = std::async(std::launch::async, [s = sensor] { s->switchFilter(false); });
+
     disturbanceChecker = procedureFactory ? procedureFactory->makeDisturbanceChecker() : nullptr;
     pointerController = new MultiPointerController();
     pointerController->addPrimaryController(createPrimaryController());
@@ -157,12 +166,9 @@ bool BlobFacade::start()
     else
         activePen->initNormalUndistortion(gs->intrinsicPath, gs->distortionPath, bx, by);
 
-    sensor->connect(0);
-    sensor->start(this, ImageCallback, StoppedCallback, gs->sensorWidth, gs->sensorHeight);
     sensor->setMinimumWindow(gs->windowWidth, gs->windowHeight);
     setExposure(gs->inputMode == 1 ? gs->stylusExposure : gs->fingerExposure);
     sensor->setBinning(gs->binningY, gs->binningX);
-    sensor->switchFilter(false);
     activePen->setInputMode(gs->inputMode);
     sensor->setLaser(activePen->inputMode == Finger);
 
@@ -266,11 +272,16 @@ bool BlobFacade::setCalibration(Calibration* calibration)
         fingerCalibration = calibration;
     }
 
+    // A filter that has to swing (or is swinging: the start-up pulse) does so while the grids
+    // and boxes are built; until it stands, no frame goes to the engines.
     savedProcessing = processing.load();
+    const bool filterMoves = sensor->filterPosition != 0;
+    if (filterMoves)
+        processing = false;
+    std::future<int> filter =
+        std::async(filterMoves ? std::launch::async : std::launch::deferred, [this] { return sensor->switchFilter(false); });
     setExposure(fingerMode ? gs->fingerExposure : gs->stylusExposure);
     sensor->setLaser(fingerMode);
-    sensor->switchFilter(false);
-    processing = savedProcessing.load();
 
     if (storedStylus)
         calibration->save(gs->stylusCalibrationPath.c_str());
@@ -284,6 +295,7 @@ bool BlobFacade::setCalibration(Calibration* calibration)
     // The former grids and scan boxes are freed now, often in another thread's pool than the
     // one the new ones came from: give their pages back, or each change keeps some.
     malloc_trim(0);
+    filter.wait();
     paused = false;
     processing = true;
     activePen->resetBackgroundTable(false);

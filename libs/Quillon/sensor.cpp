@@ -202,8 +202,13 @@ int Sensor::start(void* context, FrameCallback imageCb, StopCallback stoppedCb, 
     pthread_t thread;
     qDebug() << "init readusb thread";
     // Named, so that the processor time of each can be told apart (tools/cputime).
-    if (pthread_create(&thread, &attr, readUsbAsync, this) == 0)
+    if (pthread_create(&thread, &attr, readUsbAsync, this) == 0) {
         pthread_setname_np(thread, "velora-usb");
+        // From here on every control write goes through that thread's event loop, whichever
+        // thread makes it: an output write has the same form at once as later on.
+        for (int waited = 0; waited < 1000 && !asyncControl; ++waited)
+            ::usleep(1000);
+    }
     qDebug() << "init image transfer thread";
     if (pthread_create(&thread, &attr, imgTransfer, this) == 0)
         pthread_setname_np(thread, "velora-image");
@@ -280,6 +285,7 @@ int Sensor::usbCtrlWrite(unsigned char reg, unsigned short value)
         sentVerticalBlanking = FixedVerticalBlanking;
     }
     unsigned char data[3] = {reg, static_cast<unsigned char>(value >> 8), static_cast<unsigned char>(value & 0xFF)};
+    std::lock_guard pair(pairLock);
     for (int copy = 0; copy < 2; ++copy) {
         if (!controlWrite(RegisterRequest, 0, data, sizeof data)) {
             qDebug() << "Writing to the device failed!";
@@ -293,8 +299,13 @@ int Sensor::setGPIO(unsigned char mask, unsigned char level)
 {
     unsigned char data[3] = {level, level, level};
     const unsigned short length = asyncControl ? 3 : 1;
+    // The pair stays together on the wire, the pause between them included; the pause after
+    // the second lets other writers in.
+    std::unique_lock pair(pairLock);
     for (int copy = 0; copy < 2; ++copy) {
         const bool ok = controlWrite(OutputRequest, mask, data, length);
+        if (copy == 1)
+            pair.unlock();
         sleep(50);
         if (!ok) {
             qDebug() << "Writing to the device failed!";
@@ -308,6 +319,7 @@ int Sensor::switchFilter(bool on)
 {
     // The actuator holds its position: swinging it to where this process last put it would
     // only cost the 400 ms of the pulses (at start-up the calibration asks again at once).
+    std::lock_guard hold(filterLock);
     if (filterPosition == int(on))
         return 1;
     const unsigned char mask = on ? 128 : 64;

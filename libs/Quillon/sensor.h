@@ -6,6 +6,7 @@
 #include <libusb.h>
 
 #include <atomic>
+#include <mutex>
 #include <vector>
 
 // The USB image sensor: imager registers and bridge outputs over two vendor requests,
@@ -60,6 +61,11 @@ public:
     std::atomic<bool> exposureWritten{false};
     // Where this process last swung the filter: 0 tracking, 1 picture, -1 not known.
     std::atomic<int> filterPosition{-1};
+    // One pulse at a time: a second caller waits for the first one's position.
+    std::mutex filterLock;
+    // The two copies of a register or output write follow each other on the wire, whichever
+    // threads write.
+    std::mutex pairLock;
     int minWindowWidth = 0;
     int minWindowHeight = 0;
     // Counts geometry changes, so that a transfer armed before one is recognised.

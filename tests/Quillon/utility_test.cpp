@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QImage>
 #include <QTemporaryDir>
 
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 
 // Pixels at odd rows or columns carry 255, so any visit of them would show in the results.
 static cv::Mat checkerboard()
@@ -54,7 +55,9 @@ TEST(DebugPictures, AreWrittenIntoAFolderMadeOnDemand)
     QTemporaryDir dir;
     const std::string folder = dir.filePath("debug/nested").toStdString();
     ASSERT_TRUE(utility::SaveDebugImage(checkerboard(), folder, "pattern", 3));
-    const cv::Mat back = cv::imread(folder + "/pattern3.png", cv::IMREAD_GRAYSCALE);
-    ASSERT_FALSE(back.empty());
-    EXPECT_EQ(cv::norm(back, checkerboard(), cv::NORM_INF), 0);
+    QImage back(QString::fromStdString(folder + "/pattern3.png"));
+    ASSERT_FALSE(back.isNull());
+    back = back.convertToFormat(QImage::Format_Grayscale8);
+    const cv::Mat read(back.height(), back.width(), CV_8UC1, back.bits(), static_cast<size_t>(back.bytesPerLine()));
+    EXPECT_EQ(cv::norm(read, checkerboard(), cv::NORM_INF), 0);
 }

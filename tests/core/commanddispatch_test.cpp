@@ -9,7 +9,9 @@
 #include <QTextStream>
 #include <QThread>
 
+#include <atomic>
 #include <optional>
+#include <thread>
 
 namespace {
 
@@ -335,6 +337,39 @@ TEST_F(Dispatch, TheViewerStopsTheOutputAndPutsItBackWhenClosed)
     EXPECT_TRUE(facade->pointerController->enabled);
     EXPECT_TRUE(facade->processing);
     EXPECT_EQ(facade->sensorViewer, nullptr);
+}
+
+// The filter swings back while the grids are built; the engines see no frame of its swing.
+TEST_F(Dispatch, ANewCalibrationLetsNoFrameInWhileTheFilterSwingsBack)
+{
+    arrange(1, true);
+    facade->onIpcMessageReceived(6);
+    ASSERT_EQ(facade->sensor->filterPosition, 1);
+    std::atomic<bool> done{false};
+    std::atomic<int> swinging{0}, framesLetIn{0};
+    // A pulse holds the sensor's filter lock for as long as it runs. Frames count as let in
+    // only when they were before and after the lock was seen held.
+    std::thread watcher([&] {
+        while (!done) {
+            const bool before = facade->processing;
+            if (!facade->sensor->filterLock.try_lock()) {
+                ++swinging;
+                if (before && facade->processing)
+                    ++framesLetIn;
+            } else {
+                facade->sensor->filterLock.unlock();
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    });
+    EXPECT_TRUE(facade->setCalibration(facade->stylusCalibration));
+    done = true;
+    watcher.join();
+    EXPECT_GT(swinging, 0) << "the pulse was seen";
+    EXPECT_EQ(framesLetIn, 0);
+    EXPECT_EQ(facade->sensor->filterPosition, 0);
+    EXPECT_TRUE(facade->processing);
+    facade->filterSwitched = false;
 }
 
 TEST_F(Dispatch, OffsetCorrectionStartsWithoutAnAnswerAndResetsTheOffsetsOnlyAfterACalibration)
