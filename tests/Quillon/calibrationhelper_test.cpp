@@ -1,26 +1,24 @@
+#include "pointmatchers.h"
+
 #include "calibrationhelper.h"
 
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 using Cols = CalibrationHelper::Cols;
 
 namespace {
 
-std::vector<double> xsOf(const std::vector<EVector>& v)
+std::vector<double> coords(const std::vector<EVector>& v, double EVector::*c)
 {
     std::vector<double> out;
     for (const EVector& p : v)
-        out.push_back(p.x);
+        out.push_back(p.*c);
     return out;
 }
-
-std::vector<double> ysOf(const std::vector<EVector>& v)
-{
-    std::vector<double> out;
-    for (const EVector& p : v)
-        out.push_back(p.y);
-    return out;
-}
+std::vector<double> xsOf(const std::vector<EVector>& v) { return coords(v, &EVector::x); }
+std::vector<double> ysOf(const std::vector<EVector>& v) { return coords(v, &EVector::y); }
 
 Cols threeByThree()
 {
@@ -39,12 +37,9 @@ TEST(CalibrationHelper, RelativeMarginLayoutRunsDownEachColumnAndWidensPerRow)
 
     const auto flat = CalibrationHelper::calcCalibrationPointsRelativeMargin(5, 5, 1000, 1000, 100, 100, 0);
     ASSERT_EQ(flat.size(), 25u);
-    for (int c = 0; c < 5; ++c) {
-        for (int r = 0; r < 5; ++r) {
-            EXPECT_DOUBLE_EQ(flat[c * 5 + r].x, 100 + 200 * c);
-            EXPECT_DOUBLE_EQ(flat[c * 5 + r].y, 100 + 200 * r);
-        }
-    }
+    for (int c = 0; c < 5; ++c)
+        for (int r = 0; r < 5; ++r)
+            EXPECT_THAT(flat[c * 5 + r], IsPoint(100 + 200 * c, 100 + 200 * r));
 
     const auto trapezoid = CalibrationHelper::calcCalibrationPointsRelativeMargin(2, 3, 1000, 600, 100, 50, 0.5);
     EXPECT_DOUBLE_EQ(trapezoid[0].x, 100); // row 0: margins as given
@@ -140,10 +135,8 @@ TEST(CalibrationHelper, CornersMoveTowardsTheCentre)
         Cols g = threeByThree();
         CalibrationHelper::correctCornersTowardsCenter(&g, 0.5, mode);
         const bool top = mode == 0 || mode == 2, bottom = mode == 1 || mode == 2;
-        EXPECT_EQ(g[0][0].x, top ? 5 : 0);
-        EXPECT_EQ(g[2][0].y, top ? 5 : 0);
-        EXPECT_EQ(g[0][2].y, bottom ? 15 : 20);
-        EXPECT_EQ(g[2][2].x, bottom ? 15 : 20);
-        EXPECT_EQ(g[1][1].x, 10);
+        // Top-left x, top-right y, bottom-left y, bottom-right x, the centre's x.
+        EXPECT_EQ(std::tuple(g[0][0].x, g[2][0].y, g[0][2].y, g[2][2].x, g[1][1].x),
+                  std::tuple(top ? 5 : 0, top ? 5 : 0, bottom ? 15 : 20, bottom ? 15 : 20, 10));
     }
 }

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -45,12 +46,9 @@ TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
     EXPECT_STREQ(c.logfile, "/tmp/a.log");
     EXPECT_STREQ(c.pidfile, "/run/x.pid");
     ASSERT_EQ(c.maxdevices, 2);
-    EXPECT_EQ(c.vpd[0].vid, 0x04B4);
-    EXPECT_EQ(c.vpd[0].pid, 0x00F3);
-    EXPECT_STREQ(c.vpd[0].desc, "BootLoader");
-    EXPECT_EQ(c.vpd[1].vid, 0x1209);
-    EXPECT_EQ(c.vpd[1].pid, 0x7E1A);
-    EXPECT_STREQ(c.vpd[1].desc, "VeloraSensor");
+    auto device = [&](int i) { return std::tuple(c.vpd[i].vid, c.vpd[i].pid, std::string(c.vpd[i].desc)); };
+    EXPECT_EQ(device(0), std::tuple(0x04B4, 0x00F3, "BootLoader"));
+    EXPECT_EQ(device(1), std::tuple(0x1209, 0x7E1A, "VeloraSensor"));
 }
 
 TEST(CyusbConfig, DescriptionIsCutToTwentyNineCharacters)
@@ -69,8 +67,7 @@ TEST(CyusbConfig, NinthDeviceIsTheLastAndSwallowsTheRestOfTheFile)
     content += "</VPD>\nBogusKey 1\n";
     const CyusbConfig c = readConfig(content);
     ASSERT_EQ(c.maxdevices, 9);
-    EXPECT_EQ(c.vpd[8].vid, 9);
-    EXPECT_STREQ(c.vpd[8].desc, "dev9");
+    EXPECT_EQ(std::tuple(c.vpd[8].vid, std::string(c.vpd[8].desc)), std::tuple(9, "dev9"));
 }
 
 TEST(CyusbConfig, MalformedLinesEndTheRunNamingFileAndLine)

@@ -1,9 +1,12 @@
+#include "pointmatchers.h"
+
 #include "epolygon.h"
 #include "evector.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -24,21 +27,16 @@ TEST(EVectorArithmetic, ResultsCarryNoPayloadButCompoundAssignmentKeepsIt)
     a.weight = 7;
     a.tag = 3;
     EVector sum = a + EVector(1, 1);
-    EXPECT_DOUBLE_EQ(sum.x, 7);
-    EXPECT_EQ(sum.weight, 0);
-    EXPECT_EQ(sum.tag, 0);
+    EXPECT_EQ(std::tuple(sum.x, sum.weight, sum.tag), std::tuple(7, 0, 0));
     EXPECT_EQ(a.Clone().weight, 0) << "Clone drops the payload on purpose";
 
     a += EVector(1, 2);
     a *= 2.0;
-    EXPECT_DOUBLE_EQ(a.x, 14);
-    EXPECT_DOUBLE_EQ(a.y, 20);
-    EXPECT_EQ(a.weight, 7);
-    EXPECT_EQ(a.tag, 3);
+    EXPECT_THAT(a, IsPoint(14, 20));
+    EXPECT_EQ(std::tuple(a.weight, a.tag), std::tuple(7, 3));
 
     EVector p = EVector(2, 3) * EVector(4, 5);
-    EXPECT_DOUBLE_EQ(p.x, 8) << "operator* of two vectors is componentwise";
-    EXPECT_DOUBLE_EQ(p.y, 15);
+    EXPECT_THAT(p, IsPoint(8, 15)) << "operator* of two vectors is componentwise";
     EXPECT_DOUBLE_EQ(EVector(3, 4).length(), 5);
     EXPECT_DOUBLE_EQ(EVector(1, 2).cross(EVector(3, 4)), -2);
 }
@@ -46,29 +44,19 @@ TEST(EVectorArithmetic, ResultsCarryNoPayloadButCompoundAssignmentKeepsIt)
 TEST(EVectorArithmetic, DivisionByAVectorWithAZeroComponentGivesOrigin)
 {
     EVector q = EVector(6, 8) / EVector(2, 4);
-    EXPECT_DOUBLE_EQ(q.x, 3);
-    EXPECT_DOUBLE_EQ(q.y, 2);
+    EXPECT_THAT(q, IsPoint(3, 2));
     for (EVector d : {EVector(2, 0), EVector(0, 2), EVector(0, 0)}) {
         EVector z = EVector(6, 8) / d;
-        EXPECT_EQ(z.x, 0);
-        EXPECT_EQ(z.y, 0);
+        EXPECT_EQ(std::tuple(z.x, z.y), std::tuple(0, 0)) << d.x << "," << d.y;
     }
 }
 
 TEST(EVectorArithmetic, AltPointCarriesTheMeasurements)
 {
     EVector v(1, 1);
-    v.altX = 10;
-    v.altY = 20;
-    v.measureC = 42;
-    v.measureD = 99;
-    v.weight = 5;
+    std::tie(v.altX, v.altY, v.measureC, v.measureD, v.weight) = std::tuple(10, 20, 42, 99, 5);
     EVector alt = v.altPoint();
-    EXPECT_DOUBLE_EQ(alt.x, 10);
-    EXPECT_DOUBLE_EQ(alt.y, 20);
-    EXPECT_DOUBLE_EQ(alt.measureC, 42);
-    EXPECT_DOUBLE_EQ(alt.measureD, 99);
-    EXPECT_EQ(alt.weight, 0);
+    EXPECT_EQ(std::tuple(alt.x, alt.y, alt.measureC, alt.measureD, alt.weight), std::tuple(10, 20, 42, 99, 0));
 }
 
 TEST(EVectorAngle, IsSignedInDegreesAndZeroWhenUndefined)
@@ -100,8 +88,7 @@ TEST(EVectorSorting, PredicatesOrderAndPayloadSurvivesTheSort)
     for (size_t i = 0; i < v.size(); ++i)
         v[i].weight = v[i].x * 10;
     std::sort(v.begin(), v.end(), xAscSort);
-    EXPECT_EQ(v[0].x, 1);
-    EXPECT_EQ(v[0].weight, 10);
+    EXPECT_EQ(std::tuple(v[0].x, v[0].weight), std::tuple(1, 10));
     std::sort(v.begin(), v.end(), yDescSort2);
     EXPECT_EQ(v[0].y, 3);
     std::sort(v.begin(), v.end(), weightDescSort);

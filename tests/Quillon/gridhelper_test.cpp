@@ -1,3 +1,5 @@
+#include "pointmatchers.h"
+
 #include "globalsettings.h"
 #include "gridhelper.h"
 #include "transformgrid.h"
@@ -22,8 +24,7 @@ TransformGrid shiftingGrid(double dx, double dy)
 
 void expectPoint(const EVector& p, double x, double y)
 {
-    EXPECT_NEAR(p.x, x, 1e-9);
-    EXPECT_NEAR(p.y, y, 1e-9);
+    EXPECT_THAT(p, IsNear(x, y, 1e-9));
 }
 
 } // namespace

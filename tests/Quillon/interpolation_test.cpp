@@ -1,3 +1,5 @@
+#include "pointmatchers.h"
+
 #include "densityclustering.h"
 #include "interpolation.h"
 
@@ -24,8 +26,7 @@ TEST(BezierFilter, ThirdFrameOnIsTheMeanOfTheLastSmoothedAndTheNewPosition)
     EXPECT_DOUBLE_EQ(b2.x, 20);
     Blob b3 = at(30, 30, 1);
     f.BezierCurveFilter(&b3, false);
-    EXPECT_DOUBLE_EQ(b3.x, 25);
-    EXPECT_DOUBLE_EQ(b3.y, 20);
+    EXPECT_THAT(b3, IsPoint(25, 20));
     Blob b4 = at(45, 20, 1, 1); // lost: smoothed once more, then forgotten
     f.BezierCurveFilter(&b4, false);
     EXPECT_DOUBLE_EQ(b4.x, 35);
@@ -45,8 +46,7 @@ TEST(InertiaFilter, FollowsTheCurveWithTheGivenOrAutomaticFactor)
     EXPECT_DOUBLE_EQ(b.x, 10) << "too short a path: unchanged";
     Blob c = at(30, 6, 4);
     f.InertiaCurveFilter(&c, 0.0);
-    EXPECT_DOUBLE_EQ(c.x, 10) << "t 0 holds the last path position";
-    EXPECT_DOUBLE_EQ(c.y, 0);
+    EXPECT_THAT(c, IsPoint(10, 0)) << "t 0 holds the last path position";
     Blob d = at(20, 0, 4);
     f.InertiaCurveFilter(&d, -1.0); // factor 0.5, speed 0
     // p0 (10,0), p1 (10,0), p2 (20,0): 0.25 * 10 + 10

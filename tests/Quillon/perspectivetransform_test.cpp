@@ -1,3 +1,5 @@
+#include "pointmatchers.h"
+
 #include "perspectivetransform.h"
 
 #include <gtest/gtest.h>
@@ -62,11 +64,9 @@ TEST(PerspectiveTransform, QuadToQuadAgreesWithOpenCvOnCornersAndInterior)
         cv::perspectiveTransform(probes, expected, h);
         for (std::size_t i = 0; i < probes.size(); ++i) {
             const EVector got = t.Filter(EVector(probes[i].x, probes[i].y));
-            ASSERT_NEAR(got.x, expected[i].x, tolerance) << "round " << round << " probe " << i;
-            ASSERT_NEAR(got.y, expected[i].y, tolerance) << "round " << round << " probe " << i;
+            ASSERT_THAT(got, IsNear(expected[i].x, expected[i].y, tolerance)) << "round " << round << " probe " << i;
             if (i < 4) {
-                ASSERT_NEAR(got.x, dst.points[i].x, tolerance);
-                ASSERT_NEAR(got.y, dst.points[i].y, tolerance);
+                ASSERT_THAT(got, IsNear(dst.points[i].x, dst.points[i].y, tolerance));
             }
         }
     }
@@ -77,8 +77,7 @@ TEST(PerspectiveTransform, ParallelogramTakesTheAffinePath)
     const auto a = PerspectiveTransform::getSquareToQuad(10, 10, 110, 30, 130, 130, 30, 110);
     EXPECT_EQ(a.m20, 0.0);
     EXPECT_EQ(a.m21, 0.0);
-    EXPECT_DOUBLE_EQ(a.Filter(EVector(1, 1)).x, 130);
-    EXPECT_DOUBLE_EQ(a.Filter(EVector(1, 1)).y, 130);
+    EXPECT_THAT(a.Filter(EVector(1, 1)), IsPoint(130, 130));
 
     const auto p = PerspectiveTransform::getSquareToQuad(0, 0, 100, 0, 80, 50, 20, 50);
     EXPECT_TRUE(p.m20 != 0.0 || p.m21 != 0.0);
@@ -88,14 +87,12 @@ TEST(PerspectiveTransform, ParallelogramTakesTheAffinePath)
 TEST(PerspectiveTransform, AdjointUndoesTheMapWithoutNormalising)
 {
     PerspectiveTransform t = PerspectiveTransform::getQuadToSquare(3, 4, 200, 15, 180, 170, 12, 160);
-    EXPECT_NEAR(t.Filter(EVector(180, 170)).x, 1, 1e-12);
-    EXPECT_NEAR(t.Filter(EVector(180, 170)).y, 1, 1e-12);
+    EXPECT_THAT(t.Filter(EVector(180, 170)), IsNear(1, 1, 1e-12));
     t.makeAdjoint();
     const EVector back = t.Filter(EVector(0.5, 0.25));
     const EVector direct =
         PerspectiveTransform::getSquareToQuad(3, 4, 200, 15, 180, 170, 12, 160).Filter(EVector(0.5, 0.25));
-    EXPECT_NEAR(back.x, direct.x, 1e-9);
-    EXPECT_NEAR(back.y, direct.y, 1e-9);
+    EXPECT_THAT(back, IsNear(direct.x, direct.y, 1e-9));
 
     t.normalize();
     EXPECT_EQ(t.m22, 1.0);
@@ -107,15 +104,13 @@ TEST(PerspectiveTransform, ConcatenateActsAfterAndPreConcatenateBefore)
     PerspectiveTransform after;
     after.scale(2, 2);
     after.translate(1, 0);
-    EXPECT_DOUBLE_EQ(after.Filter(EVector(1, 1)).x, 3);
-    EXPECT_DOUBLE_EQ(after.Filter(EVector(1, 1)).y, 2);
+    EXPECT_THAT(after.Filter(EVector(1, 1)), IsPoint(3, 2));
 
     PerspectiveTransform before, shift;
     before.setToScale(2, 2);
     shift.setToTranslation(1, 0);
     before.preConcatenate(shift);
-    EXPECT_DOUBLE_EQ(before.Filter(EVector(1, 1)).x, 4);
-    EXPECT_DOUBLE_EQ(before.Filter(EVector(1, 1)).y, 2);
+    EXPECT_THAT(before.Filter(EVector(1, 1)), IsPoint(4, 2));
 }
 
 TEST(PerspectiveTransform, ElementaryTransforms)
@@ -124,12 +119,10 @@ TEST(PerspectiveTransform, ElementaryTransforms)
     t.rotate(M_PI / 2);
     t.rotate(-M_PI / 2, 2, 2);
     // A quarter turn about the origin and back about (2, 2) is a shift by (0, 4).
-    EXPECT_NEAR(t.Filter(EVector(3, 4)).x, 3, 1e-12);
-    EXPECT_NEAR(t.Filter(EVector(3, 4)).y, 8, 1e-12);
+    EXPECT_THAT(t.Filter(EVector(3, 4)), IsNear(3, 8, 1e-12));
 
     t.setToShear(0.5, 0.25);
-    EXPECT_DOUBLE_EQ(t.Filter(EVector(2, 4)).x, 4);
-    EXPECT_DOUBLE_EQ(t.Filter(EVector(2, 4)).y, 4.5);
+    EXPECT_THAT(t.Filter(EVector(2, 4)), IsPoint(4, 4.5));
 
     t.setTransform({{2, 0, 1}, {0, 3, 0}, {0, 0, 1}});
     EXPECT_DOUBLE_EQ(t.getDeterminant(), 6);

@@ -1,6 +1,10 @@
+#include "pointmatchers.h"
+
 #include "quillonimagehelper.h"
 
 #include <gtest/gtest.h>
+
+#include <tuple>
 
 namespace {
 
@@ -29,21 +33,17 @@ TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
 {
     double sum = -1;
     EVector none = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 0, false, &sum, 0);
-    EXPECT_EQ(none.x, -1);
-    EXPECT_EQ(none.y, -1);
-    EXPECT_EQ(sum, 0);
+    EXPECT_EQ(std::tuple(none.x, none.y, sum), std::tuple(-1, -1, 0));
 
     image.at<unsigned char>(2, 3) = 255;
     EVector one = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 10, false, &sum, 0);
-    EXPECT_DOUBLE_EQ(one.x, 3);
-    EXPECT_DOUBLE_EQ(one.y, 2);
+    EXPECT_THAT(one, IsPoint(3, 2));
     image.at<unsigned char>(2, 4) = 255;
     image.at<unsigned char>(0, 0) = 10; // at the threshold: does not count
     EVector two = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 10, true, &sum, 1);
     EXPECT_DOUBLE_EQ(two.x, 3.5);
     EXPECT_DOUBLE_EQ(sum, 2.0);
-    EXPECT_EQ(two.measureC, 2);
-    EXPECT_EQ(two.measureD, 255);
+    EXPECT_EQ(std::tuple(two.measureC, two.measureD), std::tuple(2, 255));
     EXPECT_EQ(image.at<unsigned char>(2, 4), 1) << "erased";
     EXPECT_EQ(image.at<unsigned char>(0, 0), 10);
 }

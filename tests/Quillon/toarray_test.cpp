@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 
 namespace {
 
@@ -22,15 +23,9 @@ TransformGrid doublingGrid()
 TEST(BlobListToArray, CopiesCarryScreenPositionsOfTheShiftedSensorPoint)
 {
     Blob a(100, 50, 6, 4, 3), b(200, 300, 2, 2, 0);
-    a.sessionId = 11;
-    a.state = 2;
-    a.size = 99;
-    a.xShift = 5;
-    a.yShift = -2;
-    a.moved = 7;
-    a.lostFrames = 3;
-    b.sessionId = 12;
-    b.state = 0;
+    std::tie(a.sessionId, a.state, a.size, a.xShift, a.yShift, a.moved, a.lostFrames) =
+        std::tuple(11, 2, 99, 5, -2, 7, 3);
+    std::tie(b.sessionId, b.state) = std::tuple(12, 0);
     BlobList list;
     list.add(&a);
     list.add(&b);
@@ -40,17 +35,12 @@ TEST(BlobListToArray, CopiesCarryScreenPositionsOfTheShiftedSensorPoint)
     std::vector<Blob*> out = list.ToArray(&grid, &lens);
     ASSERT_EQ(out.size(), 2u);
     EXPECT_NE(out[0], &a);
-    EXPECT_DOUBLE_EQ(out[0]->fx, (100 + 5 + 10) * 2);
-    EXPECT_DOUBLE_EQ(out[0]->fy, (50 - 2) * 2);
-    EXPECT_EQ(out[0]->x, 100);
-    EXPECT_EQ(out[0]->y, 50);
-    EXPECT_EQ(out[0]->id, 3);
-    EXPECT_EQ(out[0]->sessionId, 11);
-    EXPECT_EQ(out[0]->state, 2);
-    EXPECT_EQ(out[0]->size, 99);
-    EXPECT_EQ(out[0]->xShift, 5);
-    EXPECT_EQ(out[0]->moved, 0);
-    EXPECT_EQ(out[0]->lostFrames, 0);
+    const Blob& c = *out[0];
+    EXPECT_DOUBLE_EQ(c.fx, (100 + 5 + 10) * 2);
+    EXPECT_DOUBLE_EQ(c.fy, (50 - 2) * 2);
+    // The copy keeps the sensor position, ids and shift; the tracking counters start afresh.
+    EXPECT_EQ(std::tuple(c.x, c.y, c.id, c.sessionId, c.state, c.size, c.xShift, c.moved, c.lostFrames),
+              std::tuple(100, 50, 3, 11, 2, 99, 5, 0, 0));
     EXPECT_EQ(out[1]->sessionId, 12);
     EXPECT_DOUBLE_EQ(out[1]->fx, 420);
     for (Blob* copy : out)
@@ -68,8 +58,7 @@ TEST(BlobListToArray, GridThatIsNotReadyGivesMinusOne)
     TransformGrid empty;
     std::vector<Blob*> out = list.ToArray(&empty, nullptr);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0]->fx, -1);
-    EXPECT_EQ(out[0]->fy, -1);
+    EXPECT_EQ(std::tuple(out[0]->fx, out[0]->fy), std::tuple(-1.0, -1.0));
     delete out[0];
     EXPECT_TRUE(BlobList().ToArray(&empty, nullptr).empty());
 }

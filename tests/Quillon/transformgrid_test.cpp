@@ -1,9 +1,11 @@
+#include "pointmatchers.h"
 #include "shiftcorrection.h"
 #include "blob.h"
 #include "transformgrid.h"
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -25,10 +27,8 @@ TransformArea shiftingArea(EPolygon cell, double dx, double dy)
 void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> expected)
 {
     ASSERT_EQ(p.size(), static_cast<int>(expected.size()));
-    for (int i = 0; i < p.size(); ++i) {
-        EXPECT_NEAR(p[i].x, expected[i].first, 1e-6) << "vertex " << i;
-        EXPECT_NEAR(p[i].y, expected[i].second, 1e-6) << "vertex " << i;
-    }
+    for (int i = 0; i < p.size(); ++i)
+        EXPECT_THAT(p[i], IsNear(expected[i].first, expected[i].second, 1e-6)) << "vertex " << i;
 }
 
 } // namespace
@@ -89,16 +89,11 @@ TEST(TransformGrid, UnclaimedPointMapsToOriginAndKeepsItsPayload)
     p.tag = 3;
     p.measureD = 9;
     const EVector q = grid.Filter(p);
-    EXPECT_EQ(q.x, 0);
-    EXPECT_EQ(q.y, 0);
-    EXPECT_EQ(q.tag, 3);
-    EXPECT_EQ(q.measureD, 9);
+    EXPECT_EQ(std::tuple(q.x, q.y, q.tag, q.measureD), std::tuple(0, 0, 3, 9));
     EXPECT_EQ(grid.GetAreaIndex(p), -1);
     EXPECT_EQ(grid.GetInterpolatedBlobsize(p), 0);
 
-    const EVector hit = grid.Filter(EVector(2, 3));
-    EXPECT_DOUBLE_EQ(hit.x, 7);
-    EXPECT_DOUBLE_EQ(hit.y, 8);
+    EXPECT_THAT(grid.Filter(EVector(2, 3)), IsPoint(7, 8));
 }
 
 TEST(TransformGrid, OverlappingAreasGiveTheMeanEvenWhenAddedTwice)

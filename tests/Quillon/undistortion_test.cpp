@@ -1,3 +1,5 @@
+#include "pointmatchers.h"
+
 #include "configfileerror.h"
 #include "fisheyeundistortion.h"
 #include "normalundistortion.h"
@@ -9,6 +11,7 @@
 
 #include <cmath>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -42,18 +45,14 @@ TEST_F(FactoryLens, NormalUndistortionMovesPointsAsOpenCvDoes)
         NormalUndistortion lens;
         ASSERT_TRUE(lens.initByFiles(intrinsic.c_str(), distortion.c_str(), scale, scale));
         cv::Mat k = K.clone();
-        k.at<double>(0, 0) *= scale;
-        k.at<double>(0, 2) *= scale;
-        k.at<double>(1, 1) *= scale;
-        k.at<double>(1, 2) *= scale;
+        k.rowRange(0, 2) *= scale; // focal lengths and principal point
         EXPECT_DOUBLE_EQ(lens.intrinsicMatrix.at<double>(0, 0), k.at<double>(0, 0));
         for (double y = 0; y <= 480 * scale; y += 40 * scale) {
             for (double x = 0; x <= 752 * scale; x += 47 * scale) {
                 std::vector<cv::Point2d> in{{x, y}}, out;
                 cv::undistortPoints(in, out, k, D, cv::noArray(), k);
                 const EVector got = lens.undistort(EVector(x, y));
-                ASSERT_NEAR(got.x, out[0].x, 1e-9);
-                ASSERT_NEAR(got.y, out[0].y, 1e-9);
+                ASSERT_THAT(got, IsNear(out[0].x, out[0].y, 1e-9));
             }
         }
     }
@@ -88,10 +87,7 @@ TEST_F(FactoryLens, MissingFilesLeaveTheCorrectionInactiveOrStopTheSetUp)
     p.tag = 4;
     p.measureC = 17;
     const EVector same = lens.undistort(p);
-    EXPECT_EQ(same.x, 123.25);
-    EXPECT_EQ(same.y, 45.5);
-    EXPECT_EQ(same.tag, 4);
-    EXPECT_EQ(same.measureC, 17);
+    EXPECT_EQ(std::tuple(same.x, same.y, same.tag, same.measureC), std::tuple(123.25, 45.5, 4, 17.0));
     EXPECT_FALSE(lens.initByIntrinsic(1, 2, 3, 4));
 
     NormalUndistortion broken;
@@ -117,13 +113,11 @@ TEST(FisheyeUndistortion, FollowsTheTangentOfTheRadius)
 
     ASSERT_TRUE(lens.initByIntrinsic(376, 240, 400, 300));
     const EVector q = lens.undistort(p);
-    EXPECT_DOUBLE_EQ(q.x, 400 * std::tan(0.5) + 376);
-    EXPECT_DOUBLE_EQ(q.y, 240);
+    EXPECT_THAT(q, IsPoint(400 * std::tan(0.5) + 376, 240));
     EXPECT_EQ(q.weight, 0);
 
     const EVector diagonal = lens.undistort(EVector(376 + 0.3 * 400, 240 + 0.4 * 300));
-    EXPECT_NEAR(diagonal.x, 0.3 * std::tan(0.5) / 0.5 * 400 + 376, 1e-9);
-    EXPECT_NEAR(diagonal.y, 0.4 * std::tan(0.5) / 0.5 * 300 + 240, 1e-9);
+    EXPECT_THAT(diagonal, IsNear(0.3 * std::tan(0.5) / 0.5 * 400 + 376, 0.4 * std::tan(0.5) / 0.5 * 300 + 240, 1e-9));
     // At the principal point the ratio tan(0)/0 is not a number.
     EXPECT_TRUE(std::isnan(lens.undistort(EVector(376, 240)).x));
 }
