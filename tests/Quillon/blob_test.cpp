@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -11,10 +12,17 @@ namespace {
 // Blobs of a test, freed with it: lists never delete what they hold.
 struct Blobs {
     std::vector<std::unique_ptr<Blob>> owned;
+    BlobList list;
     Blob* make(double x, double y, double w = 4, double h = 4)
     {
         owned.push_back(std::make_unique<Blob>(x, y, w, h, 0));
         return owned.back().get();
+    }
+    // Adds the blobs in the given order.
+    void add(std::initializer_list<Blob*> blobs)
+    {
+        for (Blob* b : blobs)
+            list.add(b);
     }
 };
 
@@ -23,16 +31,8 @@ struct Blobs {
 TEST(BlobConstruction, DerivesBoxAndStartsUnmatched)
 {
     Blob b(10, 20, 4, 6, 7);
-    EXPECT_DOUBLE_EQ(b.left, 8);
-    EXPECT_DOUBLE_EQ(b.top, 17);
-    EXPECT_DOUBLE_EQ(b.size, 24);
-    EXPECT_EQ(b.state, -1);
-    EXPECT_EQ(b.sessionId, -1);
-    EXPECT_EQ(b.id, 7);
-    EXPECT_DOUBLE_EQ(b.fx, -1);
-    EXPECT_DOUBLE_EQ(b.fy, -1);
-    EXPECT_EQ(b.partner, nullptr);
-    EXPECT_DOUBLE_EQ(b.speed, 0);
+    EXPECT_EQ(std::tuple(b.left, b.top, b.size, b.fx, b.fy, b.speed), std::tuple(8.0, 17.0, 24.0, -1.0, -1.0, 0.0));
+    EXPECT_EQ(std::tuple(b.state, b.sessionId, b.id, b.partner), std::tuple(-1, -1, 7, static_cast<Blob*>(nullptr)));
     EXPECT_DOUBLE_EQ(b.getDistance(Blob(13, 24, 1, 1, 0)), 5);
 }
 
@@ -51,18 +51,17 @@ TEST(BlobSessionIds, AreHandedOutOnceEachAndNeverReused)
 
 TEST(BlobScreenTest, FirstRowAndColumnAreOutsideLastOnesInside)
 {
-    Blob b(0, 0, 1, 1, 0);
-    auto out = [&](double fx, double fy) {
-        b.fx = fx;
-        b.fy = fy;
-        return b.isOutOfScreen(1920, 1080);
-    };
-    EXPECT_FALSE(out(1, 1));
-    EXPECT_FALSE(out(1920, 1080));
-    EXPECT_TRUE(out(0.5, 500));
-    EXPECT_TRUE(out(1920.5, 500));
-    EXPECT_TRUE(out(500, 1080.5));
-    EXPECT_TRUE(out(-1, -1));
+    const struct {
+        double fx, fy;
+        bool out;
+    } cases[] = {{1, 1, false},         {1920, 1080, false},  {0.5, 500, true},
+                 {1920.5, 500, true},   {500, 1080.5, true},  {-1, -1, true}};
+    for (const auto& c : cases) {
+        Blob b(0, 0, 1, 1, 0);
+        b.fx = c.fx;
+        b.fy = c.fy;
+        EXPECT_EQ(b.isOutOfScreen(1920, 1080), c.out) << c.fx << "," << c.fy;
+    }
 }
 
 TEST(BlobMerge, TakesTheNewPositionUnlessAnEdgeBlobHeldStill)
@@ -76,15 +75,10 @@ TEST(BlobMerge, TakesTheNewPositionUnlessAnEdgeBlobHeldStill)
     detection.xShift = 1.5;
     detection.outside = true;
     survivor.mergeWith(detection);
-    EXPECT_DOUBLE_EQ(survivor.x, 103);
-    EXPECT_DOUBLE_EQ(survivor.y, 104);
-    EXPECT_DOUBLE_EQ(survivor.moved, 5);
-    EXPECT_DOUBLE_EQ(survivor.size, 64);
-    EXPECT_DOUBLE_EQ(survivor.width, 6) << "the box size stays as first seen";
-    EXPECT_EQ(survivor.sessionId, 12);
-    EXPECT_EQ(survivor.lostFrames, 0);
-    EXPECT_DOUBLE_EQ(survivor.xShift, 1.5);
-    EXPECT_TRUE(survivor.outside);
+    // The box width stays as first seen.
+    EXPECT_EQ(std::tuple(survivor.x, survivor.y, survivor.moved, survivor.size, survivor.width, survivor.xShift),
+              std::tuple(103.0, 104.0, 5.0, 64.0, 6.0, 1.5));
+    EXPECT_EQ(std::tuple(survivor.sessionId, survivor.lostFrames, survivor.outside), std::tuple(12, 0, true));
 
     // Far from the centre: held only when it did not move at all (the still distance is 0).
     Blob edge(50, 50, 4, 4, 0);
@@ -94,22 +88,19 @@ TEST(BlobMerge, TakesTheNewPositionUnlessAnEdgeBlobHeldStill)
     same.radial = 0.2;
     edge.mergeWith(same);
     EXPECT_DOUBLE_EQ(edge.radial, gs->edgeRadius + 0.1) << "held: position and radial stay";
-    EXPECT_EQ(edge.lostFrames, 0);
-    EXPECT_DOUBLE_EQ(edge.size, 25);
+    EXPECT_EQ(std::tuple(edge.lostFrames, edge.size), std::tuple(0, 25.0));
     Blob moved(50.5, 50, 5, 5, 0);
     moved.radial = 0.95;
     edge.mergeWith(moved);
-    EXPECT_DOUBLE_EQ(edge.x, 50.5);
-    EXPECT_DOUBLE_EQ(edge.radial, 0.95);
+    EXPECT_EQ(std::tuple(edge.x, edge.radial), std::tuple(50.5, 0.95));
 }
 
 TEST(BlobListStorage, IsCappedAtOneThousandAndNeverDeletes)
 {
     Blobs pool;
-    BlobList list;
-    for (int i = 0; i < 999; ++i)
+    BlobList& list = pool.list;
+    for (int i = 0; i < 1000; ++i)
         list.add(pool.make(i, 0));
-    list.add(pool.make(999, 0));
     EXPECT_EQ(list.size(), 1000);
     Blob* refused = pool.make(1000, 0);
     list.add(refused);
@@ -141,56 +132,37 @@ TEST(BlobListContains, LooksOnlyAtTheGivenVectorAndSkipsNulls)
 TEST(BlobListQueries, FindExtremesAndCorners)
 {
     Blobs pool;
-    BlobList list;
-    Blob* tl = pool.make(10, 10);
-    Blob* tr = pool.make(90, 12);
-    Blob* bl = pool.make(12, 88);
-    Blob* br = pool.make(91, 90);
-    for (Blob* b : {br, bl, tr, tl})
-        list.add(b);
-    EXPECT_EQ(list.getTopBlob(), tl);
-    EXPECT_EQ(list.getBottomBlob(), br);
-    EXPECT_EQ(list.getLeftBlob(), tl);
-    EXPECT_EQ(list.getRightBlob(), br);
-    EXPECT_EQ(list.getTopLeftBlob(), tl);
-    EXPECT_EQ(list.getTopRightBlob(), tr);
-    EXPECT_EQ(list.getBottomLeftBlob(), bl);
-    EXPECT_EQ(list.getBottomRightBlob(), br);
-    EXPECT_EQ(list.getSortedBlob(5), tr);
-    EXPECT_EQ(list.getSortedBlob(3), br);
-    EXPECT_EQ(list.getSortedBlob(8), nullptr);
-    EXPECT_EQ(list.getSortedBlob(-2), nullptr);
+    BlobList& list = pool.list;
+    Blob *tl = pool.make(10, 10), *tr = pool.make(90, 12), *bl = pool.make(12, 88), *br = pool.make(91, 90);
+    pool.add({br, bl, tr, tl});
+    const std::vector<Blob*> extremes{list.getTopBlob(),     list.getBottomBlob(),     list.getLeftBlob(),
+                                      list.getRightBlob(),   list.getTopLeftBlob(),    list.getTopRightBlob(),
+                                      list.getBottomLeftBlob(), list.getBottomRightBlob()};
+    EXPECT_EQ(extremes, (std::vector<Blob*>{tl, br, tl, br, tl, tr, bl, br}));
+    const std::vector<Blob*> sorted{list.getSortedBlob(5), list.getSortedBlob(3), list.getSortedBlob(8),
+                                    list.getSortedBlob(-2)};
+    EXPECT_EQ(sorted, (std::vector<Blob*>{tr, br, nullptr, nullptr}));
     list.getLeftBlob();
     EXPECT_EQ(list.getSortedBlob(-1), list[0]) << "-1 is the first entry as it stands";
     EXPECT_EQ(list[0], tl) << "queries sort the list in place";
-}
 
-TEST(BlobListQueries, CornerQueriesLookOnlyAtTheUpperOrLowerHalf)
-{
-    Blobs pool;
-    BlobList list;
     // The rightmost blob is low: the top-right query must not see it.
-    Blob* a = pool.make(10, 10);
-    Blob* b = pool.make(50, 11);
-    Blob* c = pool.make(20, 50);
-    Blob* d = pool.make(99, 60);
-    for (Blob* x : {d, c, b, a})
-        list.add(x);
-    EXPECT_EQ(list.getTopRightBlob(), b);
-    EXPECT_EQ(list.getBottomLeftBlob(), c);
+    Blobs half;
+    Blob *a = half.make(10, 10), *b = half.make(50, 11), *c = half.make(20, 50), *d = half.make(99, 60);
+    half.add({d, c, b, a});
+    EXPECT_EQ(half.list.getTopRightBlob(), b) << "corner queries look only at the upper or lower half";
+    EXPECT_EQ(half.list.getBottomLeftBlob(), c);
 }
 
 TEST(BlobListQueries, FewerThanThreeBlobsAnswerTheFirstEntryForCorners)
 {
     Blobs pool;
-    BlobList list;
+    BlobList& list = pool.list;
     EXPECT_EQ(list.getTopRightBlob(), nullptr);
     EXPECT_EQ(list.getTopBlob(), nullptr);
     EXPECT_EQ(list.getSortedBlob(-1), nullptr);
-    Blob* low = pool.make(5, 90);
-    Blob* high = pool.make(95, 5);
-    list.add(low);
-    list.add(high);
+    Blob *low = pool.make(5, 90), *high = pool.make(95, 5);
+    pool.add({low, high});
     EXPECT_EQ(list.getTopRightBlob(), low);
     EXPECT_EQ(list.getBottomLeftBlob(), low);
     EXPECT_EQ(list.getTopBlob(), high) << "the plain extremes still sort";

@@ -11,6 +11,7 @@
 #include <map>
 #include <numeric>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -35,34 +36,34 @@ protected:
         tracked.mergeWith(fresh, keepFrames, nullptr);
     }
     Blob* at(int i) { return tracked[i]; }
+    std::vector<int> states() const
+    {
+        std::vector<int> out;
+        for (const Blob* b : tracked.blobs)
+            out.push_back(b->state);
+        return out;
+    }
+    using V = std::vector<int>;
 };
 
 TEST_F(Matching, SingleBlobsUseTheGreedyRuleStrictlyBelowFifteen)
 {
     step({{100, 100}});
-    ASSERT_EQ(tracked.size(), 1);
-    EXPECT_EQ(at(0)->state, 0);
+    ASSERT_EQ(states(), V{0});
     const int id = at(0)->sessionId;
     EXPECT_GT(id, 0);
 
     step({{114, 100}});
-    ASSERT_EQ(tracked.size(), 1);
-    EXPECT_EQ(at(0)->state, 2);
-    EXPECT_EQ(at(0)->sessionId, id);
-    EXPECT_DOUBLE_EQ(at(0)->moved, 14);
-    EXPECT_DOUBLE_EQ(at(0)->x, 114);
+    ASSERT_EQ(states(), V{2});
+    EXPECT_EQ(std::tuple(at(0)->sessionId, at(0)->moved, at(0)->x), std::tuple(id, 14.0, 114.0));
 
     step({});
-    ASSERT_EQ(tracked.size(), 1);
-    EXPECT_EQ(at(0)->state, 1) << "lost is reported once";
+    ASSERT_EQ(states(), V{1}) << "lost is reported once";
     step({{300, 300}});
-    ASSERT_EQ(tracked.size(), 1) << "the lost blob is gone";
-    EXPECT_EQ(at(0)->state, 0);
+    ASSERT_EQ(states(), V{0}) << "the lost blob is gone";
 
     step({{315, 300}}); // exactly 15 from a blob that has not moved
-    ASSERT_EQ(tracked.size(), 2);
-    EXPECT_EQ(at(0)->state, 1);
-    EXPECT_EQ(at(1)->state, 0);
+    ASSERT_EQ(states(), (V{1, 0}));
     EXPECT_NE(at(1)->sessionId, at(0)->sessionId);
 }
 
@@ -72,19 +73,13 @@ TEST_F(Matching, TheSolverAcceptsFifteenAndTenTimesTheLastMove)
     const int a = at(0)->sessionId, b = at(1)->sessionId;
     step({{115, 100}, {100, 385}});
     ASSERT_EQ(tracked.size(), 2);
-    EXPECT_EQ(at(0)->sessionId, a);
-    EXPECT_EQ(at(1)->sessionId, b);
-    EXPECT_EQ(at(0)->state, 2);
+    EXPECT_EQ(std::tuple(at(0)->sessionId, at(1)->sessionId, at(0)->state), std::tuple(a, b, 2));
 
     at(0)->moved = 20;
     at(1)->moved = 20;
     step({{315, 100}, {100, 586}}); // 200 and 201
-    ASSERT_EQ(tracked.size(), 3);
-    EXPECT_EQ(at(0)->sessionId, a);
-    EXPECT_EQ(at(0)->state, 2);
-    EXPECT_EQ(at(1)->sessionId, b);
-    EXPECT_EQ(at(1)->state, 1);
-    EXPECT_EQ(at(2)->state, 0);
+    ASSERT_EQ(states(), (V{2, 1, 0}));
+    EXPECT_EQ(std::tuple(at(0)->sessionId, at(1)->sessionId), std::tuple(a, b));
 }
 
 TEST_F(Matching, TheGreedyRuleAllowsBelowThirteenTimesTheLastMove)
@@ -96,9 +91,7 @@ TEST_F(Matching, TheGreedyRuleAllowsBelowThirteenTimesTheLastMove)
     EXPECT_EQ(at(0)->sessionId, id);
     at(0)->moved = 20;
     step({{99, 100}}); // 260 away
-    ASSERT_EQ(tracked.size(), 2);
-    EXPECT_EQ(at(0)->state, 1);
-    EXPECT_EQ(at(1)->state, 0);
+    EXPECT_EQ(states(), (V{1, 0}));
 }
 
 TEST_F(Matching, OfTwoCrossingConnectionsTheLongerIsRejected)
@@ -108,13 +101,8 @@ TEST_F(Matching, OfTwoCrossingConnectionsTheLongerIsRejected)
     const int a = at(0)->sessionId, b = at(1)->sessionId;
     at(0)->moved = 5;
     step({{100, 110}, {130, 108}});
-    ASSERT_EQ(tracked.size(), 3);
-    EXPECT_EQ(at(0)->sessionId, b);
-    EXPECT_DOUBLE_EQ(at(0)->x, 100);
-    EXPECT_EQ(at(1)->sessionId, a);
-    EXPECT_EQ(at(1)->state, 1);
-    EXPECT_EQ(at(2)->state, 0);
-    EXPECT_DOUBLE_EQ(at(2)->x, 130);
+    ASSERT_EQ(states(), (V{2, 1, 0}));
+    EXPECT_EQ(std::tuple(at(0)->sessionId, at(0)->x, at(1)->sessionId, at(2)->x), std::tuple(b, 100.0, a, 130.0));
 }
 
 TEST_F(Matching, RejectionMarksTheLongerOrAtEqualLengthTheOuterRow)
@@ -143,11 +131,8 @@ TEST_F(Matching, SurplusFreshBlobsFarthestFromAllAreBorn)
     step({{100, 100}, {200, 100}});
     const int a = at(0)->sessionId, b = at(1)->sessionId;
     step({{400, 400}, {105, 100}, {205, 100}});
-    ASSERT_EQ(tracked.size(), 3);
-    EXPECT_EQ(at(0)->sessionId, a);
-    EXPECT_EQ(at(1)->sessionId, b);
-    EXPECT_EQ(at(2)->state, 0);
-    EXPECT_DOUBLE_EQ(at(2)->x, 400);
+    ASSERT_EQ(states(), (V{2, 2, 0}));
+    EXPECT_EQ(std::tuple(at(0)->sessionId, at(1)->sessionId, at(2)->x), std::tuple(a, b, 400.0));
     EXPECT_GT(at(2)->sessionId, b);
 }
 
@@ -159,12 +144,8 @@ TEST_F(Matching, KeepFramesBridgesAMissingBlob)
         step({{300, 300}}, 2);
         ASSERT_EQ(tracked.size(), 2);
         Blob* b = at(1); // merged first, then the missing one
-        EXPECT_EQ(b->sessionId, id);
-        EXPECT_EQ(b->state, 2);
-        EXPECT_DOUBLE_EQ(b->x, 100);
-        EXPECT_EQ(b->lostFrames, missing);
-        EXPECT_EQ(b->lostEvents, 1);
-        EXPECT_TRUE(b->wasLost);
+        EXPECT_EQ(std::tuple(b->sessionId, b->state, b->x, b->lostFrames, b->lostEvents, b->wasLost),
+                  std::tuple(id, 2, 100.0, missing, 1, true));
     }
     step({{300, 300}}, 2);
     EXPECT_EQ(at(1)->state, 1);
@@ -176,9 +157,7 @@ TEST_F(Matching, KeepFramesBridgesAMissingBlob)
     step({{300, 300}}, 2);
     step({{300, 300}, {52, 50}}, 2); // back during the bridge
     ASSERT_EQ(tracked.size(), 2);
-    EXPECT_EQ(at(1)->sessionId, other);
-    EXPECT_EQ(at(1)->lostFrames, 0);
-    EXPECT_EQ(at(1)->lostEvents, 1);
+    EXPECT_EQ(std::tuple(at(1)->sessionId, at(1)->lostFrames, at(1)->lostEvents), std::tuple(other, 0, 1));
 }
 
 TEST_F(Matching, ManyBlobsStillKeepTheirIdsWhenTheSolverGivesUp)
@@ -324,10 +303,8 @@ void runStrokes(const std::vector<Stroke>& strokes)
             const Stroke& s = strokes[n];
             const int k = frame - s.firstFrame;
             for (Blob* b : tracked.blobs) {
-                if (b->state == 0 && ids[n] == b->sessionId)
-                    ++births[n];
-                if (b->state == 1 && ids[n] == b->sessionId)
-                    ++losses[n];
+                births[n] += b->sessionId == ids[n] && b->state == 0;
+                losses[n] += b->sessionId == ids[n] && b->state == 1;
             }
             if (k < 0 || k >= int(s.path.size()))
                 continue;
@@ -353,23 +330,21 @@ void runStrokes(const std::vector<Stroke>& strokes)
         delete b;
 }
 
-TEST(Strokes, AStraightLineKeepsOneId) { runStrokes({line(0, {60, 60}, {2, 1}, 22)}); }
-
-TEST(Strokes, ACircleKeepsOneId) { runStrokes({circle(1, {376, 240}, 150, 0, 40)}); }
-
-TEST(Strokes, TwoCrossingStrokesKeepTheirIds)
+TEST(Strokes, EachStrokeKeepsOneId)
 {
-    Stroke across = line(0, {80, 240}, {1, 0}, 24);
-    Stroke down = line(6, {370, 60}, {0, 1}, 16);
-    runStrokes({across, down});
-}
-
-TEST(Strokes, TenSpotsMovingTogetherKeepTheirIds)
-{
-    std::vector<Stroke> strokes;
+    std::vector<Stroke> ten;
     for (int i = 0; i < 10; ++i)
-        strokes.push_back(circle(i % 3, {130.0 + (i % 5) * 120, 130.0 + (i / 5) * 200}, 45, 0, 30));
-    runStrokes(strokes);
+        ten.push_back(circle(i % 3, {130.0 + (i % 5) * 120, 130.0 + (i / 5) * 200}, 45, 0, 30));
+    const std::pair<const char*, std::vector<Stroke>> cases[] = {
+        {"straight line", {line(0, {60, 60}, {2, 1}, 22)}},
+        {"circle", {circle(1, {376, 240}, 150, 0, 40)}},
+        {"two crossing strokes", {line(0, {80, 240}, {1, 0}, 24), line(6, {370, 60}, {0, 1}, 16)}},
+        {"ten spots moving together", ten},
+    };
+    for (const auto& [name, strokes] : cases) {
+        SCOPED_TRACE(name);
+        runStrokes(strokes);
+    }
 }
 
 } // namespace
