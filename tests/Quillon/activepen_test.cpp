@@ -1,4 +1,6 @@
 // The tracking front end: from frames to screen-space blobs through a calibration.
+#include "pointmatchers.h"
+
 #include "activepen.h"
 #include "blob.h"
 #include "calibration.h"
@@ -14,6 +16,7 @@
 #include <cmath>
 #include <memory>
 #include <vector>
+#include <tuple>
 
 namespace {
 
@@ -52,26 +55,6 @@ std::unique_ptr<Calibration> calibrationOf(int n, bool withRefPoints = false)
     return c;
 }
 
-ActivePenContext contextFor()
-{
-    const GS* gs = GS::instance();
-    ActivePenContext c;
-    c.width = SensorWidth;
-    c.height = SensorHeight;
-    c.stylusThreshold = gs->stylusThreshold;
-    c.fingerThreshold = gs->fingerThreshold;
-    c.boxParameter = gs->boxParameter;
-    c.windowX = 10;
-    c.windowY = 20;
-    c.windowWidth = 700;
-    c.windowHeight = 400;
-    c.bezierFactor = gs->bezierFactor;
-    c.inertiaRadius = 1.0; // inertia off: positions are compared as they come
-    c.boxFactor = gs->boxFactor;
-    c.autoWindow = true;
-    return c;
-}
-
 // A dark frame with a bright round stylus tip at a sensor position.
 std::vector<unsigned char> frameWithSpot(const EVector* at)
 {
@@ -84,10 +67,23 @@ std::vector<unsigned char> frameWithSpot(const EVector* at)
 
 class Front : public ::testing::Test {
 protected:
+    std::unique_ptr<Calibration> calibration;
     ActivePen pen;
     void SetUp() override
     {
-        pen.start(nullptr, contextFor());
+        const GS* gs = GS::instance();
+        // Inertia off: positions are compared as they come.
+        pen.start(nullptr, {.width = SensorWidth, .height = SensorHeight, .stylusThreshold = gs->stylusThreshold,
+                            .fingerThreshold = gs->fingerThreshold, .boxParameter = gs->boxParameter,
+                            .windowX = 10, .windowY = 20, .windowWidth = 700, .windowHeight = 400,
+                            .bezierFactor = gs->bezierFactor, .inertiaRadius = 1.0, .boxFactor = gs->boxFactor,
+                            .autoWindow = true});
+    }
+    void calibrate(int n = 5, bool withRefPoints = false)
+    {
+        calibration = calibrationOf(n, withRefPoints);
+        pen.setCalibration(calibration.get(), calibration.get(), ScreenWidth, ScreenHeight,
+                           GS::instance()->boxParameter);
     }
     std::vector<Blob*> frame(const EVector* spot)
     {
@@ -116,19 +112,16 @@ struct Owned {
 
 TEST_F(Front, CalibrationMapsSensorToScreenAndBack)
 {
-    auto calibration = calibrationOf(5);
-    pen.setCalibration(calibration.get(), calibration.get(), ScreenWidth, ScreenHeight, GS::instance()->boxParameter);
+    calibrate();
     ASSERT_TRUE(pen.grid->IsReady());
     const cv::Mat h = screenToSensor();
     for (EVector screen : {EVector(200, 150), EVector(960, 540), EVector(1700, 900), EVector(1000, 100)}) {
         // The factory lens is not loaded here, so undistorted and raw sensor points agree.
         const EVector sensor = apply(h, screen);
         const EVector mapped = pen.transform(sensor, false);
-        EXPECT_NEAR(mapped.x, screen.x, 1.5) << screen.x << "," << screen.y;
-        EXPECT_NEAR(mapped.y, screen.y, 1.5);
+        EXPECT_THAT(mapped, IsNear(screen.x, screen.y, 1.5)) << screen.x << "," << screen.y;
         const EVector back = pen.transform(mapped, true);
-        EXPECT_NEAR(back.x, sensor.x, 1e-6);
-        EXPECT_NEAR(back.y, sensor.y, 1e-6);
+        EXPECT_THAT(back, IsNear(sensor.x, sensor.y, 1e-6));
     }
     const size_t areas = pen.grid->areas.size();
     pen.setCalibration(calibration.get(), calibration.get(), ScreenWidth, ScreenHeight, GS::instance()->boxParameter);
@@ -137,8 +130,7 @@ TEST_F(Front, CalibrationMapsSensorToScreenAndBack)
 
 TEST_F(Front, AStylusStrokeArrivesAsOneTouchAtItsScreenPositions)
 {
-    auto calibration = calibrationOf(5);
-    pen.setCalibration(calibration.get(), calibration.get(), ScreenWidth, ScreenHeight, GS::instance()->boxParameter);
+    calibrate();
     pen.setInputMode(StylusCalibration);
     learnBackground();
 
@@ -157,8 +149,7 @@ TEST_F(Front, AStylusStrokeArrivesAsOneTouchAtItsScreenPositions)
             session = b->sessionId;
         EXPECT_EQ(b->sessionId, session) << "one gesture from start to end";
         // The position filter trails a moving point; a still one it must meet.
-        EXPECT_NEAR(b->fx, screen.x, 60);
-        EXPECT_NEAR(b->fy, screen.y, 60);
+        EXPECT_THAT(b->fcenter(), IsNear(screen.x, screen.y, 60));
     }
     const EVector still = apply(h, EVector(1500, 800));
     for (int i = 0; i < 6; ++i)
@@ -166,8 +157,7 @@ TEST_F(Front, AStylusStrokeArrivesAsOneTouchAtItsScreenPositions)
     {
         Owned blobs(frame(&still));
         ASSERT_EQ(blobs.v.size(), 1u);
-        EXPECT_NEAR(blobs.v[0]->fx, 1500, 3) << "a still stylus lands within 3 pixels";
-        EXPECT_NEAR(blobs.v[0]->fy, 800, 3);
+        EXPECT_THAT(blobs.v[0]->fcenter(), IsNear(1500, 800, 3)) << "a still stylus lands within 3 pixels";
     }
     Owned lifted(frame(nullptr));
     ASSERT_EQ(lifted.v.size(), 1u);
@@ -184,26 +174,22 @@ TEST_F(Front, WithoutACalibrationBlobsHaveNoScreenPosition)
     const EVector spot(300, 200);
     Owned blobs(frame(&spot));
     ASSERT_EQ(blobs.v.size(), 1u);
-    EXPECT_EQ(blobs.v[0]->fx, -1);
-    EXPECT_EQ(blobs.v[0]->fy, -1);
+    EXPECT_EQ(std::tuple(blobs.v[0]->fx, blobs.v[0]->fy), std::tuple(-1.0, -1.0));
     EXPECT_NEAR(blobs.v[0]->x, 300, 1);
 }
 
 TEST_F(Front, TheSecondEngineRunsOnlyInStylusModeWithABarCalibration)
 {
     pen.setInputMode(Stylus);
-    EXPECT_TRUE(pen.extended);
-    EXPECT_FALSE(pen.dualEngine);
-    auto bar = calibrationOf(3, true);
+    EXPECT_EQ((std::tuple<bool, bool>(pen.extended, pen.dualEngine)), std::tuple(true, false));
     pen.setInputMode(Finger);
-    pen.setCalibration(bar.get(), bar.get(), ScreenWidth, ScreenHeight, GS::instance()->boxParameter);
+    calibrate(3, true); // reference points: a bar calibration
     EXPECT_TRUE(pen.lumerailCalibrated);
     EXPECT_FALSE(pen.dualEngine) << "finger mode";
     pen.setInputMode(Stylus);
     EXPECT_TRUE(pen.dualEngine);
     pen.setInputMode(StylusCalibration);
-    EXPECT_FALSE(pen.dualEngine);
-    EXPECT_TRUE(pen.extended);
+    EXPECT_EQ((std::tuple<bool, bool>(pen.extended, pen.dualEngine)), std::tuple(true, false));
     pen.setInputMode(Finger);
     EXPECT_FALSE(pen.extended);
 }
@@ -223,16 +209,13 @@ TEST_F(Front, BlobFilterIsSharedByBothEnginesAndTooFewPointsRemoveIt)
 
 TEST_F(Front, AutoWindowFramesTheScreenOnTheSensor)
 {
-    auto calibration = calibrationOf(5);
-    pen.setCalibration(calibration.get(), calibration.get(), ScreenWidth, ScreenHeight, GS::instance()->boxParameter);
+    calibrate();
     pen.setAutoWindow({EVector(0, 0), EVector(ScreenWidth, 0), EVector(ScreenWidth, ScreenHeight),
                        EVector(0, ScreenHeight)});
     // Corners on the sensor: (90,60) (660,75) (640,420) (110,400): box 90..660 x 60..420, 5 pixels of margin.
     const GS* gs = GS::instance();
-    EXPECT_NEAR(gs->windowTopLeft.x, 85, 1);
-    EXPECT_NEAR(gs->windowTopLeft.y, 55, 1);
-    EXPECT_NEAR(gs->windowBottomRight.x, 580, 1);
-    EXPECT_NEAR(gs->windowBottomRight.y, 370, 1);
+    EXPECT_THAT(gs->windowTopLeft, IsNear(85, 55, 1));
+    EXPECT_THAT(gs->windowBottomRight, IsNear(580, 370, 1));
 
     pen.setAutoWindow({EVector(0, 0), EVector(ScreenWidth, 0), EVector(ScreenWidth, ScreenHeight)});
     EXPECT_DOUBLE_EQ(gs->windowTopLeft.x, 10) << "three points behave as setWindow";

@@ -1,6 +1,8 @@
 // The automatic calibration against a camera that films what its screen last showed through
 // a known homography, a given number of frames late; the screen records the picture ids and
 // can be cancelled at a chosen one.
+#include "pointmatchers.h"
+
 #include "autocalibration.h"
 #include "calibration.h"
 #include "iautocalibrationui.h"
@@ -20,6 +22,7 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <tuple>
 
 namespace {
 
@@ -137,24 +140,15 @@ const char* factoryLines[] = {"cols: 4", "rows: 4", "radius: 16", "margin x: 0.1
                               "bottom: 0", "growth: 0", "delay: 200", "refine: 5", "up: 0.33", "down: 0.6",
                               "fixed: 0", "table: 0"};
 
-// One run's world; the procedure goes first, as it waits for its worker.
-struct Rig {
+class AutoCalibrationTest : public ::testing::Test {
+protected:
+    QTemporaryDir dir;
+    // One run's world; the procedure goes first, as it waits for its worker.
     Screen screen;
     Camera camera{&screen};
     Emitter emitter;
     Checker checker;
     std::unique_ptr<AutoCalibration> ac{new AutoCalibration(&checker, &emitter)};
-};
-
-class AutoCalibrationTest : public ::testing::Test {
-protected:
-    QTemporaryDir dir;
-    Rig rig;
-    Screen& screen = rig.screen;
-    Camera& camera = rig.camera;
-    Emitter& emitter = rig.emitter;
-    Checker& checker = rig.checker;
-    std::unique_ptr<AutoCalibration>& ac = rig.ac;
 
     std::string config(std::vector<std::string> lines)
     {
@@ -173,19 +167,17 @@ protected:
         ac->framesPerImage = 3;
     }
     // start() to finished(), with three frames to a picture.
-    int run(Rig& r, bool debug = false)
+    int run(bool debug = false)
     {
         std::string path = config(factory());
         std::atomic<int> status{99};
-        QObject::connect(r.ac.get(), &Procedure::finished, [&](int s) { status = s; });
-        r.ac->framesPerImage = 3;
-        r.ac->start(&r.camera, &r.screen, path.data(), dir.filePath("debug").toStdString(), W, H, SW, SH, debug,
-                    true);
+        QObject::connect(ac.get(), &Procedure::finished, [&](int s) { status = s; });
+        ac->framesPerImage = 3;
+        ac->start(&camera, &screen, path.data(), dir.filePath("debug").toStdString(), W, H, SW, SH, debug, true);
         while (status == 99)
             QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         return status;
     }
-    int run(bool debug = false) { return run(rig, debug); }
 };
 
 TEST_F(AutoCalibrationTest, ConfigGoesByLineNumber)
@@ -196,13 +188,9 @@ TEST_F(AutoCalibrationTest, ConfigGoesByLineNumber)
     lines[26] = "table top: 1";
     ac->configPath = config(lines);
     ac->loadConfig();
-    EXPECT_EQ(ac->patternCols, 4);
-    EXPECT_DOUBLE_EQ(ac->marginY, 0.125);
-    EXPECT_DOUBLE_EQ(ac->exposure, 60);
-    EXPECT_DOUBLE_EQ(ac->exposureStep, 12.5);
-    EXPECT_EQ(ac->maxDelayMs, 350);
-    EXPECT_EQ(ac->interframeDelayMs, 350);
-    EXPECT_TRUE(ac->tableTop);
+    EXPECT_EQ(std::tuple(ac->patternCols, ac->maxDelayMs, ac->interframeDelayMs, ac->tableTop),
+              std::tuple(4, 350, 350, true));
+    EXPECT_EQ(std::tuple(ac->marginY, ac->exposure, ac->exposureStep), std::tuple(0.125, 60.0, 12.5));
 
     // 26 lines: the last setting keeps what it had; a missing file leaves everything.
     lines.pop_back();
@@ -210,8 +198,7 @@ TEST_F(AutoCalibrationTest, ConfigGoesByLineNumber)
     auto fresh = std::make_unique<AutoCalibration>(&checker, &emitter);
     fresh->configPath = config(lines);
     fresh->loadConfig();
-    EXPECT_EQ(fresh->patternCols, 7);
-    EXPECT_FALSE(fresh->tableTop);
+    EXPECT_EQ(std::tuple(fresh->patternCols, fresh->tableTop), std::tuple(7, false));
     fresh->configPath = dir.filePath("none").toStdString();
     fresh->loadConfig();
     EXPECT_EQ(fresh->patternCols, 7);
@@ -262,8 +249,7 @@ TEST_F(AutoCalibrationTest, LatencyIsTheFirstSettledPicture)
         for (int i = 0; i <= frames; ++i)
             camera.getImage();
         EXPECT_EQ(ac->getDelayInProjection(), ms) << frames << " frames late";
-        EXPECT_EQ(ac->interframeDelayMs, ms);
-        EXPECT_EQ(ac->maxDelayMs, ms);
+        EXPECT_EQ(std::tuple(ac->interframeDelayMs, ac->maxDelayMs), std::tuple(ms, ms));
     }
 }
 
@@ -279,8 +265,7 @@ TEST_F(AutoCalibrationTest, FoundGridIsTheScreenGridThroughTheCamera)
     for (size_t i = 0; i < dst.size(); ++i) {
         std::vector<cv::Point2f> p{cv::Point2f(dst[i].x, dst[i].y)}, q;
         cv::perspectiveTransform(p, q, camera.homography);
-        EXPECT_NEAR(c.srcPoints[i].x, q[0].x, 1.0) << i;
-        EXPECT_NEAR(c.srcPoints[i].y, q[0].y, 1.0) << i;
+        EXPECT_THAT(c.srcPoints[i], IsNear(q[0].x, q[0].y, 1.0)) << i;
     }
     EXPECT_EQ(screen.ids.front(), 0) << "the checkerboard first";
     for (int row = 0; row < 4; ++row)
@@ -310,17 +295,19 @@ TEST_F(AutoCalibrationTest, BlindCameraTriesEachRowThreeTimesThenInverted)
     EXPECT_EQ(screen.count(200), 1);
 }
 
-TEST_F(AutoCalibrationTest, CancelledAtEachCheck)
+class Cancelled : public AutoCalibrationTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(Cancelled, AtEachCheck)
 {
-    // Before the window opens, in the background step, between rows, in the inverted pass.
-    for (const int at : {1000, 2, 3, 101, 200}) {
-        Rig r;
-        r.screen.cancelAt = at;
-        r.camera.blind = at == 200;
-        EXPECT_EQ(run(r), -3) << at;
-        EXPECT_FALSE(r.emitter.calibration) << at;
-        EXPECT_EQ(r.screen.ids.empty(), at == 1000) << at;
-    }
+    const int at = GetParam();
+    screen.cancelAt = at;
+    camera.blind = at == 200;
+    EXPECT_EQ(run(), -3);
+    EXPECT_FALSE(emitter.calibration);
+    EXPECT_EQ(screen.ids.empty(), at == 1000);
 }
+
+// Before the window opens, in the background step, between rows, in the inverted pass.
+INSTANTIATE_TEST_SUITE_P(AutoCalibrationTest, Cancelled, ::testing::Values(1000, 2, 3, 101, 200));
 
 } // namespace

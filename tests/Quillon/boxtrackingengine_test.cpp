@@ -1,4 +1,5 @@
 #include "fingerscene.h"
+#include "pointmatchers.h"
 
 #include "boxtrackingengine.h"
 #include "globalsettings.h"
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 
 namespace {
 
@@ -95,10 +97,7 @@ TEST_F(FingerEngine, EachFingerIsReportedOnceWithinOnePixel)
             for (int i = 0; i < f.size(); ++i)
                 seen += (f.at(i)->center() - truth).length() < 10 ? 1 : 0;
             EXPECT_EQ(seen, 1) << "finger at " << g.screenX << "," << g.screenY;
-            Blob* b = f.near(truth, 10);
-            ASSERT_NE(b, nullptr);
-            EXPECT_NEAR(b->x, truth.x, 1.0);
-            EXPECT_NEAR(b->y, truth.y, 1.0);
+            EXPECT_THAT(f.near(truth, 10), testing::Pointee(IsNear(truth.x, truth.y, 1.0)));
         }
     }
 }
@@ -122,21 +121,15 @@ TEST_F(FingerEngine, WhatIsNoFingerIsNotReported)
     scene.reflections = {{200, 150, 12, 180}, {520, 300, 8, 220}};
     gs->blobFilterLeft = 0.85; // the accepted region leaves out the left 15 % of the screen
     calibrate();
-    const Finger finger{1200, 600};
-    const Finger large{700, 400, 40, 200};
-    const Finger outside{100, 500};
-    const EVector fingerAt = scene.sensorOf(finger);
-    const EVector largeAt = scene.sensorOf(large);
-    const EVector outsideAt = scene.sensorOf(outside);
-
+    const Finger finger{1200, 600}, large{700, 400, 40, 200}, outside{100, 500};
     Found f;
     detect({finger, large, outside}, f);
     EXPECT_EQ(f.size(), 1);
-    EXPECT_NE(f.near(fingerAt, 1.0), nullptr);
-    EXPECT_EQ(f.near(largeAt, 20), nullptr) << "larger than a finger";
-    EXPECT_EQ(f.near(outsideAt, 20), nullptr) << "outside the screen polygon";
-    EXPECT_EQ(f.near(EVector(200, 150), 20), nullptr) << "learned reflection";
-    EXPECT_EQ(f.near(EVector(520, 300), 20), nullptr) << "learned reflection";
+    EXPECT_NE(f.near(scene.sensorOf(finger), 1.0), nullptr);
+    EXPECT_EQ(f.near(scene.sensorOf(large), 20), nullptr) << "larger than a finger";
+    EXPECT_EQ(f.near(scene.sensorOf(outside), 20), nullptr) << "outside the screen polygon";
+    for (const EVector& reflection : {EVector(200, 150), EVector(520, 300)})
+        EXPECT_EQ(f.near(reflection, 20), nullptr) << "learned reflection";
 
     // The same spot inside the accepted region is a touch.
     Found inside;
@@ -234,10 +227,12 @@ TEST_F(FingerEngine, SetUpLaysBoxesOverTheScreenAndWritesTheFingerZone)
     calibrate();
     EXPECT_FALSE(engine->cameraInverted) << "the top edge is the longer one";
     EXPECT_FALSE(engine->shiftInverted);
-    EXPECT_NEAR((gs->cornerTopLeft - scene.sensorOf(960, 0)).length(), 0, 2.0);
-    EXPECT_NEAR((gs->cornerTopRight - scene.sensorOf(1920, 1080)).length(), 0, 2.0);
-    EXPECT_NEAR((gs->cornerBottomRight - scene.sensorOf(0, 0)).length(), 0, 2.0);
-    EXPECT_NEAR((gs->cornerBottomLeft - scene.sensorOf(1920, 0)).length(), 0, 2.0);
+    const std::pair<EVector, EVector> corners[] = {{gs->cornerTopLeft, scene.sensorOf(960, 0)},
+                                                   {gs->cornerTopRight, scene.sensorOf(1920, 1080)},
+                                                   {gs->cornerBottomRight, scene.sensorOf(0, 0)},
+                                                   {gs->cornerBottomLeft, scene.sensorOf(1920, 0)}};
+    for (const auto& [corner, truth] : corners)
+        EXPECT_NEAR((corner - truth).length(), 0, 2.0) << truth.x << "," << truth.y;
     EXPECT_DOUBLE_EQ(gs->distanceScale, (gs->cornerTopLeft - gs->cornerTopRight).length());
 
     const int n = gs->boxParameter;
@@ -284,9 +279,7 @@ TEST_F(FingerEngine, ShiftTablesApplyExceptInExtendedMode)
     Found normal;
     detect({{960, 540}}, normal);
     ASSERT_EQ(normal.size(), 1);
-    EXPECT_EQ(normal.at(0)->hasShift, 1);
-    EXPECT_DOUBLE_EQ(normal.at(0)->xShift, 4);
-    EXPECT_DOUBLE_EQ(normal.at(0)->yShift, -3);
+    EXPECT_EQ(std::tuple(normal.at(0)->hasShift, normal.at(0)->xShift, normal.at(0)->yShift), std::tuple(1, 4.0, -3.0));
 
     Found extended;
     detect({{960, 540}}, extended, true);
@@ -298,19 +291,15 @@ TEST_F(FingerEngine, ShiftTablesApplyExceptInExtendedMode)
 TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
 {
     calibrate();
-    const std::vector<Finger> fingers = {{600, 500}, {1400, 700}};
-    std::vector<unsigned char> plain = scene.frame(fingers);
-    std::vector<unsigned char> drawn = plain;
-    std::vector<unsigned char> original = plain;
+    std::vector<unsigned char> plain = scene.frame({{600, 500}, {1400, 700}});
+    std::vector<unsigned char> drawn = plain, original = plain;
     Found a, b;
     a.all = engine->processImage(plain.data(), false, false);
     b.all = engine->processImage(drawn.data(), false, true);
     ASSERT_EQ(a.size(), 2);
     ASSERT_EQ(b.size(), 2);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_DOUBLE_EQ(a.at(i)->x, b.at(i)->x);
-        EXPECT_DOUBLE_EQ(a.at(i)->y, b.at(i)->y);
-    }
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(std::tuple(a.at(i)->x, a.at(i)->y), std::tuple(b.at(i)->x, b.at(i)->y)) << i;
     // Without the overlay the firing boxes are blanked in the caller's frame.
     const Blob* first = a.at(0);
     EXPECT_EQ(plain[std::size_t(int(first->y)) * W + int(first->x)], 0);

@@ -1,3 +1,5 @@
+#include "pointmatchers.h"
+
 #include "blobcorrectionbyformula.h"
 #include "calibration.h"
 #include "transformgrid.h"
@@ -16,6 +18,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -43,6 +46,12 @@ EVector cameraOf(const EVector& s, double width, double height)
     return EVector((60 + 600 * u + 40 * v) / w + 30, (50 + 30 * u + 380 * v) / w + 20);
 }
 
+std::string contents(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
 Calibration cameraCalibration(int n, double width, double height, double marginX, double marginY, double growth)
 {
     Calibration layout(n, n, {}, {}, marginX, marginY, growth, false, false);
@@ -64,22 +73,16 @@ TEST(Calibration, SaveWritesOneNumberALineAndReadGivesItBack)
     c.save(path.c_str());
     ASSERT_TRUE(Calibration::exists(path.c_str()));
 
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_EQ(text.str(), "2\n2\n0.02\n0.03\n0.125\n1\n1\n0.5\n-1.25\n1\n7.5\n"
-                          "1.5\n2.25\n100.123456789012\n3\n4\n200\n300\n250.5\n9\n8\n");
+    const std::string text = contents(path);
+    EXPECT_EQ(text, "2\n2\n0.02\n0.03\n0.125\n1\n1\n0.5\n-1.25\n1\n7.5\n"
+                    "1.5\n2.25\n100.123456789012\n3\n4\n200\n300\n250.5\n9\n8\n");
 
     std::unique_ptr<Calibration> back(Calibration::read(path.c_str()));
     ASSERT_TRUE(back);
-    EXPECT_TRUE(back->loaded);
-    EXPECT_TRUE(back->hasRefPoints);
+    EXPECT_EQ(std::tuple(back->loaded, back->hasRefPoints), std::tuple(true, true));
     // What was read writes the same file again.
     back->save(path.c_str());
-    std::ifstream again(path);
-    std::stringstream second;
-    second << again.rdbuf();
-    EXPECT_EQ(second.str(), text.str());
+    EXPECT_EQ(contents(path), text);
 }
 
 TEST(Calibration, AWriteThatFailsHalfwayLeavesTheFormerFileWhole)
@@ -88,8 +91,7 @@ TEST(Calibration, AWriteThatFailsHalfwayLeavesTheFormerFileWhole)
     const std::string path = (dir.path() + "/finger.ini").toStdString();
     const Calibration former = cameraCalibration(3, 1920, 1080, 0.1, 0.1, 0.0);
     former.save(path.c_str());
-    std::ifstream before(path);
-    const std::string kept((std::istreambuf_iterator<char>(before)), std::istreambuf_iterator<char>());
+    const std::string kept = contents(path);
 
     // A disk that fills up after a few bytes, in a child process so that the limit stays there.
     const pid_t child = fork();
@@ -103,8 +105,7 @@ TEST(Calibration, AWriteThatFailsHalfwayLeavesTheFormerFileWhole)
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    std::ifstream after(path);
-    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(after)), std::istreambuf_iterator<char>()), kept);
+    EXPECT_EQ(contents(path), kept);
     EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{"finger.ini"}) << "no half-written file is left";
 }
 
@@ -140,12 +141,8 @@ TEST(Calibration, ReadIsLenientLineByLine)
     // A line that is no number, or only blanks, reads as 0; formulaZoom is 1 or nothing.
     c = parse("2\n2\n  0.5 \nabc\n   \n2\n0\n0\n1\n2\n3\n4\n5\n6\n7\n8\n");
     ASSERT_TRUE(c);
-    EXPECT_EQ(c->marginX, 0.5);
-    EXPECT_EQ(c->marginY, 0);
-    EXPECT_EQ(c->growth, 0);
-    EXPECT_FALSE(c->formulaZoom);
-    EXPECT_EQ(c->srcPoints[3].y, 8);
-    EXPECT_FALSE(c->hasRefPoints);
+    EXPECT_EQ(std::tuple(c->marginX, c->marginY, c->growth, c->srcPoints[3].y), std::tuple(0.5, 0.0, 0.0, 8.0));
+    EXPECT_EQ(std::tuple(c->formulaZoom, c->hasRefPoints), std::tuple(false, false));
 }
 
 TEST(Calibration, FingerShiftsNeverGrowTheTable)
@@ -167,8 +164,7 @@ TEST(Calibration, DestinationPointsSnakeThroughTheLayout)
     const double xs[9] = {100, 100, 100, 500, 500, 500, 900, 900, 900};
     const double ys[9] = {100, 250, 400, 400, 250, 100, 100, 250, 400};
     for (int i = 0; i < 9; ++i) {
-        EXPECT_DOUBLE_EQ(dst[i].x, xs[i]) << i;
-        EXPECT_DOUBLE_EQ(dst[i].y, ys[i]) << i;
+        EXPECT_THAT(dst[i], IsPoint(xs[i], ys[i])) << i;
     }
     EXPECT_TRUE(c.calcDstPoints(0, 500).empty());
     EXPECT_FALSE(std::unique_ptr<TransformGrid>(c.getTransform(0, 500, false, nullptr))->IsReady());
@@ -199,11 +195,9 @@ TEST(Calibration, GridMapsEveryCalibrationPointToItsScreenPointAndBack)
             EXPECT_EQ(grid->screenHeight, height);
             for (std::size_t i = 0; i < dst.size(); ++i) {
                 const EVector s = grid->Filter(c.srcPoints[i]);
-                ASSERT_NEAR(s.x, dst[i].x, 1e-6 * width) << "point " << i;
-                ASSERT_NEAR(s.y, dst[i].y, 1e-6 * width) << "point " << i;
+                ASSERT_THAT(s, IsNear(dst[i].x, dst[i].y, 1e-6 * width)) << "point " << i;
                 const EVector back = inverse->Filter(dst[i]);
-                ASSERT_NEAR(back.x, c.srcPoints[i].x, 1e-6 * width) << "point " << i;
-                ASSERT_NEAR(back.y, c.srcPoints[i].y, 1e-6 * width) << "point " << i;
+                ASSERT_THAT(back, IsNear(c.srcPoints[i].x, c.srcPoints[i].y, 1e-6 * width)) << "point " << i;
             }
         }
     }
@@ -223,13 +217,11 @@ TEST(Calibration, PointsBetweenAndBeyondTheDotsFollowTheCamera)
         ASSERT_GE(grid->GetAreaIndex(p), 0) << p.x << "," << p.y;
         const EVector got = grid->Filter(p);
         const EVector want = cameraOf(p, width, height);
-        EXPECT_NEAR(got.x, want.x, 1e-6 * width) << p.x << "," << p.y;
-        EXPECT_NEAR(got.y, want.y, 1e-6 * width) << p.x << "," << p.y;
+        EXPECT_THAT(got, IsNear(want.x, want.y, 1e-6 * width)) << p.x << "," << p.y;
     }
     // Far beyond ten times the outer cells nothing claims a point: (0, 0).
     const EVector lost = grid->Filter(EVector(-20000, -20000));
-    EXPECT_EQ(lost.x, 0);
-    EXPECT_EQ(lost.y, 0);
+    EXPECT_EQ(std::tuple(lost.x, lost.y), std::tuple(0.0, 0.0));
 }
 
 TEST(Calibration, FormulaZoomMovesSensorPointsOnlyWhenSet)
@@ -245,6 +237,5 @@ TEST(Calibration, FormulaZoomMovesSensorPointsOnlyWhenSet)
     c.formulaZoom = true;
     std::unique_ptr<TransformGrid> zoomed(c.getTransform(1920, 1080, false, &formula));
     const EVector moved = formula.zoom(c.srcPoints[4]);
-    EXPECT_NEAR(zoomed->Filter(moved).x, dst[4].x, 1e-6);
-    EXPECT_NEAR(zoomed->Filter(moved).y, dst[4].y, 1e-6);
+    EXPECT_THAT(zoomed->Filter(moved), IsNear(dst[4].x, dst[4].y, 1e-6));
 }

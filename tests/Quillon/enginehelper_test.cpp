@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 class Regionals : public ::testing::Test {
@@ -66,53 +68,48 @@ TEST_F(Regionals, ManyHitsListARegionEvenTwice)
 
 TEST_F(Regionals, TheDarkerDoorNeedsEnoughRegionsBelowTheLevel)
 {
+    QList<int> all;
     for (int r = 0; r < 16; ++r)
-        frame(r, r < 11 ? 10 : 15, 16); // 11 regions at -6
-    frame(0, 7, 16);                      // one below -8
-    frame(15, 30, 16);                    // breached
-    evaluate();
-    EXPECT_EQ(toUpdate, QList<int>({15})) << "11 below the level are not enough";
-
-    for (int r = 0; r < 16; ++r)
-        frame(r, r < 12 ? 10 : 15, 16);
-    frame(0, 7, 16);
-    frame(15, 30, 16);
-    toUpdate.clear();
-    evaluate();
-    ASSERT_EQ(toUpdate.size(), 16) << "12 refresh all, replacing the breached list";
-    EXPECT_EQ(toUpdate.first(), 0);
-    EXPECT_EQ(toUpdate.last(), 15);
+        all.append(r);
+    // 11 below the level are not enough; 12 refresh all, replacing the breached list.
+    for (const auto& [below, expected] : {std::pair{11, QList<int>{15}}, std::pair{12, all}}) {
+        for (int r = 0; r < 16; ++r)
+            frame(r, r < below ? 10 : 15, 16); // at -6
+        frame(0, 7, 16);                        // one below -8
+        frame(15, 30, 16);                      // breached
+        toUpdate.clear();
+        evaluate();
+        EXPECT_EQ(toUpdate, expected) << below << " regions below the level";
+    }
 }
 
 TEST(LightShadow, OnlyPointsCloseAboveAnotherAreErased)
 {
     const EVector left(100, 50), right(600, 50);
-    auto kept = [&](std::vector<EVector> pts) {
+    using Points = std::vector<std::pair<double, double>>;
+    auto kept = [&](const Points& in) {
+        std::vector<EVector> pts;
+        for (const auto& [x, y] : in)
+            pts.emplace_back(x, y);
         EngineHelper::erasePointsInLightShadow(&pts, left, right);
-        return pts;
+        Points out;
+        for (const EVector& p : pts)
+            out.emplace_back(p.x, p.y);
+        return out;
     };
-    std::vector<EVector> v = kept({{300, 200}, {300, 176}});
-    ASSERT_EQ(v.size(), 1u);
-    EXPECT_EQ(v[0].y, 200) << "the upper one goes";
+    EXPECT_EQ(kept({{300, 200}, {300, 176}}), (Points{{300, 200}})) << "the upper one goes";
     EXPECT_EQ(kept({{300, 176}, {300, 200}}).size(), 1u);
     EXPECT_EQ(kept({{300, 200}, {300, 174}}).size(), 2u) << "26 pixels apart";
     EXPECT_EQ(kept({{300, 200}, {320, 200}, {280, 200}}).size(), 3u) << "side by side";
-    v = kept({{300, 200}, {300, 180}, {500, 200}, {500, 185}, {400, 300}});
-    ASSERT_EQ(v.size(), 3u);
-    EXPECT_EQ(v[0].x, 300);
-    EXPECT_EQ(v[1].x, 500);
-    EXPECT_EQ(v[1].y, 200);
-    EXPECT_EQ(v[2].x, 400);
+    EXPECT_EQ(kept({{300, 200}, {300, 180}, {500, 200}, {500, 185}, {400, 300}}),
+              (Points{{300, 200}, {500, 200}, {400, 300}}));
 }
 
 TEST(LightShadow, WhenEnabledASmallerSpotInTheTriangleGoesToo)
 {
     ScopedSetting shadow(GS::instance()->shadowEnabled);
     EVector big(300, 200), small(290, 190);
-    big.measureC = 40;
-    big.measureD = 150;
-    small.measureC = 10;
-    small.measureD = 160;
+    std::tie(big.measureC, big.measureD, small.measureC, small.measureD) = std::tuple(40, 150, 10, 160);
     std::vector<EVector> pts = {big, small};
     EngineHelper::erasePointsInLightShadow(&pts, EVector(100, 50), EVector(600, 50));
     EXPECT_EQ(pts.size(), 2u) << "disabled, and outside the vertical cone";
@@ -126,11 +123,7 @@ TEST(MakingBlobs, PolygonShiftsAndPayload)
 {
     EPolygon area(std::vector<EVector>{{0, 0}, {100, 0}, {100, 100}, {0, 100}});
     EVector in(50, 50), out(150, 50);
-    in.boxWidth = 12;
-    in.boxHeight = 14;
-    in.cellIndex = 47;
-    in.measureD = 180;
-    in.measureB = 20;
+    std::tie(in.boxWidth, in.boxHeight, in.cellIndex, in.measureD, in.measureB) = std::tuple(12, 14, 47, 180, 20);
     const std::vector<std::vector<double>> xs = {{2, 2}, {2, 2}}, ys = {{-1, -1}, {-1, -1}};
     const std::vector<EVector> grid = {{0, 0}, {100, 0}, {100, 100}, {0, 100}};
     TransformGrid identity({TransformArea(EPolygon(grid), EPolygon(grid), EPolygon(grid))});
@@ -138,16 +131,9 @@ TEST(MakingBlobs, PolygonShiftsAndPayload)
     EngineHelper::addBlobs({in, out}, &area, ys, xs, &identity, 100, true, &list, false);
     ASSERT_EQ(list.size(), 1);
     Blob* b = list[0];
-    EXPECT_EQ(b->x, 50);
-    EXPECT_EQ(b->width, 12);
-    EXPECT_EQ(b->height, 14);
-    EXPECT_EQ(b->cellIndex, 47);
-    EXPECT_EQ(b->measureD, 180);
-    EXPECT_EQ(b->measureB, 20);
-    EXPECT_EQ(b->hasShift, 1);
-    EXPECT_DOUBLE_EQ(b->xShift, -2) << "inverted";
-    EXPECT_DOUBLE_EQ(b->yShift, 1);
-    EXPECT_DOUBLE_EQ(b->radial, 0);
+    EXPECT_EQ(std::tuple(b->x, b->width, b->height, b->cellIndex, b->measureD, b->measureB, b->hasShift),
+              std::tuple(50, 12, 14, 47, 180, 20, 1));
+    EXPECT_EQ(std::tuple(b->xShift, b->yShift, b->radial), std::tuple(-2.0, 1.0, 0.0)) << "x shift inverted";
     delete b;
 
     BlobList extended;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <tuple>
 
 namespace {
 
@@ -100,21 +101,11 @@ TEST(ScanBoxTest, GroupingJoinsOverlapsOnlyOnTheSecondRound)
     EXPECT_EQ(merged[0].width, 30);
 
     ScanBox p = boxAt(5, 5, 10, 100, 30), q = boxAt(8, 2, 10, 100, 31);
-    p.intensity = 90;
-    q.intensity = 40;
-    p.bgIntensity = 3;
-    q.bgIntensity = 9;
-    p.region = 5;
-    q.region = 6;
+    std::tie(p.intensity, p.bgIntensity, p.region) = std::tuple(90, 3, 5);
+    std::tie(q.intensity, q.bgIntensity, q.region) = std::tuple(40, 9, 6);
     const ScanBox m = ScanBox::merge({p, q});
-    EXPECT_EQ(m.threshold, 30);
-    EXPECT_EQ(m.x, 5);
-    EXPECT_EQ(m.y, 2);
-    EXPECT_EQ(m.width, 13);
-    EXPECT_EQ(m.height, 13);
-    EXPECT_EQ(m.intensity, 90);
-    EXPECT_EQ(m.bgIntensity, 9);
-    EXPECT_EQ(m.region, 5);
+    EXPECT_EQ(std::tuple(m.threshold, m.x, m.y, m.width, m.height, m.intensity, m.bgIntensity, m.region),
+              std::tuple(30, 5, 2, 13, 13, 90, 9, 5));
     EXPECT_EQ(m.children.size(), 2u);
     EXPECT_EQ(ScanBox::merge({}).width, 0);
     EXPECT_TRUE(ScanBox::mergeOverlapping({{}, {p}}).size() == 1);
@@ -122,17 +113,17 @@ TEST(ScanBoxTest, GroupingJoinsOverlapsOnlyOnTheSecondRound)
 
 TEST(ScanBoxTest, BlockSizeFollowsTheBoxWidth)
 {
-    int block = 0, offset = 0;
-    ScanBox::thresholdBlock(20, false, &block, &offset);
-    EXPECT_EQ(block, 7);
-    EXPECT_EQ(offset, -12);
-    ScanBox::thresholdBlock(20, true, &block, &offset);
-    EXPECT_EQ(block, 35);
-    EXPECT_EQ(offset, -70);
-    ScanBox::thresholdBlock(5, false, &block, &offset);
-    EXPECT_EQ(block, 3);
-    ScanBox::thresholdBlock(60, true, &block, &offset);
-    EXPECT_EQ(offset, -190);
+    // Odd blocks of at least 3; the offset is twice the raw block, at most 190.
+    const struct {
+        int width;
+        bool extended;
+        int block, offset;
+    } cases[] = {{20, false, 7, -12}, {20, true, 35, -70}, {5, false, 3, 0}, {60, true, 207, -190}};
+    for (const auto& c : cases) {
+        int block = 0, offset = 0;
+        ScanBox::thresholdBlock(c.width, c.extended, &block, &offset);
+        EXPECT_EQ(std::tuple(block, offset), std::tuple(c.block, c.offset)) << c.width << " " << c.extended;
+    }
 }
 
 // Recorded cases of the contour step: fixed images, contours, areas and centroids worked out by hand.
@@ -157,16 +148,11 @@ TEST_F(Contours, SquareSpotGivesItsRectangleAndCentroid)
     std::vector<ScanBox> out = run();
     EXPECT_TRUE(found);
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].x, 12);
-    EXPECT_EQ(out[0].y, 10);
-    EXPECT_EQ(out[0].width, 5);
-    EXPECT_EQ(out[0].height, 5);
-    EXPECT_DOUBLE_EQ(out[0].centroidX, 14);
-    EXPECT_DOUBLE_EQ(out[0].centroidY, 12);
-    EXPECT_EQ(out[0].centerX, 15);
-    EXPECT_EQ(out[0].intensity, 200);
-    EXPECT_EQ(out[0].bgIntensity, 4);
-    EXPECT_EQ(out[0].region, 0);
+    const ScanBox& b = out[0];
+    EXPECT_EQ(std::tuple(b.x, b.y, b.width, b.height, b.centerX, b.intensity, b.bgIntensity, b.region),
+              std::tuple(12, 10, 5, 5, 15, 200, 4, 0));
+    EXPECT_DOUBLE_EQ(b.centroidX, 14);
+    EXPECT_DOUBLE_EQ(b.centroidY, 12);
 }
 
 TEST_F(Contours, OutermostRowAndColumnOfTheRectangleCountAsEmpty)
@@ -174,9 +160,7 @@ TEST_F(Contours, OutermostRowAndColumnOfTheRectangleCountAsEmpty)
     fill(image, 5, 10, 5, 5, 200); // touches the rectangle's left side
     std::vector<ScanBox> out = run();
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].x, 6);
-    EXPECT_EQ(out[0].width, 4);
-    EXPECT_EQ(out[0].height, 5);
+    EXPECT_EQ(std::tuple(out[0].x, out[0].width, out[0].height), std::tuple(6, 4, 5));
     EXPECT_DOUBLE_EQ(out[0].centroidX, 7.5) << "polygon of the corners 6..9";
     EXPECT_DOUBLE_EQ(out[0].centroidY, 12);
 }
@@ -193,8 +177,7 @@ TEST_F(Contours, ShapeRulesDropLinesButKeepSmallShapes)
         image.at<unsigned char>(10 + i, 10 + i) = 200;
     out = run();
     ASSERT_EQ(out.size(), 1u);
-    EXPECT_EQ(out[0].width, 4);
-    EXPECT_EQ(out[0].height, 4);
+    EXPECT_EQ(std::tuple(out[0].width, out[0].height), std::tuple(4, 4));
 
     image.setTo(0);
     fill(image, 8, 12, 14, 4, 200); // 14 by 4, wider than twice its height

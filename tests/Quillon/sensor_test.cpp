@@ -12,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -27,10 +28,7 @@ std::vector<RegisterWrite> registerWrites()
     for (const auto& r : fakeusb::requests()) {
         if (r.request != 0xFE)
             continue;
-        EXPECT_EQ(r.requestType, 0x40);
-        EXPECT_EQ(r.value, 0);
-        EXPECT_EQ(r.index, 0);
-        EXPECT_EQ(r.data.size(), 3u);
+        EXPECT_EQ(std::tuple(r.requestType, r.value, r.index, r.data.size()), std::tuple(0x40, 0, 0, 3u));
         out.push_back({r.data[0], r.data[1] << 8 | r.data[2]});
     }
     return out;
@@ -68,6 +66,7 @@ protected:
         sensor = std::make_unique<Sensor>(conf.c_str(), ccf.c_str());
         ASSERT_EQ(sensor->getSensorCount(), 1);
         ASSERT_EQ(sensor->connect(0), 1);
+        ASSERT_EQ(sensor->endpoint, 0x82) << "the bulk-in endpoint";
         // The geometry of start, without the capture threads.
         sensor->sensorWidth = sensor->windowWidth = 752;
         sensor->sensorHeight = sensor->windowHeight = 480;
@@ -89,11 +88,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(SensorControl, ConnectTakesTheBulkInEndpoint)
-{
-    EXPECT_EQ(sensor->endpoint, 0x82);
-}
 
 // The values written are fixed whatever is asked (the capture pipeline's test shows it for
 // the register file); the regulator's calls still reach the device.
@@ -131,34 +125,23 @@ TEST_F(SensorControl, WindowIsClampedToMinimaAndFrame)
     sensor->setMinimumWindow(100, 100);
     threadsIdle();
     sensor->setWindow(-5, -5, 3, 3);
-    EXPECT_EQ(sensor->windowX, 0);
-    EXPECT_EQ(sensor->windowY, 0);
-    EXPECT_EQ(sensor->windowWidth, 100);
-    EXPECT_EQ(sensor->windowHeight, 100);
+    EXPECT_EQ(std::tuple(sensor->windowX, sensor->windowY, sensor->windowWidth, sensor->windowHeight),
+              std::tuple(0, 0, 100, 100));
     EXPECT_FALSE(sensor->reconfiguring);
-    EXPECT_EQ(sensor->frameBytes, 10000);
-    EXPECT_EQ(sensor->transferBytes, 10240);
+    EXPECT_EQ((std::tuple<int, int>(sensor->frameBytes, sensor->transferBytes)), std::tuple(10000, 10240));
     // Formula: 209558880 / (157 * 400) - 100.
     EXPECT_EQ(sensor->horizontalBlanking, 3236);
-    const auto w = pairedWrites();
-    ASSERT_EQ(w.size(), 6u);
-    EXPECT_EQ(w[0], (RegisterWrite{5, 999}));
-    EXPECT_EQ(w[1], (RegisterWrite{6, 47}));
-    EXPECT_EQ(std::vector<RegisterWrite>(w.begin() + 2, w.end()),
-              (std::vector<RegisterWrite>{{1, 1}, {2, 4}, {3, 100}, {4, 100}}));
+    EXPECT_EQ(pairedWrites(), (std::vector<RegisterWrite>{{5, 999}, {6, 47}, {1, 1}, {2, 4}, {3, 100}, {4, 100}}));
 
     threadsIdle();
     GS::instance()->blankingFactorFinger = 3.5;
     sensor->setWindow(745, 0, 100, 100);
-    EXPECT_EQ(sensor->windowX, 652);
-    EXPECT_EQ(sensor->frameOffset, 652);
+    EXPECT_EQ((std::tuple<int, int>(sensor->windowX, sensor->frameOffset)), std::tuple(652, 652));
     EXPECT_EQ(sensor->horizontalBlanking, static_cast<int>(3.5 * 652));
 
     threadsIdle();
     sensor->setWindow(10, 470, 900, 40);
-    EXPECT_EQ(sensor->windowWidth, 752);
-    EXPECT_EQ(sensor->windowX, 0);
-    EXPECT_EQ(sensor->windowY, 440);
+    EXPECT_EQ(std::tuple(sensor->windowWidth, sensor->windowX, sensor->windowY), std::tuple(752, 0, 440));
     EXPECT_EQ(sensor->frameOffset, 752 * 440);
 }
 
@@ -193,14 +176,12 @@ TEST_F(SensorControl, BinningIsClampedAndShrinksTheTransfer)
 {
     threadsIdle();
     sensor->setBinning(3, 0);
-    EXPECT_EQ(sensor->binningY, 4);
-    EXPECT_EQ(sensor->binningX, 1);
+    EXPECT_EQ(std::tuple(sensor->binningY, sensor->binningX), std::tuple(4, 1));
     const auto w = pairedWrites();
     ASSERT_FALSE(w.empty());
     EXPECT_EQ(w[0], (RegisterWrite{13, 2}));
-    EXPECT_EQ(sensor->rowBytes, 752);
-    EXPECT_EQ(sensor->rowCount, 120);
-    EXPECT_EQ(sensor->frameBytes, 752 * 120);
+    EXPECT_EQ((std::tuple<int, int, int>(sensor->rowBytes, sensor->rowCount, sensor->frameBytes)),
+              std::tuple(752, 120, 752 * 120));
     EXPECT_EQ(sensor->transferBytes % 512, 0);
     EXPECT_FALSE(sensor->reconfiguring);
 
@@ -225,13 +206,9 @@ TEST_F(SensorControl, ShortRegisterLineEndsTheRunWithItsPlace)
     const std::string path = tempFile("bad.conf", "REG= 000B, 120\n\nREG= 000B\n");
     Sensor s(conf.c_str(), path.c_str());
     s.handle = sensor->handle;
-    try {
-        s.init();
-        FAIL() << "no error";
-    } catch (const ConfigFileError& e) {
-        EXPECT_EQ(e.line(), 3);
-        EXPECT_EQ(e.file(), path);
-    }
+    EXPECT_THAT([&] { s.init(); }, testing::Throws<ConfigFileError>(testing::AllOf(
+                                       testing::Property(&ConfigFileError::line, 3),
+                                       testing::Property(&ConfigFileError::file, path))));
     // A missing file is only logged.
     Sensor none(conf.c_str(), "/nonexistent/sensor.conf");
     EXPECT_NO_THROW(none.init());

@@ -1,3 +1,4 @@
+#include "pointmatchers.h"
 #include "shiftcorrection.h"
 #include "syntheticframe.h"
 
@@ -6,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
+#include <tuple>
 
 namespace {
 
@@ -51,6 +54,14 @@ protected:
         EXPECT_EQ(frames, GS::instance()->stylusBgFrames);
     }
     void detect(std::vector<unsigned char>& f, Result& r) { r.all = engine.processImage(f.data(), false, false); }
+    // Blobs found where no filter sends any outside.
+    int count(std::vector<unsigned char>& f)
+    {
+        Result r;
+        detect(f, r);
+        EXPECT_EQ(r.all.outsideBlobs.size(), 0);
+        return r.all.blobs.size();
+    }
 };
 
 TEST_F(Engine, RunRulesGapsCapAndTheUnstoredLastRun)
@@ -63,14 +74,11 @@ TEST_F(Engine, RunRulesGapsCapAndTheUnstoredLastRun)
     for (int x : {50, 54}) // four columns on: two runs
         TrackingEngine::AddBlobPixel(c, x, 5, 255);
     TrackingEngine::AddBlobPixel(c, 52, 6, 255); // a new row always starts a run
-    ASSERT_EQ(c->lines.size(), 4u) << "the run that is still open is not stored";
-    EXPECT_EQ(c->lines[0].xStart, 10);
-    EXPECT_EQ(c->lines[0].xEnd, 15);
-    EXPECT_EQ(c->lines[1].xStart, 30);
-    EXPECT_EQ(c->lines[1].xEnd, 33);
-    EXPECT_EQ(c->lines[2].xEnd, 50);
-    EXPECT_EQ(c->lines[3].xStart, 54);
-    EXPECT_EQ(c->lines[3].y, 5);
+    std::vector<std::array<int, 3>> runs; // start, end, row
+    for (const auto& l : c->lines)
+        runs.push_back({l.xStart, l.xEnd, l.y});
+    EXPECT_EQ(runs, (std::vector<std::array<int, 3>>{{10, 15, 5}, {30, 33, 5}, {50, 50, 5}, {54, 54, 5}}))
+        << "the run that is still open is not stored";
 
     c = engine.CreateBloblineContext(2000);
     EXPECT_TRUE(c->lines.empty());
@@ -84,28 +92,16 @@ TEST_F(Engine, SingleRowsGiveNoBlobAndTheFramesLastRowIsLost)
     learn(blank());
     std::vector<unsigned char> f = blank();
     fill(f, 100, 100, 8, 1, 255); // one row
-    {
-        Result r;
-        detect(f, r);
-        EXPECT_EQ(r.all.size(), 0);
-    }
+    EXPECT_EQ(count(f), 0);
     fill(f, 100, 100, 8, 2, 255); // two rows, the bottom of all bright pixels
-    {
-        Result r;
-        detect(f, r);
-        EXPECT_EQ(r.all.size(), 0) << "its last run is never stored";
-    }
+    EXPECT_EQ(count(f), 0) << "its last run is never stored";
     fill(f, 300, 300, 8, 8, 255); // something below keeps both rows of the first
-    {
-        Result r;
-        detect(f, r);
-        ASSERT_EQ(r.all.blobs.size(), 2);
-        EXPECT_DOUBLE_EQ(r.blobs()[0]->height, 2);
-        EXPECT_DOUBLE_EQ(r.blobs()[0]->width, 8);
-        EXPECT_NEAR(r.blobs()[0]->x, 103.5, 1e-9);
-        EXPECT_NEAR(r.blobs()[0]->y, 100.5, 1e-9);
-        EXPECT_DOUBLE_EQ(r.blobs()[1]->height, 7) << "lower spot loses its last row";
-    }
+    Result r;
+    detect(f, r);
+    ASSERT_EQ(r.all.blobs.size(), 2);
+    EXPECT_EQ(std::tuple(r.blobs()[0]->width, r.blobs()[0]->height), std::tuple(8.0, 2.0));
+    EXPECT_THAT(*r.blobs()[0], IsNear(103.5, 100.5, 1e-9));
+    EXPECT_DOUBLE_EQ(r.blobs()[1]->height, 7) << "lower spot loses its last row";
 }
 
 TEST_F(Engine, ThresholdAndMaskAreStrict)
@@ -134,9 +130,7 @@ TEST_F(Engine, ChainsFollowOnePathSoAForkGivesTwoBlobs)
     fill(f, 100, 102, 3, 6, 255);  // left leg
     fill(f, 128, 102, 3, 6, 255);  // right leg, part of the same connected shape
     fill(f, 300, 400, 5, 5, 255);
-    Result r;
-    detect(f, r);
-    EXPECT_EQ(r.all.blobs.size(), 3);
+    EXPECT_EQ(count(f), 3);
 }
 
 TEST_F(Engine, GlowAboveTheFirstAndBelowTheLastRunCounts)
@@ -174,8 +168,7 @@ TEST_F(Engine, EdgeSpotsAreDroppedAndTheRestRefined)
     Result r;
     detect(f, r);
     ASSERT_EQ(r.all.blobs.size(), 2);
-    EXPECT_NEAR(r.blobs()[0]->x, 6.0, 1e-9);
-    EXPECT_NEAR(r.blobs()[0]->y, 201.0, 1e-9);
+    EXPECT_THAT(*r.blobs()[0], IsNear(6.0, 201.0, 1e-9));
 }
 
 TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
@@ -191,12 +184,11 @@ TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
     detect(f, r);
     ASSERT_EQ(r.all.blobs.size(), 1);
     ASSERT_EQ(r.all.outsideBlobs.size(), 2);
-    EXPECT_NEAR(r.all.outsideBlobs[0]->x, 600.7, 0.25);
-    EXPECT_NEAR(r.all.outsideBlobs[0]->y, 300.2, 0.25);
+    EXPECT_THAT(*r.all.outsideBlobs[0], IsNear(600.7, 300.2, 0.25));
     engine.correction = nullptr; // the filter needs both
     Result r2;
     detect(f, r2);
-    EXPECT_EQ(r2.all.blobs.size(), 3);
+    EXPECT_EQ(std::tuple(r2.all.blobs.size(), r2.all.outsideBlobs.size()), std::tuple(3, 0));
 }
 
 TEST_F(Engine, BlobCountIsCapped)
