@@ -150,11 +150,10 @@ TEST(DebugReport, SavesBlocksOfSmoothedIntensities)
     QTemporaryDir dir;
     BoxTrackingDebug debug;
     debug.reportPath = dir.filePath("report.txt");
-    {
-        QFile old(debug.reportPath);
-        ASSERT_TRUE(old.open(QIODevice::WriteOnly));
-        old.write("old\n");
-    }
+    QFile old(debug.reportPath);
+    ASSERT_TRUE(old.open(QIODevice::WriteOnly));
+    old.write("old\n");
+    old.close();
     debug.testPoints = {EVector(10, 10), EVector(100, 100)};
     debug.resetIntensities();
     cv::Mat frame = cv::Mat::zeros(480, 752, CV_8UC1);

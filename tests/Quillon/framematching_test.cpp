@@ -322,10 +322,9 @@ void runStrokes(const std::vector<Stroke>& strokes)
             }
         }
     }
-    for (std::size_t n = 0; n < strokes.size(); ++n) {
-        EXPECT_EQ(births[n], 1) << "stroke " << n;
-        EXPECT_EQ(losses[n], 1) << "stroke " << n;
-    }
+    // One birth and one loss for every stroke, by stroke.
+    EXPECT_EQ(births, std::vector<int>(strokes.size(), 1));
+    EXPECT_EQ(losses, std::vector<int>(strokes.size(), 1));
     for (Blob* b : tracked.blobs)
         delete b;
 }

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <opencv2/core.hpp>
+
 #include <array>
 #include <memory>
 #include <tuple>
@@ -20,9 +22,7 @@ std::vector<unsigned char> blank() { return std::vector<unsigned char>(std::size
 
 void fill(std::vector<unsigned char>& f, int x0, int y0, int w, int h, int value)
 {
-    for (int y = y0; y < y0 + h; ++y)
-        for (int x = x0; x < x0 + w; ++x)
-            f[std::size_t(y) * W + x] = static_cast<unsigned char>(value);
+    cv::Mat(H, W, CV_8UC1, f.data())(cv::Rect(x0, y0, w, h)).setTo(value);
 }
 
 // The blobs stay the caller's; this frees them after a test looked at them.
