@@ -37,7 +37,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <future>
 #include <malloc.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -120,7 +122,9 @@ bool BlobFacade::start()
     // background is still learnt behind the filter.
     sensor->connect(0);
     sensor->start(this, ImageCallback, StoppedCallback, gs->sensorWidth, gs->sensorHeight);
-    startupFilter = std::async(std::launch::async, [s = sensor] { s->switchFilter(false); });
+    // Detached: the sensor lives as long as the process, and nobody waits for the thread but
+    // through the sensor's filter lock.
+    std::thread([s = sensor] { s->switchFilter(false); }).detach();
 
     disturbanceChecker = procedureFactory ? procedureFactory->makeDisturbanceChecker() : nullptr;
     pointerController = new MultiPointerController();

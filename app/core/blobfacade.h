@@ -6,7 +6,6 @@
 #include <QObject>
 
 #include <atomic>
-#include <future>
 #include <mutex>
 #include <vector>
 
@@ -62,8 +61,6 @@ public:
     bool notCalibratedFlip = false;
     bool viewerSavedEnabled = false;
     std::atomic<bool> savedProcessing{false};
-    // The filter's start-up pulse, which runs beside the rest of the start.
-    std::future<void> startupFilter;
     bool filterSwitched = false;
     double savedBlankingFactor = 0;
     ILaserAlignment* laserAlignment = nullptr;
