@@ -296,6 +296,13 @@ void BoxTrackingEngine::rebuildSweep()
     }
     std::sort(sweepBoxes.begin(), sweepBoxes.end());
     std::sort(sweepLeftover.begin(), sweepLeftover.end());
+    sweepFirst.resize(sweepOffset.size());
+    std::size_t first = 0;
+    for (std::size_t c = 0; c < sweepOffset.size(); ++c) {
+        while (first < sweepBoxes.size() && sweepBoxes[first].first < sweepOffset[c])
+            ++first;
+        sweepFirst[c] = int(first);
+    }
     // A chunk costs about what four boxes cost one by one: a screen whose centres lie too far
     // apart (steeply turned in the image) is read box by box.
     sweepPays = !sweepOffset.empty() && sweepOffset.size() * 4 <= boxes.size();
@@ -513,10 +520,13 @@ void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
     // A chunk's lane is above the lowest limit of its boxes: each of them is looked at.
     auto above = [&](int c, unsigned mask) {
         const int region = sweepRegion[std::size_t(c)];
+        auto it = sweepBoxes.begin() + sweepFirst[std::size_t(c)];
         while (mask != 0) {
             const unsigned index = sweepOffset[std::size_t(c)] + unsigned(__builtin_ctz(mask));
             mask &= mask - 1;
-            auto it = std::lower_bound(sweepBoxes.begin(), sweepBoxes.end(), std::pair<unsigned, int>(index, -1));
+            // The lanes come in rising order: the boxes of the chunk are walked once.
+            while (it != sweepBoxes.end() && it->first < index)
+                ++it;
             for (; it != sweepBoxes.end() && it->first == index; ++it) {
                 if (boxes[std::size_t(it->second)].region == region && exceeds(it->second, frame[index]))
                     candidates.push_back(it->second);

@@ -156,6 +156,7 @@ private:
     std::vector<unsigned char> sweepData; // per chunk 32 limits, then 32 box counts
     std::vector<SweepRun> sweepRuns;
     std::vector<std::pair<unsigned, int>> sweepBoxes; // (centre, box), sorted
+    std::vector<int> sweepFirst;                      // per chunk, its first entry in sweepBoxes
     std::vector<int> sweepLeftover;                   // boxes scanned one at a time
     std::vector<int> sweepAlways;                     // boxes whose limit lies below 0
     std::vector<int> sweepLimits;                     // the limits the chunks were filled for

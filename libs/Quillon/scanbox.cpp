@@ -2,10 +2,10 @@
 
 #include "globalsettings.h"
 #include "gridhelper.h"
+#include "contourtracer.h"
 #include "quillonimagehelper.h"
 
 #include <opencv2/imgproc.hpp>
-#include <opencv2/imgproc/imgproc_c.h>
 
 #include <algorithm>
 #include <cmath>
@@ -184,8 +184,8 @@ void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* of
 namespace {
 
 // The block means of cv::adaptiveThreshold (a normalised box filter with replicated borders,
-// 8 bits in and out), for one block size, with the library's rounding: fixed point (from a
-// table) for blocks of up to 256 pixels, to nearest above. Checked once against the library's
+// 8 bits in and out), for one block size, with the library's rounding: fixed point for blocks
+// of up to 256 pixels, to nearest above. Checked once against the library's
 // own filter; a block size that does not agree is left to the library.
 class BlockMean {
 public:
@@ -196,19 +196,16 @@ public:
             agrees = check();
             return;
         }
-        const int maxSum = 255 * d;
-        table.resize(std::size_t(maxSum) + 1);
-        const int shift = 23;
-        double scalef = double(1 << shift) / d;
-        long long divScale = static_cast<long long>(std::floor(scalef));
+        double scalef = double(1 << Shift) / d;
+        divScale = static_cast<unsigned>(std::floor(scalef));
         scalef -= double(divScale);
-        long long divDelta = d / 2;
+        divDelta = unsigned(d / 2);
         if (scalef < 0.5)
             ++divDelta;
         else
             ++divScale;
-        for (int sum = 0; sum <= maxSum; ++sum)
-            table[std::size_t(sum)] = static_cast<unsigned char>(((sum + divDelta) * divScale) >> shift);
+        // (255 d + d / 2 + 1) (2^23 / d + 1) stays below 2^32 for every d up to 256.
+        fixedPoint = true;
         agrees = check();
     }
 
@@ -220,24 +217,29 @@ public:
     {
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
-        // Horizontal sums of each source row, borders replicated.
+        // Horizontal sums of each source row, borders replicated: the window's ends are
+        // clamped only near the row's ends.
         rows.resize(std::size_t(w) * h);
-        padded.resize(std::size_t(w + 2 * r + 1));
+        const int inner = std::max(r + 1, 0), innerEnd = w - r;
         for (int y = 0; y < h; ++y) {
             const unsigned char* p = src.ptr<unsigned char>(y);
-            for (int x = 0; x < r; ++x) {
-                padded[std::size_t(x)] = p[0];
-                padded[std::size_t(r + w + x)] = p[w - 1];
-            }
-            padded[std::size_t(2 * r + w)] = p[w - 1];
-            std::copy(p, p + w, padded.begin() + r);
             int* rowSum = &rows[std::size_t(y) * w];
             int sum = 0;
-            for (int x = 0; x < 2 * r + 1; ++x)
-                sum += padded[std::size_t(x)];
-            for (int x = 0; x < w; ++x) {
+            for (int k = -r; k <= r; ++k)
+                sum += p[std::clamp(k, 0, w - 1)];
+            rowSum[0] = sum;
+            int x = 1;
+            for (; x < std::min(inner, w); ++x) {
+                sum += int(p[std::min(x + r, w - 1)]) - int(p[std::max(x - r - 1, 0)]);
                 rowSum[x] = sum;
-                sum += int(padded[std::size_t(x + 2 * r + 1)]) - int(padded[std::size_t(x)]);
+            }
+            for (; x < innerEnd; ++x) {
+                sum += int(p[x + r]) - int(p[x - r - 1]);
+                rowSum[x] = sum;
+            }
+            for (; x < w; ++x) {
+                sum += int(p[std::min(x + r, w - 1)]) - int(p[std::max(x - r - 1, 0)]);
+                rowSum[x] = sum;
             }
         }
         // Vertical sums of those, borders replicated.
@@ -248,14 +250,13 @@ public:
             for (int x = 0; x < w; ++x)
                 column[std::size_t(x)] += rowSum[x];
         }
-        const unsigned char* mean = table.data();
         int* col = column.data();
         for (int y = 0; y < h; ++y) {
             const unsigned char* p = src.ptr<unsigned char>(y);
             unsigned char* o = out.ptr<unsigned char>(y);
             const int* add = &rows[std::size_t(std::min(y + r + 1, h - 1)) * w];
             const int* drop = &rows[std::size_t(std::max(y - r, 0)) * w];
-            if (!mean) {
+            if (!fixedPoint) {
                 for (int x = 0; x < w; ++x)
                     means[std::size_t(x)] = static_cast<unsigned char>(cvRound(col[x] * scale));
                 for (int x = 0; x < w; ++x)
@@ -263,10 +264,9 @@ public:
                                              : (int(p[x]) - int(means[std::size_t(x)]) > -idelta ? 255 : 0);
             } else if (idelta == INT_MIN) {
                 for (int x = 0; x < w; ++x)
-                    o[x] = mean[col[x]];
+                    o[x] = static_cast<unsigned char>(meanOf(col[x]));
             } else {
-                for (int x = 0; x < w; ++x)
-                    o[x] = int(p[x]) - int(mean[col[x]]) > -idelta ? 255 : 0;
+                compare(p, col, o, w, -idelta);
             }
             for (int x = 0; x < w; ++x)
                 col[x] += add[x] - drop[x];
@@ -295,31 +295,41 @@ private:
         return true;
     }
 
+    // The library's fixed-point division of a block sum, in 32 bits so that it vectorises.
+    int meanOf(int sum) const { return int(((unsigned(sum) + divDelta) * divScale) >> Shift); }
+
+    // One row of the threshold; the factors are copied so that the stores into o cannot be
+    // taken to change them, which would keep the loop from being vectorised.
+    void compare(const unsigned char* __restrict p, const int* __restrict col, unsigned char* __restrict o, int w,
+                 int above) const
+    {
+        const unsigned scaleBy = divScale, delta = divDelta;
+        for (int x = 0; x < w; ++x) {
+            const int mean = int(((unsigned(col[x]) + delta) * scaleBy) >> Shift);
+            o[x] = int(p[x]) - mean > above ? 255 : 0;
+        }
+    }
+
+    static constexpr int Shift = 23;
     int block;
     double scale;
-    std::vector<unsigned char> table; // empty above 256 pixels
-    std::vector<unsigned char> means; // one row of them, when there is no table
+    bool fixedPoint = false; // false above 256 pixels
+    unsigned divScale = 0, divDelta = 0;
+    std::vector<unsigned char> means; // one row of them, above 256 pixels
     std::vector<int> column;
-    std::vector<unsigned char> padded;
 };
 
 // Scratch of the contour step, kept per thread so that a frame allocates only what grows.
 struct ContourScratch {
+    // The patch and its threshold live in buffers that only grow: spots of different sizes
+    // one after the other would otherwise reallocate both at every contour step.
+    std::vector<unsigned char> patchData, binaryData;
     cv::Mat patch;
     cv::Mat binary;
     std::vector<int> rows;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<std::unique_ptr<BlockMean>> means; // by block size
-    CvMemStorage* storage = nullptr;
-
-    ContourScratch() = default;
-    ContourScratch(const ContourScratch&) = delete;
-    ContourScratch& operator=(const ContourScratch&) = delete;
-    ~ContourScratch()
-    {
-        if (storage)
-            cvReleaseMemStorage(&storage);
-    }
+    ContourTracer tracer;
 
     BlockMean* meanOf(int block)
     {
@@ -346,31 +356,6 @@ void adaptiveMeanThreshold(const cv::Mat& src, cv::Mat& dst, int block, double d
     mean->apply(src, dst, scratch.rows, cvCeil(delta));
 }
 
-// cv::findContours for outer contours with simple chains, on a picture whose outermost rows
-// and columns are 0 already: the tracer is called directly, without the library's padded
-// copy and its storage made anew each time. The contours come in the same order.
-void findOuterContours(cv::Mat& binary, std::vector<std::vector<cv::Point>>& contours)
-{
-    contours.clear();
-    if (!scratch.storage)
-        scratch.storage = cvCreateMemStorage(0);
-    else
-        cvClearMemStorage(scratch.storage);
-    CvMat image = cvMat(binary);
-    CvSeq* first = nullptr;
-    cvFindContours(&image, scratch.storage, &first, sizeof(CvContour), CV_RETR_EXTERNAL, CV_CHAIN_APPROX_SIMPLE,
-                   cvPoint(0, 0));
-    if (!first)
-        return;
-    CvSeq* all = cvTreeToNodeSeq(first, sizeof(CvSeq), scratch.storage);
-    contours.resize(std::size_t(all->total));
-    for (int i = 0; i < all->total; ++i) {
-        CvSeq* c = *reinterpret_cast<CvSeq**>(cvGetSeqElem(all, i));
-        contours[std::size_t(i)].resize(std::size_t(c->total));
-        cvCvtSeqToArray(c, contours[std::size_t(i)].data());
-    }
-}
-
 } // namespace
 
 std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* image, const std::vector<ScanBox>& boxes,
@@ -394,8 +379,26 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         return found;
 
     // A copy of the region, since the threshold works in place, less the background.
-    scratch.patch.create(roi.height, roi.width, CV_8UC1);
+    const std::size_t area = std::size_t(roi.width) * std::size_t(roi.height);
+    if (scratch.patchData.size() < area) {
+        scratch.patchData.resize(area);
+        scratch.binaryData.resize(area);
+    }
+    scratch.patch = cv::Mat(roi.height, roi.width, CV_8UC1, scratch.patchData.data());
+    scratch.binary = cv::Mat(roi.height, roi.width, CV_8UC1, scratch.binaryData.data());
     const bool subtract = useBackground && background && background->data;
+    // The rows lie a frame's width apart: ask for all of them at once rather than one miss
+    // after the other.
+    for (int r = 0; r < roi.height; ++r) {
+        const unsigned char* from = image->ptr<unsigned char>(roi.y + r) + roi.x;
+        __builtin_prefetch(from);
+        __builtin_prefetch(from + roi.width - 1);
+        if (subtract) {
+            const unsigned char* bg = background->ptr<unsigned char>(roi.y + r) + roi.x;
+            __builtin_prefetch(bg);
+            __builtin_prefetch(bg + roi.width - 1);
+        }
+    }
     for (int r = 0; r < roi.height; ++r) {
         const unsigned char* from = image->ptr<unsigned char>(roi.y + r) + roi.x;
         unsigned char* to = scratch.patch.ptr<unsigned char>(r);
@@ -436,11 +439,11 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         binary.ptr<unsigned char>(r)[binary.cols - 1] = 0;
     }
 
-    findOuterContours(binary, scratch.contours);
+    scratch.tracer.trace(binary, scratch.contours);
 
     for (const std::vector<cv::Point>& contour : scratch.contours) {
-        const cv::Moments m = cv::moments(contour);
-        const cv::Rect r = cv::boundingRect(contour);
+        const ContourTracer::Shape shape = ContourTracer::shape(contour);
+        const cv::Rect& r = shape.bounds;
         if (contourFound)
             *contourFound = true;
         if (r.width <= 0 || r.height <= 0)
@@ -448,8 +451,8 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
 
         bool roundEnough = true;
         if (gs->scanBoxShapeLimit > 0) {
-            const double a = std::fabs(cv::contourArea(contour));
-            const double p = cv::arcLength(contour, true);
+            const double a = shape.area;
+            const double p = shape.perimeter;
             if (a >= gs->scanBoxMinArea && p >= gs->scanBoxMinArcLength)
                 roundEnough = a / p > gs->scanBoxShapeLimit;
         }
@@ -469,8 +472,8 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         ScanBox box(static_cast<int>(r.x + x), static_cast<int>(r.y + y), r.width, r.height, imageWidth, -1);
         box.intensity = intensity;
         box.bgIntensity = bgIntensity;
-        box.centroidX = m.m10 / m.m00 + x;
-        box.centroidY = m.m01 / m.m00 + y;
+        box.centroidX = shape.m10 / shape.m00 + x;
+        box.centroidY = shape.m01 / shape.m00 + y;
         box.region = 0;
         found.push_back(box);
     }
