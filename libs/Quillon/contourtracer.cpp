@@ -12,6 +12,9 @@ namespace {
 constexpr int StepX[8] = {1, 1, 0, -1, -1, -1, 0, 1};
 constexpr int StepY[8] = {0, -1, -1, -1, 0, 1, 1, 1};
 
+// A set pixel as a threshold leaves it (255), taken as the library's 1 without a pass that
+// rewrites the picture.
+constexpr signed char Set = -1;
 // A traced border pixel: still open to its right, or the border's right end on its row.
 constexpr signed char Traced = 2;
 constexpr signed char RightEnd = static_cast<signed char>(2 | 0x80);
@@ -52,7 +55,7 @@ void ContourTracer::follow(signed char* start, int step, cv::Point at, std::vect
         s &= 7;
         if (static_cast<unsigned>(s - 1) < static_cast<unsigned>(from))
             *here = RightEnd;
-        else if (*here == 1)
+        else if (*here == Set || *here == 1)
             *here = Traced;
         // Simple chains keep the points where the direction changes.
         if (s != previous) {
@@ -68,28 +71,23 @@ void ContourTracer::follow(signed char* start, int step, cv::Point at, std::vect
     }
 }
 
-void ContourTracer::trace(cv::Mat& binary, std::vector<std::vector<cv::Point>>& contours)
+void ContourTracer::trace(cv::Mat& binary, std::vector<std::vector<cv::Point>>& contours, cv::Range rows)
 {
     CV_Assert(binary.type() == CV_8UC1);
     const int step = static_cast<int>(binary.step[0]);
-    const int cols = binary.cols, rows = binary.rows;
-    const int width = cols - 1, height = rows - 1;
-    for (int y = 0; y < rows; ++y) {
-        unsigned char* row = binary.ptr<unsigned char>(y);
-        for (int x = 0; x < cols; ++x)
-            row[x] = row[x] != 0;
-    }
-
+    const int width = binary.cols - 1, height = binary.rows - 1;
     std::size_t found = 0;
     auto* image = reinterpret_cast<signed char*>(binary.data);
-    for (int y = 1; y < height; ++y) {
+    const int first = rows == cv::Range::all() ? 1 : std::max(rows.start, 1);
+    const int end = rows == cv::Range::all() ? height : std::min(rows.end, height);
+    for (int y = first; y < end; ++y) {
         signed char* row = image + static_cast<std::ptrdiff_t>(y) * step;
         // The last border pixel met on this row; column 0 is never one.
         int lastBorder = 0;
         int prev = 0;
         for (int x = 1; x < width; ++x) {
             // Runs of the same value are skipped eight pixels at a time.
-            const std::uint64_t same = 0x0101010101010101ull * static_cast<unsigned char>(prev);
+            const std::uint64_t same = 0x0101010101010101ull * static_cast<unsigned char>(row[x - 1]);
             while (x + 8 <= width) {
                 std::uint64_t eight;
                 std::memcpy(&eight, row + x, 8);
@@ -101,7 +99,7 @@ void ContourTracer::trace(cv::Mat& binary, std::vector<std::vector<cv::Point>>& 
             }
             if (x >= width)
                 break;
-            const int p = row[x];
+            const int p = row[x] == Set ? 1 : row[x];
             if (p == prev)
                 continue;
             if (prev == 0 && p == 1) {

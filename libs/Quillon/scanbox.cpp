@@ -7,6 +7,10 @@
 
 #include <opencv2/imgproc.hpp>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <cmath>
 #include <climits>
@@ -183,101 +187,141 @@ void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* of
 
 namespace {
 
-// The block means of cv::adaptiveThreshold (a normalised box filter with replicated borders,
-// 8 bits in and out), for one block size, with the library's rounding: fixed point for blocks
-// of up to 256 pixels, to nearest above. Checked once against the library's
-// own filter; a block size that does not agree is left to the library.
+// cv::adaptiveThreshold with the mean method and a binary result (a normalised box filter with
+// replicated borders, 8 bits, the library's rounding), for one block size. Checked once against
+// the library on noise; a block size that does not agree is left to the library.
 class BlockMean {
 public:
     explicit BlockMean(int block) : block(block), scale(1.0 / (block * block))
     {
         const int d = block * block;
-        if (d > 256) {
-            agrees = check();
-            return;
+        if (d <= 256) {
+            // The library's fixed-point division, to nearest above, for blocks of up to 256
+            // pixels: (255 d + d / 2 + 1) (2^23 / d + 1) stays below 2^32.
+            double scalef = double(1 << Shift) / d;
+            divScale = static_cast<unsigned>(std::floor(scalef));
+            scalef -= double(divScale);
+            divDelta = unsigned(d / 2);
+            if (scalef < 0.5)
+                ++divDelta;
+            else
+                ++divScale;
+            fixedPoint = true;
         }
-        double scalef = double(1 << Shift) / d;
-        divScale = static_cast<unsigned>(std::floor(scalef));
-        scalef -= double(divScale);
-        divDelta = unsigned(d / 2);
-        if (scalef < 0.5)
-            ++divDelta;
-        else
-            ++divScale;
-        // (255 d + d / 2 + 1) (2^23 / d + 1) stays below 2^32 for every d up to 256.
-        fixedPoint = true;
         agrees = check();
     }
 
     bool agrees = false;
 
-    // Compares each pixel of src with its block mean: 255 where src - mean > -idelta, else 0.
-    // With idelta of INT_MIN, out gets the means themselves (for the check).
-    void apply(const cv::Mat& src, cv::Mat& out, std::vector<int>& rows, int idelta = INT_MIN)
+    // 255 where src - mean > -idelta, else 0. The means are never below 0, so only a pixel
+    // above -idelta can pass: the block sum is taken at those pixels alone, from column sums
+    // that slide down the patch, and along a run of them it slides too. In a patch around a
+    // spot most pixels are background and need no sum at all. Returns the rows from the first
+    // to past the last with a pixel set.
+    cv::Range threshold(const cv::Mat& src, cv::Mat& out, int idelta)
     {
+        const int above = -idelta;
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
-        // Horizontal sums of each source row, borders replicated: the window's ends are
-        // clamped only near the row's ends.
-        rows.resize(std::size_t(w) * h);
-        const int inner = std::max(r + 1, 0), innerEnd = w - r;
-        for (int y = 0; y < h; ++y) {
-            const unsigned char* p = src.ptr<unsigned char>(y);
-            int* rowSum = &rows[std::size_t(y) * w];
-            int sum = 0;
-            for (int k = -r; k <= r; ++k)
-                sum += p[std::clamp(k, 0, w - 1)];
-            rowSum[0] = sum;
-            int x = 1;
-            for (; x < std::min(inner, w); ++x) {
-                sum += int(p[std::min(x + r, w - 1)]) - int(p[std::max(x - r - 1, 0)]);
-                rowSum[x] = sum;
+        const unsigned char* from = src.data;
+        unsigned char* to = out.data;
+        const std::size_t fromStep = src.step[0], toStep = out.step[0];
+        int* col = firstColumns(src);
+        cv::Range set(h, 0);
+        for (int y = 0; y < h; ++y, from += fromStep, to += toStep) {
+            const unsigned char* p = from;
+            unsigned char* o = to;
+            std::memset(o, 0, std::size_t(w));
+            int runX = -2, runSum = 0;
+            bool any = false;
+            auto test = [&](int x) {
+                if (x == runX + 1) {
+                    runSum += col[std::min(x + r, w - 1)] - col[std::max(x - r - 1, 0)];
+                } else {
+                    runSum = 0;
+                    for (int k = x - r; k <= x + r; ++k)
+                        runSum += col[std::clamp(k, 0, w - 1)];
+                }
+                runX = x;
+                if (int(p[x]) - meanOf(runSum) > above) {
+                    o[x] = 255;
+                    any = true;
+                }
+            };
+            int x = 0;
+#ifdef __SSE2__
+            // Sixteen pixels at a time: which of them lie above.
+            if (above >= 0 && above < 255) {
+                const __m128i limit = _mm_set1_epi8(static_cast<char>(above));
+                for (; x + 16 <= w; x += 16) {
+                    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + x));
+                    unsigned lit = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(v, limit),
+                                                                              _mm_setzero_si128()))) & 0xFFFFu;
+                    for (; lit != 0; lit &= lit - 1)
+                        test(x + __builtin_ctz(lit));
+                }
             }
-            for (; x < innerEnd; ++x) {
-                sum += int(p[x + r]) - int(p[x - r - 1]);
-                rowSum[x] = sum;
-            }
+#endif
             for (; x < w; ++x) {
-                sum += int(p[std::min(x + r, w - 1)]) - int(p[std::max(x - r - 1, 0)]);
-                rowSum[x] = sum;
+                if (p[x] > above)
+                    test(x);
             }
-        }
-        // Vertical sums of those, borders replicated.
-        column.assign(std::size_t(w), 0);
-        means.resize(std::size_t(w));
-        for (int y = -r; y <= r; ++y) {
-            const int* rowSum = &rows[std::size_t(std::clamp(y, 0, h - 1)) * w];
-            for (int x = 0; x < w; ++x)
-                column[std::size_t(x)] += rowSum[x];
-        }
-        int* col = column.data();
-        for (int y = 0; y < h; ++y) {
-            const unsigned char* p = src.ptr<unsigned char>(y);
-            unsigned char* o = out.ptr<unsigned char>(y);
-            const int* add = &rows[std::size_t(std::min(y + r + 1, h - 1)) * w];
-            const int* drop = &rows[std::size_t(std::max(y - r, 0)) * w];
-            if (!fixedPoint) {
-                for (int x = 0; x < w; ++x)
-                    means[std::size_t(x)] = static_cast<unsigned char>(cvRound(col[x] * scale));
-                for (int x = 0; x < w; ++x)
-                    o[x] = idelta == INT_MIN ? means[std::size_t(x)]
-                                             : (int(p[x]) - int(means[std::size_t(x)]) > -idelta ? 255 : 0);
-            } else if (idelta == INT_MIN) {
-                for (int x = 0; x < w; ++x)
-                    o[x] = static_cast<unsigned char>(meanOf(col[x]));
-            } else {
-                compare(p, col, o, w, -idelta);
+            if (any) {
+                set.start = std::min(set.start, y);
+                set.end = y + 1;
             }
-            for (int x = 0; x < w; ++x)
-                col[x] += add[x] - drop[x];
+            slideColumns(src, y);
         }
+        return set;
     }
 
 private:
+    // Sums of the block's rows, replicated at the edges, for each column of row 0.
+    int* firstColumns(const cv::Mat& src)
+    {
+        const int w = src.cols, h = src.rows, r = block / 2;
+        column.assign(std::size_t(w), 0);
+        int* col = column.data();
+        for (int j = -r; j <= r; ++j) {
+            const unsigned char* p = src.ptr<unsigned char>(std::clamp(j, 0, h - 1));
+            for (int x = 0; x < w; ++x)
+                col[x] += p[x];
+        }
+        return col;
+    }
+
+    // From the column sums of row y to those of row y + 1.
+    void slideColumns(const cv::Mat& src, int y)
+    {
+        const int w = src.cols, h = src.rows, r = block / 2;
+        const unsigned char* add = src.ptr<unsigned char>(std::min(y + r + 1, h - 1));
+        const unsigned char* drop = src.ptr<unsigned char>(std::max(y - r, 0));
+        int* col = column.data();
+        for (int x = 0; x < w; ++x)
+            col[x] += int(add[x]) - int(drop[x]);
+    }
+
+    // Every pixel's block mean, for the check.
+    void means(const cv::Mat& src, cv::Mat& out)
+    {
+        const int w = src.cols, h = src.rows, r = block / 2;
+        out.create(h, w, CV_8UC1);
+        int* col = firstColumns(src);
+        for (int y = 0; y < h; ++y) {
+            unsigned char* o = out.ptr<unsigned char>(y);
+            for (int x = 0; x < w; ++x) {
+                int sum = 0;
+                for (int k = x - r; k <= x + r; ++k)
+                    sum += col[std::clamp(k, 0, w - 1)];
+                o[x] = static_cast<unsigned char>(meanOf(sum));
+            }
+            slideColumns(src, y);
+        }
+    }
+
     bool check()
     {
         cv::RNG rng(static_cast<uint64>(block));
-        std::vector<int> rows;
         for (const cv::Size size : {cv::Size(1, 1), cv::Size(3, 2), cv::Size(block + 5, block + 3), cv::Size(61, 47)}) {
             for (int flat = 0; flat <= 255; flat += 255) {
                 cv::Mat src(size, CV_8UC1);
@@ -287,27 +331,25 @@ private:
                 cv::Mat theirs, mine;
                 cv::boxFilter(src, theirs, CV_8U, cv::Size(block, block), cv::Point(-1, -1), true,
                               cv::BORDER_REPLICATE | cv::BORDER_ISOLATED);
-                apply(src, mine, rows);
+                means(src, mine);
                 if (cv::countNonZero(theirs != mine) != 0)
                     return false;
+                for (const int delta : {0, -1, -18, -20, -190, 7}) {
+                    cv::adaptiveThreshold(src, theirs, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block,
+                                          delta);
+                    threshold(src, mine, delta);
+                    if (cv::countNonZero(theirs != mine) != 0)
+                        return false;
+                }
             }
         }
         return true;
     }
 
-    // The library's fixed-point division of a block sum, in 32 bits so that it vectorises.
-    int meanOf(int sum) const { return int(((unsigned(sum) + divDelta) * divScale) >> Shift); }
-
-    // One row of the threshold; the factors are copied so that the stores into o cannot be
-    // taken to change them, which would keep the loop from being vectorised.
-    void compare(const unsigned char* __restrict p, const int* __restrict col, unsigned char* __restrict o, int w,
-                 int above) const
+    // The library's division of a block sum: fixed point up to 256 pixels, else rounded.
+    int meanOf(int sum) const
     {
-        const unsigned scaleBy = divScale, delta = divDelta;
-        for (int x = 0; x < w; ++x) {
-            const int mean = int(((unsigned(col[x]) + delta) * scaleBy) >> Shift);
-            o[x] = int(p[x]) - mean > above ? 255 : 0;
-        }
+        return fixedPoint ? int(((unsigned(sum) + divDelta) * divScale) >> Shift) : cvRound(sum * scale);
     }
 
     static constexpr int Shift = 23;
@@ -315,7 +357,6 @@ private:
     double scale;
     bool fixedPoint = false; // false above 256 pixels
     unsigned divScale = 0, divDelta = 0;
-    std::vector<unsigned char> means; // one row of them, above 256 pixels
     std::vector<int> column;
 };
 
@@ -326,9 +367,12 @@ struct ContourScratch {
     std::vector<unsigned char> patchData, binaryData;
     cv::Mat patch;
     cv::Mat binary;
-    std::vector<int> rows;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<std::unique_ptr<BlockMean>> means; // by block size
+    // thresholdBlock's answer for the last average width.
+    double blockFor = -1;
+    bool blockExtended = false;
+    int block = 3, offset = 0;
     ContourTracer tracer;
 
     BlockMean* meanOf(int block)
@@ -346,14 +390,15 @@ thread_local ContourScratch scratch;
 const char* yesNo(bool b) { return b ? "true" : "false"; }
 
 // cv::adaptiveThreshold with the mean method and a binary result, without its per-call set-up.
-void adaptiveMeanThreshold(const cv::Mat& src, cv::Mat& dst, int block, double delta)
+// Returns the rows that may hold a set pixel.
+cv::Range adaptiveMeanThreshold(const cv::Mat& src, cv::Mat& dst, int block, double delta)
 {
     BlockMean* mean = scratch.meanOf(block);
     if (!mean) {
         cv::adaptiveThreshold(src, dst, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block, delta);
-        return;
+        return cv::Range(0, src.rows);
     }
-    mean->apply(src, dst, scratch.rows, cvCeil(delta));
+    return mean->threshold(src, dst, cvCeil(delta));
 }
 
 } // namespace
@@ -411,8 +456,13 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         }
     }
 
-    int block = 3, offset = 0;
-    thresholdBlock(avgWidth, extended, &block, &offset);
+    // Every spot of a frame is usually looked at with the boxes' one width.
+    if (avgWidth != scratch.blockFor || extended != scratch.blockExtended) {
+        thresholdBlock(avgWidth, extended, &scratch.block, &scratch.offset);
+        scratch.blockFor = avgWidth;
+        scratch.blockExtended = extended;
+    }
+    const int block = scratch.block, offset = scratch.offset;
 
     const GS* gs = GS::instance();
     if (gs->scanBoxLargeCheck && block > 40) {
@@ -423,7 +473,8 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
             cv::erode(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), erosions);
     }
 
-    adaptiveMeanThreshold(scratch.patch, scratch.binary, block, extended ? -20.0 : static_cast<double>(offset));
+    const cv::Range lit =
+        adaptiveMeanThreshold(scratch.patch, scratch.binary, block, extended ? -20.0 : static_cast<double>(offset));
     if (scratch.binary.cols == 0 || scratch.binary.rows == 0) {
         std::printf("Exception caught\n");
         return found;
@@ -439,7 +490,7 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         binary.ptr<unsigned char>(r)[binary.cols - 1] = 0;
     }
 
-    scratch.tracer.trace(binary, scratch.contours);
+    scratch.tracer.trace(binary, scratch.contours, lit);
 
     for (const std::vector<cv::Point>& contour : scratch.contours) {
         const ContourTracer::Shape shape = ContourTracer::shape(contour);
