@@ -140,6 +140,7 @@ void BoxTrackingEngine::setCalibration(Calibration* calibration, int gridSize_)
     transform = nullptr;
     inverseTransform = nullptr;
     screenArea = nullptr;
+    screenIndex.reset();
     border.clear();
     if (!calibration) {
         boxes.clear();
@@ -152,6 +153,7 @@ void BoxTrackingEngine::setCalibration(Calibration* calibration, int gridSize_)
     inverseTransform = calibration->getTransform(gridSize, gridSize, true, formulaCorrection);
     border = GridHelper::calcBorder(gridSize, gridSize, inverseTransform);
     screenArea = new EPolygon(border);
+    screenIndex = std::make_unique<PolygonIndex>(*screenArea);
 
     const double half = gridSize * 0.5;
     topCenterGrid = EVector(half, 0);
@@ -760,7 +762,10 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
             }
         }
         EngineHelper::erasePointsInLightShadow(&points, shadowLeft, shadowRight);
-        EngineHelper::addBlobs(points, screenArea, fingerYShifts, fingerXShifts, transform, gridSize, shiftInverted,
+        // The screen's outline through its index; what is left is inside.
+        if (screenIndex)
+            std::erase_if(points, [&](const EVector& p) { return !screenIndex->HitTest(p); });
+        EngineHelper::addBlobs(points, nullptr, fingerYShifts, fingerXShifts, transform, gridSize, shiftInverted,
                                &result.blobs, extended);
     }
 

@@ -4,6 +4,7 @@
 #include "epolygon.h"
 #include "evector.h"
 #include "itrackingengine.h"
+#include "polygonindex.h"
 #include "scanbox.h"
 
 #include <QList>
@@ -11,6 +12,7 @@
 #include <opencv2/core.hpp>
 
 #include <atomic>
+#include <memory>
 #include <vector>
 
 class BoxTrackingDebug;
@@ -44,6 +46,8 @@ public:
     TransformGrid* inverseTransform = nullptr; // grid space to sensor pixels
     std::vector<EVector> border;               // outline of the screen in the sensor image
     EPolygon* screenArea = nullptr;
+    // The same outline, indexed for the frame loop's test of every point.
+    std::unique_ptr<PolygonIndex> screenIndex;
     // Read-only outside the engine: the frame loop works on its own packed copy of the
     // centre indices and backgrounds, and writes a box's record back when it changes.
     // intensity is refreshed only on boxes whose centre rose above their limit.
