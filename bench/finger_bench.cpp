@@ -177,7 +177,7 @@ BENCHMARK(BM_SetCalibration)->Unit(benchmark::kMillisecond);
 // that putting back, measured alone, is taken off. Counter xMemcpy: processor time of one
 // processImage over that of one memcpy of a frame, both in this run.
 template <class Engine>
-void processImageRuns(benchmark::State& state)
+void processImageRuns(benchmark::State& state, bool extended = false)
 {
     Rig<Engine>& rig = Rig<Engine>::shared();
     const int fingers = int(state.range(0));
@@ -207,7 +207,7 @@ void processImageRuns(benchmark::State& state)
     long long runs = 0;
     const double t0 = threadCpuNs();
     for (auto _ : state) {
-        AllBlobs all = rig.engine.processImage(frame.data(), false, false);
+        AllBlobs all = rig.engine.processImage(frame.data(), extended, false);
         reported = all.blobs.size();
         for (Blob* b : all.blobs.blobs)
             delete b;
@@ -226,6 +226,17 @@ BENCHMARK(BM_ProcessImage)->Arg(0)->Arg(1)->Arg(5)->Arg(10);
 // The frame loop as it was before it was made faster, the reference of the equivalence test.
 void BM_ReferenceProcessImage(benchmark::State& state) { processImageRuns<ReferenceBoxTrackingEngine>(state); }
 BENCHMARK(BM_ReferenceProcessImage)->Arg(0)->Arg(1)->Arg(5)->Arg(10);
+
+// The same in the stylus mode, which runs the loop with its extended flag: larger threshold
+// blocks and a fixed margin.
+void BM_ProcessImageExtended(benchmark::State& state) { processImageRuns<BoxTrackingEngine>(state, true); }
+BENCHMARK(BM_ProcessImageExtended)->Arg(0)->Arg(1)->Arg(10);
+
+void BM_ReferenceProcessImageExtended(benchmark::State& state)
+{
+    processImageRuns<ReferenceBoxTrackingEngine>(state, true);
+}
+BENCHMARK(BM_ReferenceProcessImageExtended)->Arg(0)->Arg(1)->Arg(10);
 
 } // namespace
 

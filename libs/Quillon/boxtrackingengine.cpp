@@ -22,6 +22,7 @@
 #endif
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -72,26 +73,47 @@ long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
 }
 
 #ifdef VELORA_AVX2_SWEEP
-template <class Above>
-__attribute__((target("avx2"))) long long sumChunksAvx2(const ChunkScan& s, int begin, int end, Above&& above)
+// All chunks in one loop, whatever their run: the running sum's lanes are written at the entry
+// of the chunk's run, so that each entry ends with the sum up to its run's last chunk, and the
+// runs' shares come from the differences afterwards. Leaving and entering the loop at every run
+// (hundreds of runs of a few chunks) cost more than the chunks. The lanes stay far from
+// overflow: all of them together hold at most 255 times the number of boxes.
+template <class Run, class Above>
+__attribute__((target("avx2"))) void sweepAllAvx2(const ChunkScan& s, const int* runOf, const Run* runs, int runCount,
+                                                   std::array<int, 8>* runEnds, std::array<int, 8>* regionLanes,
+                                                   long long* sums, int regionCount, Above&& above)
 {
     const __m256i zero = _mm256_setzero_si256();
     const __m256i ones = _mm256_set1_epi16(1);
-    __m256i acc = zero;
-    for (int c = begin; c < end; ++c) {
+    __m256i total = zero;
+    const int chunks = runCount > 0 ? runs[runCount - 1].end : 0;
+    for (int c = 0; c < chunks; ++c) {
         const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.frame + s.offset[c]));
         const unsigned char* d = s.data + std::size_t(c) * 2 * ChunkWidth;
         const __m256i limit = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d));
         const __m256i count = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d + ChunkWidth));
-        acc = _mm256_add_epi32(acc, _mm256_madd_epi16(_mm256_maddubs_epi16(px, count), ones));
+        total = _mm256_add_epi32(total, _mm256_madd_epi16(_mm256_maddubs_epi16(px, count), ones));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(runEnds[runOf[c]].data()), total);
         const unsigned quiet =
             static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_subs_epu8(px, limit), zero)));
         if (quiet != 0xFFFFFFFFu) [[unlikely]]
             above(c, ~quiet);
     }
-    const __m128i half = _mm_add_epi32(_mm256_castsi256_si128(acc), _mm256_extracti128_si256(acc, 1));
-    const __m128i pair = _mm_add_epi32(half, _mm_shuffle_epi32(half, 0x4E));
-    return _mm_cvtsi128_si32(_mm_add_epi32(pair, _mm_shuffle_epi32(pair, 0xB1)));
+    for (int r = 0; r < regionCount; ++r)
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(regionLanes[r].data()), zero);
+    __m256i previous = zero;
+    for (int i = 0; i < runCount; ++i) {
+        const __m256i now = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(runEnds[i].data()));
+        auto* lanes = reinterpret_cast<__m256i*>(regionLanes[runs[i].region].data());
+        _mm256_storeu_si256(lanes, _mm256_add_epi32(_mm256_loadu_si256(lanes), _mm256_sub_epi32(now, previous)));
+        previous = now;
+    }
+    for (int r = 0; r < regionCount; ++r) {
+        long long sum = 0;
+        for (int lane : regionLanes[r])
+            sum += lane;
+        sums[r] += sum;
+    }
 }
 
 bool haveAvx2()
@@ -298,6 +320,11 @@ void BoxTrackingEngine::rebuildSweep()
     }
     std::sort(sweepBoxes.begin(), sweepBoxes.end());
     std::sort(sweepLeftover.begin(), sweepLeftover.end());
+    sweepRunOf.resize(sweepOffset.size());
+    for (std::size_t i = 0; i < sweepRuns.size(); ++i)
+        std::fill(sweepRunOf.begin() + sweepRuns[i].begin, sweepRunOf.begin() + sweepRuns[i].end, int(i));
+    sweepRunEnds.resize(sweepRuns.size());
+    sweepRegionLanes.resize(std::size_t(std::max(regionCount, 0)));
     sweepFirst.resize(sweepOffset.size());
     std::size_t first = 0;
     for (std::size_t c = 0; c < sweepOffset.size(); ++c) {
@@ -539,14 +566,15 @@ void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
 #ifdef VELORA_AVX2_SWEEP
     const bool wide = haveAvx2();
 #endif
-    for (const SweepRun& run : sweepRuns) {
 #ifdef VELORA_AVX2_SWEEP
-        if (wide) {
-            sums[run.region] += sumChunksAvx2(scan, run.begin, run.end, above);
-            continue;
-        }
+    if (wide) {
+        sweepAllAvx2(scan, sweepRunOf.data(), sweepRuns.data(), int(sweepRuns.size()), sweepRunEnds.data(),
+                     sweepRegionLanes.data(), sums, regionCount, above);
+    } else
 #endif
-        sums[run.region] += sumChunksPlain(scan, run.begin, run.end, above);
+    {
+        for (const SweepRun& run : sweepRuns)
+            sums[run.region] += sumChunksPlain(scan, run.begin, run.end, above);
     }
     for (int i : sweepAlways) {
         // Counted in the sums already; only the limit is left to test.

@@ -11,6 +11,7 @@
 
 #include <opencv2/core.hpp>
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <vector>
@@ -161,6 +162,9 @@ private:
     std::vector<SweepRun> sweepRuns;
     std::vector<std::pair<unsigned, int>> sweepBoxes; // (centre, box), sorted
     std::vector<int> sweepFirst;                      // per chunk, its first entry in sweepBoxes
+    std::vector<int> sweepRunOf;                      // per chunk, its run
+    std::vector<std::array<int, 8>> sweepRunEnds;     // per run, the running sum's lanes at its end
+    std::vector<std::array<int, 8>> sweepRegionLanes; // per region, its lanes
     std::vector<int> sweepLeftover;                   // boxes scanned one at a time
     std::vector<int> sweepAlways;                     // boxes whose limit lies below 0
     std::vector<int> sweepLimits;                     // the limits the chunks were filled for

@@ -238,9 +238,7 @@ public:
                 if (x == runX + 1) {
                     runSum += col[std::min(x + r, w - 1)] - col[std::max(x - r - 1, 0)];
                 } else {
-                    runSum = 0;
-                    for (int k = x - r; k <= x + r; ++k)
-                        runSum += col[std::clamp(k, 0, w - 1)];
+                    runSum = clampedSum(col, w, x - r, x + r);
                 }
                 runX = x;
                 if (int(p[x]) - meanOf(runSum) > above) {
@@ -280,14 +278,48 @@ private:
     int* firstColumns(const cv::Mat& src)
     {
         const int w = src.cols, h = src.rows, r = block / 2;
-        column.assign(std::size_t(w), 0);
+        column.resize(std::size_t(w));
         int* col = column.data();
-        for (int j = -r; j <= r; ++j) {
-            const unsigned char* p = src.ptr<unsigned char>(std::clamp(j, 0, h - 1));
+        // Rows -r..0 are all row 0, and those from h - 1 on all row h - 1: each is added once
+        // with its count.
+        int from = 1, to = r;
+        const int top = r + 1;
+        int bottom = 0;
+        if (to >= h - 1) {
+            const int first = std::max(from, h - 1);
+            bottom = to - first + 1;
+            to = first - 1;
+        }
+        const unsigned char* row0 = src.ptr<unsigned char>(0);
+        const unsigned char* last = src.ptr<unsigned char>(h - 1);
+        for (int x = 0; x < w; ++x)
+            col[x] = top * row0[x] + bottom * last[x];
+        for (int j = from; j <= to; ++j) {
+            const unsigned char* p = src.ptr<unsigned char>(j);
             for (int x = 0; x < w; ++x)
                 col[x] += p[x];
         }
         return col;
+    }
+
+    // The sum of c[clamp(k, 0, n - 1)] for k from a to b (a <= 0 < b or within), the clamped
+    // ends counted at once.
+    static int clampedSum(const int* c, int n, int a, int b)
+    {
+        int sum = 0;
+        if (a <= 0) {
+            const int upto = std::min(b, 0);
+            sum += (upto - a + 1) * c[0];
+            a = upto + 1;
+        }
+        if (b >= n - 1 && a <= b) {
+            const int first = std::max(a, n - 1);
+            sum += (b - first + 1) * c[n - 1];
+            b = first - 1;
+        }
+        for (int k = a; k <= b; ++k)
+            sum += c[k];
+        return sum;
     }
 
     // From the column sums of row y to those of row y + 1.
