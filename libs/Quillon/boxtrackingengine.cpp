@@ -229,7 +229,18 @@ void BoxTrackingEngine::setCalibration(Calibration* calibration, int gridSize_)
     learnCount = 0;
     backgroundScaled = false;
     backgroundMax.setTo(0);
+    double narrowest = 0, widest = 0;
+    if (!boxes.empty()) {
+        const auto [narrow, wide] = std::minmax_element(
+            boxes.begin(), boxes.end(), [](const ScanBox& a, const ScanBox& b) { return a.width < b.width; });
+        narrowest = narrow->width;
+        widest = wide->width;
+    }
     paused = false;
+    // Each threshold block size these boxes can ask for is checked against the library here,
+    // not in the frame loop at the first touch that needs it (about a millisecond each).
+    if (widest > 0)
+        ScanBox::prepareThresholds(narrowest, widest);
 }
 
 void BoxTrackingEngine::rebuildPackedBoxes()

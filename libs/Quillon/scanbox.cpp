@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 ScanBox::ScanBox(double x_, double y_, double width_, double height_, double imageWidth_, int threshold_)
     : imageWidth(static_cast<int>(imageWidth_)), x(x_), y(y_), width(width_), height(height_),
@@ -208,7 +209,7 @@ public:
                 ++divScale;
             fixedPoint = true;
         }
-        agrees = check();
+        agrees = verdict();
     }
 
     bool agrees = false;
@@ -351,6 +352,20 @@ private:
         }
     }
 
+    // check()'s answer, kept for the process: the frame loop meets a block size the first
+    // time on its own thread, and the check takes about a millisecond.
+    bool verdict()
+    {
+        static std::mutex lock;
+        static std::vector<signed char> known; // by block size: -1 not yet checked, else the answer
+        const std::lock_guard<std::mutex> hold(lock);
+        if (known.size() <= std::size_t(block))
+            known.resize(std::size_t(block) + 1, -1);
+        if (known[std::size_t(block)] < 0)
+            known[std::size_t(block)] = check() ? 1 : 0;
+        return known[std::size_t(block)] == 1;
+    }
+
     bool check()
     {
         cv::RNG rng(static_cast<uint64>(block));
@@ -434,6 +449,18 @@ cv::Range adaptiveMeanThreshold(const cv::Mat& src, cv::Mat& dst, int block, dou
 }
 
 } // namespace
+
+void ScanBox::prepareThresholds(double narrowest, double widest)
+{
+    for (const bool extended : {false, true}) {
+        int first = 3, last = 3, offset = 0;
+        thresholdBlock(narrowest, extended, &first, &offset);
+        thresholdBlock(widest, extended, &last, &offset);
+        // Block sizes are odd and rise with the width.
+        for (int block = first; block <= std::min(last, first + 2 * 64); block += 2)
+            BlockMean{block};
+    }
+}
 
 std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* image, const std::vector<ScanBox>& boxes,
                                                 cv::Mat* background, bool useBackground, bool extended) const

@@ -65,4 +65,7 @@ public:
 
     // The block size and constant of the adaptive threshold for boxes of a mean width.
     static void thresholdBlock(double avgWidth, bool extended, int* block, int* offset);
+    // Checks ahead, once per process, the thresholds of every block size that groups of boxes
+    // between these widths use in either mode; any thread may call it.
+    static void prepareThresholds(double narrowest, double widest);
 };
