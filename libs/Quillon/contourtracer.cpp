@@ -157,8 +157,6 @@ ContourTracer::Shape ContourTracer::shape(const std::vector<cv::Point>& contour)
     }
     s.bounds = cv::Rect(left, top, right - left + 1, bottom - top + 1);
     s.area = std::fabs(a00 * 0.5);
-    if (contour.size() < 2)
-        s.perimeter = 0;
     if (std::fabs(a00) > FLT_EPSILON) {
         const double half = a00 > 0 ? 0.5 : -0.5;
         const double sixth = a00 > 0 ? 0.16666666666666666666666666666667 : -0.16666666666666666666666666666667;

@@ -303,7 +303,7 @@ private:
         return col;
     }
 
-    // The sum of c[clamp(k, 0, n - 1)] for k from a to b (a <= 0 < b or within), the clamped
+    // The sum of c[clamp(k, 0, n - 1)] for k from a to b (a <= b), the clamped
     // ends counted at once.
     static int clampedSum(const int* c, int n, int a, int b)
     {
@@ -342,12 +342,8 @@ private:
         int* col = firstColumns(src);
         for (int y = 0; y < h; ++y) {
             unsigned char* o = out.ptr<unsigned char>(y);
-            for (int x = 0; x < w; ++x) {
-                int sum = 0;
-                for (int k = x - r; k <= x + r; ++k)
-                    sum += col[std::clamp(k, 0, w - 1)];
-                o[x] = static_cast<unsigned char>(meanOf(sum));
-            }
+            for (int x = 0; x < w; ++x)
+                o[x] = static_cast<unsigned char>(meanOf(clampedSum(col, w, x - r, x + r)));
             slideColumns(src, y);
         }
     }
@@ -416,10 +412,6 @@ struct ContourScratch {
     cv::Mat binary;
     std::vector<std::vector<cv::Point>> contours;
     std::vector<std::unique_ptr<BlockMean>> means; // by block size
-    // thresholdBlock's answer for the last average width.
-    double blockFor = -1;
-    bool blockExtended = false;
-    int block = 3, offset = 0;
     ContourTracer tracer;
 
     BlockMean* meanOf(int block)
@@ -515,13 +507,8 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         }
     }
 
-    // Every spot of a frame is usually looked at with the boxes' one width.
-    if (avgWidth != scratch.blockFor || extended != scratch.blockExtended) {
-        thresholdBlock(avgWidth, extended, &scratch.block, &scratch.offset);
-        scratch.blockFor = avgWidth;
-        scratch.blockExtended = extended;
-    }
-    const int block = scratch.block, offset = scratch.offset;
+    int block = 3, offset = 0;
+    thresholdBlock(avgWidth, extended, &block, &offset);
 
     const GS* gs = GS::instance();
     if (gs->scanBoxLargeCheck && block > 40) {
