@@ -6,6 +6,8 @@
 #include <QStandardPaths>
 #include <QThread>
 
+#include <algorithm>
+
 namespace {
 
 QString statusFile()
@@ -42,10 +44,17 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     const auto m = fps.match(run.output);
     ASSERT_TRUE(m.hasMatch()) << qPrintable(run.output);
     EXPECT_GT(m.captured(1).toInt(), 0);
-    // The start-up goes on beside the stream: its last write is the laser.
+    // The start-up goes on beside the stream, the filter's pulse on a thread of its own: wait
+    // for both pulse writes and the fourteen register writes (each sent twice), whichever
+    // comes last; a register written again later must not stand in for the pulse's end.
     QElapsedTimer t;
     t.start();
-    while (t.elapsed() < 30000 && run.controlWrites().size() < 32)
+    auto startupSeen = [&run] {
+        const auto w = run.controlWrites();
+        const auto outs = std::count_if(w.begin(), w.end(), [](const auto& x) { return x.kind == "out"; });
+        return outs >= 4 && std::ptrdiff_t(w.size()) - outs >= 28;
+    };
+    while (t.elapsed() < 30000 && !startupSeen())
         QThread::msleep(50);
     run.process.kill();
     run.finish();
