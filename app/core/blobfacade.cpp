@@ -396,10 +396,13 @@ void StoppedCallback()
 {
     qDebug() << "Device plugged out, exit";
     StatusWriter::instance()->write(-1);
-    QCoreApplication::quit();
-    // quit() lets the main thread leave its event loop and tear the application down;
-    // exit() would run the same destructors on this thread at the same time. Nothing is
-    // left to save, so the process ends here without them.
+    // The quit is posted, not called: a GUI application's quit() from another thread waits
+    // for the main thread to flush its window events, and that flush never comes once the
+    // event loop has left, so this thread would hang there. exit() would run the main
+    // thread's destructors on this thread at the same time; nothing is left to save, so the
+    // process ends here without them.
+    if (QCoreApplication* app = QCoreApplication::instance())
+        QMetaObject::invokeMethod(app, &QCoreApplication::quit, Qt::QueuedConnection);
     fflush(nullptr);
     _exit(0);
 }
