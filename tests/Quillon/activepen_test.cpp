@@ -1,4 +1,5 @@
 // The tracking front end: from frames to screen-space blobs through a calibration.
+#include "ownedblobs.h"
 #include "pointmatchers.h"
 
 #include "activepen.h"
@@ -12,11 +13,6 @@
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
-
-#include <cmath>
-#include <memory>
-#include <vector>
-#include <tuple>
 
 namespace {
 
@@ -93,18 +89,7 @@ protected:
     void learnBackground()
     {
         for (int i = 0; i < GS::instance()->stylusBgFrames + 2; ++i)
-            for (Blob* b : frame(nullptr))
-                delete b;
-    }
-};
-
-struct Owned {
-    std::vector<Blob*> v;
-    explicit Owned(std::vector<Blob*> b) : v(std::move(b)) {}
-    ~Owned()
-    {
-        for (Blob* b : v)
-            delete b;
+            OwnedBlobs{frame(nullptr)};
     }
 };
 
@@ -140,9 +125,9 @@ TEST_F(Front, AStylusStrokeArrivesAsOneTouchAtItsScreenPositions)
     for (int step = 0; step < 40; ++step) {
         const EVector screen(400 + 25 * step, 300 + 12 * step);
         const EVector sensor = apply(h, screen);
-        Owned blobs(frame(&sensor));
-        ASSERT_EQ(blobs.v.size(), 1u) << "step " << step;
-        Blob* b = blobs.v[0];
+        OwnedBlobs blobs = frame(&sensor);
+        ASSERT_EQ(blobs.count(), 1) << "step " << step;
+        Blob* b = blobs[0];
         EXPECT_FALSE(b->outside);
         EXPECT_EQ(b->state, step == 0 ? 0 : 2);
         if (step == 0)
@@ -153,18 +138,18 @@ TEST_F(Front, AStylusStrokeArrivesAsOneTouchAtItsScreenPositions)
     }
     const EVector still = apply(h, EVector(1500, 800));
     for (int i = 0; i < 6; ++i)
-        Owned settle(frame(&still));
+        OwnedBlobs settle = frame(&still);
     {
-        Owned blobs(frame(&still));
-        ASSERT_EQ(blobs.v.size(), 1u);
-        EXPECT_THAT(blobs.v[0]->fcenter(), IsNear(1500, 800, 3)) << "a still stylus lands within 3 pixels";
+        OwnedBlobs blobs = frame(&still);
+        ASSERT_EQ(blobs.count(), 1);
+        EXPECT_THAT(blobs[0]->fcenter(), IsNear(1500, 800, 3)) << "a still stylus lands within 3 pixels";
     }
-    Owned lifted(frame(nullptr));
-    ASSERT_EQ(lifted.v.size(), 1u);
-    EXPECT_EQ(lifted.v[0]->state, 1) << "the lift is reported once";
-    EXPECT_EQ(lifted.v[0]->sessionId, session);
-    Owned gone(frame(nullptr));
-    EXPECT_TRUE(gone.v.empty());
+    OwnedBlobs lifted = frame(nullptr);
+    ASSERT_EQ(lifted.count(), 1);
+    EXPECT_EQ(lifted[0]->state, 1) << "the lift is reported once";
+    EXPECT_EQ(lifted[0]->sessionId, session);
+    OwnedBlobs gone = frame(nullptr);
+    EXPECT_TRUE(gone.count() == 0);
 }
 
 TEST_F(Front, WithoutACalibrationBlobsHaveNoScreenPosition)
@@ -172,10 +157,10 @@ TEST_F(Front, WithoutACalibrationBlobsHaveNoScreenPosition)
     pen.setInputMode(StylusCalibration);
     learnBackground();
     const EVector spot(300, 200);
-    Owned blobs(frame(&spot));
-    ASSERT_EQ(blobs.v.size(), 1u);
-    EXPECT_EQ(std::tuple(blobs.v[0]->fx, blobs.v[0]->fy), std::tuple(-1.0, -1.0));
-    EXPECT_NEAR(blobs.v[0]->x, 300, 1);
+    OwnedBlobs blobs = frame(&spot);
+    ASSERT_EQ(blobs.count(), 1);
+    EXPECT_EQ(std::tuple(blobs[0]->fx, blobs[0]->fy), std::tuple(-1.0, -1.0));
+    EXPECT_NEAR(blobs[0]->x, 300, 1);
 }
 
 TEST_F(Front, TheSecondEngineRunsOnlyInStylusModeWithABarCalibration)

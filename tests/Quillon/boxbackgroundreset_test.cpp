@@ -1,4 +1,5 @@
 #include "fingerscene.h"
+#include "ownedblobs.h"
 
 #include "boxtrackingengine.h"
 #include "globalsettings.h"
@@ -31,10 +32,7 @@ TEST(BoxBackgroundReset, ResetFromAnotherThreadWaitsForTheFramesThatDoIt)
         std::vector<unsigned char> f;
         for (int i = 0; !stop; ++i) {
             f = frames[std::size_t(i % 4)];
-            AllBlobs all = engine.processImage(f.data(), false, false);
-            reported += all.blobs.size();
-            for (Blob* b : all.blobs.blobs)
-                delete b;
+            reported += OwnedBlobs(engine.processImage(f.data(), false, false)).count();
         }
     });
 

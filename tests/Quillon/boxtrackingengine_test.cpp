@@ -1,4 +1,5 @@
 #include "fingerscene.h"
+#include "ownedblobs.h"
 #include "pointmatchers.h"
 
 #include "boxtrackingengine.h"
@@ -8,36 +9,20 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <tuple>
-
 namespace {
 
 constexpr int W = FingerScene::Width;
 constexpr int H = FingerScene::Height;
 
-// The blobs are the caller's; this frees them once a test has looked at them.
-struct Found {
-    AllBlobs all;
-    Found() = default;
-    Found(const Found&) = delete;
-    ~Found()
-    {
-        for (Blob* b : all.blobs.blobs)
-            delete b;
-    }
-    int size() const { return all.blobs.size(); }
-    Blob* at(int i) const { return all.blobs.blobs[std::size_t(i)]; }
-    // The blob nearest to p, or null.
-    Blob* near(const EVector& p, double within) const
-    {
-        Blob* best = nullptr;
-        for (Blob* b : all.blobs.blobs)
-            if ((b->center() - p).length() < within && (!best || (b->center() - p).length() < (best->center() - p).length()))
-                best = b;
-        return best;
-    }
-};
+// The blob nearest to p within a distance, or null.
+Blob* near(const AllBlobs& f, const EVector& p, double within)
+{
+    Blob* best = nullptr;
+    for (Blob* b : f.blobs.blobs)
+        if ((b->center() - p).length() < within && (!best || (b->center() - p).length() < (best->center() - p).length()))
+            best = b;
+    return best;
+}
 
 // Settings that the tests change, put back after each.
 class FingerEngine : public ::testing::Test {
@@ -69,17 +54,14 @@ protected:
         for (int i = 0; i < 200 && (engine->learnCount < engine->learnFrames || engine->updating ||
                                     engine->updateCount < engine->updateFrames);
              ++i) {
-            Found f;
-            std::vector<unsigned char> frame = scene.frame();
-            f.all = engine->processImage(frame.data(), false, false);
-            EXPECT_EQ(f.size(), 0) << "nothing is reported while the background is learned";
+            EXPECT_EQ(detect({}).count(), 0) << "nothing is reported while the background is learned";
         }
         ASSERT_FALSE(engine->updating);
     }
-    void detect(const std::vector<Finger>& fingers, Found& out, bool extended = false)
+    OwnedBlobs detect(const std::vector<Finger>& fingers, bool extended = false)
     {
         std::vector<unsigned char> frame = scene.frame(fingers);
-        out.all = engine->processImage(frame.data(), extended, false);
+        return engine->processImage(frame.data(), extended, false);
     }
 };
 
@@ -88,16 +70,15 @@ TEST_F(FingerEngine, EachFingerIsReportedOnceWithinOnePixel)
     calibrate();
     const std::vector<Finger> fingers = {{300, 200}, {960, 540}, {1600, 300}, {200, 950}, {1750, 980}, {1000, 120}};
     for (int frame = 0; frame < 3; ++frame) {
-        Found f;
-        detect(fingers, f);
-        EXPECT_EQ(f.size(), int(fingers.size()));
+        OwnedBlobs f = detect(fingers);
+        EXPECT_EQ(f.count(), int(fingers.size()));
         for (const Finger& g : fingers) {
             const EVector truth = scene.sensorOf(g);
-            int seen = 0;
-            for (int i = 0; i < f.size(); ++i)
-                seen += (f.at(i)->center() - truth).length() < 10 ? 1 : 0;
-            EXPECT_EQ(seen, 1) << "finger at " << g.screenX << "," << g.screenY;
-            EXPECT_THAT(f.near(truth, 10), testing::Pointee(IsNear(truth.x, truth.y, 1.0)));
+            EXPECT_EQ(std::count_if(f.blobs.blobs.begin(), f.blobs.blobs.end(),
+                                    [&](Blob* b) { return (b->center() - truth).length() < 10; }),
+                      1)
+                << "finger at " << g.screenX << "," << g.screenY;
+            EXPECT_THAT(near(f, truth, 10), testing::Pointee(IsNear(truth.x, truth.y, 1.0)));
         }
     }
 }
@@ -107,11 +88,8 @@ TEST_F(FingerEngine, NothingIsReportedWhileLearningEvenWithFingers)
     calibration = scene.calibration();
     engine->setCalibration(calibration.get(), gs->boxParameter);
     engine->triggerBgRefresh(true, false);
-    for (int i = 0; i < gs->stylusBgFrames; ++i) {
-        Found f;
-        detect({{960, 540, 10, 240}}, f);
-        EXPECT_EQ(f.size(), 0);
-    }
+    for (int i = 0; i < gs->stylusBgFrames; ++i)
+        EXPECT_EQ(detect({{960, 540, 10, 240}}).count(), 0);
     EXPECT_EQ(engine->learnCount, engine->learnFrames);
 }
 
@@ -122,26 +100,21 @@ TEST_F(FingerEngine, WhatIsNoFingerIsNotReported)
     gs->blobFilterLeft = 0.85; // the accepted region leaves out the left 15 % of the screen
     calibrate();
     const Finger finger{1200, 600}, large{700, 400, 40, 200}, outside{100, 500};
-    Found f;
-    detect({finger, large, outside}, f);
-    EXPECT_EQ(f.size(), 1);
-    EXPECT_NE(f.near(scene.sensorOf(finger), 1.0), nullptr);
-    EXPECT_EQ(f.near(scene.sensorOf(large), 20), nullptr) << "larger than a finger";
-    EXPECT_EQ(f.near(scene.sensorOf(outside), 20), nullptr) << "outside the screen polygon";
+    OwnedBlobs f = detect({finger, large, outside});
+    EXPECT_EQ(f.count(), 1);
+    EXPECT_NE(near(f, scene.sensorOf(finger), 1.0), nullptr);
+    EXPECT_EQ(near(f, scene.sensorOf(large), 20), nullptr) << "larger than a finger";
+    EXPECT_EQ(near(f, scene.sensorOf(outside), 20), nullptr) << "outside the screen polygon";
     for (const EVector& reflection : {EVector(200, 150), EVector(520, 300)})
-        EXPECT_EQ(f.near(reflection, 20), nullptr) << "learned reflection";
+        EXPECT_EQ(near(f, reflection, 20), nullptr) << "learned reflection";
 
     // The same spot inside the accepted region is a touch.
-    Found inside;
-    detect({{400, 500}}, inside);
-    EXPECT_EQ(inside.size(), 1);
+    EXPECT_EQ(detect({{400, 500}}).count(), 1);
 
     // A flood of light fires far more than 255 boxes: the frame is dropped whole.
     scene.ambientArea = cv::Rect(0, 0, W, H);
     scene.ambient = 150;
-    Found flood;
-    detect({finger}, flood);
-    EXPECT_EQ(flood.size(), 0);
+    EXPECT_EQ(detect({finger}).count(), 0);
 }
 
 TEST_F(FingerEngine, ASpotInTheLightShadowOfAnotherIsErased)
@@ -159,21 +132,16 @@ TEST_F(FingerEngine, ASpotInTheLightShadowOfAnotherIsErased)
         }
         return f;
     };
-    Found close;
-    detect({lower, above(20)}, close);
-    ASSERT_EQ(close.size(), 1) << "the upper spot of two, 20 pixels apart, is in the lower one's shadow";
-    EXPECT_NEAR(close.at(0)->y, at.y, 1.0);
+    OwnedBlobs close = detect({lower, above(20)});
+    ASSERT_EQ(close.count(), 1) << "the upper spot of two, 20 pixels apart, is in the lower one's shadow";
+    EXPECT_NEAR(close[0]->y, at.y, 1.0);
 
-    Found apart;
-    detect({lower, above(32)}, apart);
-    EXPECT_EQ(apart.size(), 2) << "beyond the shadow distance both stay";
+    EXPECT_EQ(detect({lower, above(32)}).count(), 2) << "beyond the shadow distance both stay";
 
     // Side by side at the same distance both are kept.
     Finger beside = lower;
     beside.screenX += 60;
-    Found sideBySide;
-    detect({lower, beside}, sideBySide);
-    EXPECT_EQ(sideBySide.size(), 2);
+    EXPECT_EQ(detect({lower, beside}).count(), 2);
 }
 
 TEST_F(FingerEngine, SlowAmbientChangeRefreshesItsRegionWithoutTouches)
@@ -188,19 +156,15 @@ TEST_F(FingerEngine, SlowAmbientChangeRefreshesItsRegionWithoutTouches)
         double sum = 0;
         int n = 0;
         for (const ScanBox& box : engine->boxes)
-            if (box.region == r) {
-                sum += box.bgIntensity;
-                ++n;
-            }
+            if (box.region == r)
+                sum += box.bgIntensity, ++n;
         return sum / n;
     };
     const double before = backgroundOf(region), otherBefore = backgroundOf(0);
     bool refreshed = false;
     for (int level = 1; level <= 60; ++level) {
         scene.ambient = level;
-        Found f;
-        detect({}, f);
-        EXPECT_EQ(f.size(), 0) << "at ambient " << level;
+        EXPECT_EQ(detect({}).count(), 0) << "at ambient " << level;
         for (int r : engine->regionsToUpdate) {
             EXPECT_NE(r, 0);
             refreshed = refreshed || r == region;
@@ -211,15 +175,10 @@ TEST_F(FingerEngine, SlowAmbientChangeRefreshesItsRegionWithoutTouches)
     EXPECT_EQ(backgroundOf(0), otherBefore) << "a region far from the change keeps its background";
 
     // Once the light holds still and the refresh is over, a finger there is found again.
-    for (int i = 0; i < 10; ++i) {
-        Found quiet;
-        detect({}, quiet);
-        EXPECT_EQ(quiet.size(), 0);
-    }
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(detect({}).count(), 0);
     EXPECT_FALSE(engine->updating);
-    Found f;
-    detect({{1920 * 0.375, 1080 * 0.625}}, f);
-    EXPECT_EQ(f.size(), 1);
+    EXPECT_EQ(detect({{1920 * 0.375, 1080 * 0.625}}).count(), 1);
 }
 
 TEST_F(FingerEngine, SetUpLaysBoxesOverTheScreenAndWritesTheFingerZone)
@@ -276,16 +235,14 @@ TEST_F(FingerEngine, ShiftTablesApplyExceptInExtendedMode)
     std::vector<EVector> shifts(9, EVector(4, -3));
     engine->setFingerTouchShifts(shifts);
     calibrate();
-    Found normal;
-    detect({{960, 540}}, normal);
-    ASSERT_EQ(normal.size(), 1);
-    EXPECT_EQ(std::tuple(normal.at(0)->hasShift, normal.at(0)->xShift, normal.at(0)->yShift), std::tuple(1, 4.0, -3.0));
+    OwnedBlobs normal = detect({{960, 540}});
+    ASSERT_EQ(normal.count(), 1);
+    EXPECT_EQ(std::tuple(normal[0]->hasShift, normal[0]->xShift, normal[0]->yShift), std::tuple(1, 4.0, -3.0));
 
-    Found extended;
-    detect({{960, 540}}, extended, true);
-    ASSERT_EQ(extended.size(), 1);
-    EXPECT_EQ(extended.at(0)->hasShift, 0);
-    EXPECT_NEAR(extended.at(0)->x, normal.at(0)->x, 0.5);
+    OwnedBlobs extended = detect({{960, 540}}, true);
+    ASSERT_EQ(extended.count(), 1);
+    EXPECT_EQ(extended[0]->hasShift, 0);
+    EXPECT_NEAR(extended[0]->x, normal[0]->x, 0.5);
 }
 
 TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
@@ -293,16 +250,14 @@ TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
     calibrate();
     std::vector<unsigned char> plain = scene.frame({{600, 500}, {1400, 700}});
     std::vector<unsigned char> drawn = plain, original = plain;
-    Found a, b;
-    a.all = engine->processImage(plain.data(), false, false);
-    b.all = engine->processImage(drawn.data(), false, true);
-    ASSERT_EQ(a.size(), 2);
-    ASSERT_EQ(b.size(), 2);
+    OwnedBlobs a = engine->processImage(plain.data(), false, false), b = engine->processImage(drawn.data(), false, true);
+    ASSERT_EQ(a.count(), 2);
+    ASSERT_EQ(b.count(), 2);
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(std::tuple(a.at(i)->x, a.at(i)->y), std::tuple(b.at(i)->x, b.at(i)->y)) << i;
+        EXPECT_EQ(std::tuple(a[i]->x, a[i]->y), std::tuple(b[i]->x, b[i]->y)) << i;
     const cv::Mat plainM(H, W, CV_8UC1, plain.data()), drawnM(H, W, CV_8UC1, drawn.data()),
         originalM(H, W, CV_8UC1, original.data());
-    const int fx = int(a.at(0)->x), fy = int(a.at(0)->y);
+    const int fx = int(a[0]->x), fy = int(a[0]->y);
     // Without the overlay the firing boxes are blanked in the caller's frame.
     EXPECT_EQ(plainM.at<unsigned char>(fy, fx), 0);
     // With it the frame is the untouched one plus the drawing: labels above each blob.

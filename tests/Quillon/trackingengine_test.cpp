@@ -1,3 +1,4 @@
+#include "ownedblobs.h"
 #include "pointmatchers.h"
 #include "shiftcorrection.h"
 #include "syntheticframe.h"
@@ -10,8 +11,6 @@
 #include <opencv2/core.hpp>
 
 #include <array>
-#include <memory>
-#include <tuple>
 
 namespace {
 
@@ -24,19 +23,6 @@ void fill(std::vector<unsigned char>& f, int x0, int y0, int w, int h, int value
 {
     cv::Mat(H, W, CV_8UC1, f.data())(cv::Rect(x0, y0, w, h)).setTo(value);
 }
-
-// The blobs stay the caller's; this frees them after a test looked at them.
-struct Result {
-    AllBlobs all;
-    ~Result()
-    {
-        for (Blob* b : all.blobs.blobs)
-            delete b;
-        for (Blob* b : all.outsideBlobs.blobs)
-            delete b;
-    }
-    std::vector<Blob*>& blobs() { return all.blobs.blobs; }
-};
 
 class Engine : public ::testing::Test {
 protected:
@@ -53,14 +39,13 @@ protected:
         }
         EXPECT_EQ(frames, GS::instance()->stylusBgFrames);
     }
-    void detect(std::vector<unsigned char>& f, Result& r) { r.all = engine.processImage(f.data(), false, false); }
+    OwnedBlobs detect(std::vector<unsigned char>& f) { return engine.processImage(f.data(), false, false); }
     // Blobs found where no filter sends any outside.
     int count(std::vector<unsigned char>& f)
     {
-        Result r;
-        detect(f, r);
-        EXPECT_EQ(r.all.outsideBlobs.size(), 0);
-        return r.all.blobs.size();
+        OwnedBlobs r = detect(f);
+        EXPECT_EQ(r.outsideBlobs.size(), 0);
+        return r.count();
     }
 };
 
@@ -96,12 +81,11 @@ TEST_F(Engine, SingleRowsGiveNoBlobAndTheFramesLastRowIsLost)
     fill(f, 100, 100, 8, 2, 255); // two rows, the bottom of all bright pixels
     EXPECT_EQ(count(f), 0) << "its last run is never stored";
     fill(f, 300, 300, 8, 8, 255); // something below keeps both rows of the first
-    Result r;
-    detect(f, r);
-    ASSERT_EQ(r.all.blobs.size(), 2);
-    EXPECT_EQ(std::tuple(r.blobs()[0]->width, r.blobs()[0]->height), std::tuple(8.0, 2.0));
-    EXPECT_THAT(*r.blobs()[0], IsNear(103.5, 100.5, 1e-9));
-    EXPECT_DOUBLE_EQ(r.blobs()[1]->height, 7) << "lower spot loses its last row";
+    OwnedBlobs r = detect(f);
+    ASSERT_EQ(r.blobs.size(), 2);
+    EXPECT_EQ(std::tuple(r[0]->width, r[0]->height), std::tuple(8.0, 2.0));
+    EXPECT_THAT(*r[0], IsNear(103.5, 100.5, 1e-9));
+    EXPECT_DOUBLE_EQ(r[1]->height, 7) << "lower spot loses its last row";
 }
 
 TEST_F(Engine, ThresholdAndMaskAreStrict)
@@ -115,11 +99,10 @@ TEST_F(Engine, ThresholdAndMaskAreStrict)
     fill(f, 400, 50, 10, 10, 255);
     fill(f, 100, 200, 10, 10, 230); // at threshold: not bright
     fill(f, 300, 400, 5, 5, 255);   // keeps the others off the last run
-    Result r;
-    detect(f, r);
-    ASSERT_EQ(r.all.blobs.size(), 2);
-    EXPECT_NEAR(r.blobs()[0]->x, 404.5, 0.01);
-    EXPECT_NEAR(r.blobs()[1]->x, 302.0, 0.01);
+    OwnedBlobs r = detect(f);
+    ASSERT_EQ(r.blobs.size(), 2);
+    EXPECT_NEAR(r[0]->x, 404.5, 0.01);
+    EXPECT_NEAR(r[1]->x, 302.0, 0.01);
 }
 
 TEST_F(Engine, ChainsFollowOnePathSoAForkGivesTwoBlobs)
@@ -143,13 +126,10 @@ TEST_F(Engine, GlowAboveTheFirstAndBelowTheLastRunCounts)
         TrackingEngine::bloblineContext* c = engine.CreateBloblineContext(2000);
         c->lines.push_back({-1, 10, 12, 20});
         c->lines.push_back({0, 10, 12, 21});
-        AllBlobs all = engine.GenerateBlobList(c, f.data());
-        EXPECT_EQ(all.blobs.size(), 1);
+        OwnedBlobs all = engine.GenerateBlobList(c, f.data());
+        EXPECT_EQ(all.count(), 1);
         EXPECT_TRUE(c->lines.empty()) << "chained runs are used up";
-        const double y = all.blobs.size() ? all.blobs[0]->y : -1;
-        for (Blob* b : all.blobs.blobs)
-            delete b;
-        return y;
+        return all.count() ? all[0]->y : -1;
     };
     EXPECT_DOUBLE_EQ(centreY(-1), 20.5);
     EXPECT_LT(centreY(16), 20.5); // 4 rows above the first run
@@ -165,10 +145,9 @@ TEST_F(Engine, EdgeSpotsAreDroppedAndTheRestRefined)
     fill(f, 5, 200, 3, 3, 255);   // centre 6: box starts at column 1, kept
     fill(f, 745, 300, 3, 3, 255); // grown box reaches the right edge
     fill(f, 300, 400, 5, 5, 255);
-    Result r;
-    detect(f, r);
-    ASSERT_EQ(r.all.blobs.size(), 2);
-    EXPECT_THAT(*r.blobs()[0], IsNear(6.0, 201.0, 1e-9));
+    OwnedBlobs r = detect(f);
+    ASSERT_EQ(r.blobs.size(), 2);
+    EXPECT_THAT(*r[0], IsNear(6.0, 201.0, 1e-9));
 }
 
 TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
@@ -180,15 +159,13 @@ TEST_F(Engine, BlobsOutsideTheFilterGoToTheOutsideListRefined)
     learn(blank());
     SyntheticFrames synth;
     std::vector<unsigned char> f = synth.make({{200.3, 200.6, 7}, {600.7, 300.2, 7}, {650, 450, 5}});
-    Result r;
-    detect(f, r);
-    ASSERT_EQ(r.all.blobs.size(), 1);
-    ASSERT_EQ(r.all.outsideBlobs.size(), 2);
-    EXPECT_THAT(*r.all.outsideBlobs[0], IsNear(600.7, 300.2, 0.25));
+    OwnedBlobs r = detect(f);
+    ASSERT_EQ(r.blobs.size(), 1);
+    ASSERT_EQ(r.outsideBlobs.size(), 2);
+    EXPECT_THAT(*r.outsideBlobs[0], IsNear(600.7, 300.2, 0.25));
     engine.correction = nullptr; // the filter needs both
-    Result r2;
-    detect(f, r2);
-    EXPECT_EQ(std::tuple(r2.all.blobs.size(), r2.all.outsideBlobs.size()), std::tuple(3, 0));
+    OwnedBlobs r2 = detect(f);
+    EXPECT_EQ(std::tuple(r2.blobs.size(), r2.outsideBlobs.size()), std::tuple(3, 0));
 }
 
 TEST_F(Engine, BlobCountIsCapped)
@@ -203,10 +180,7 @@ TEST_F(Engine, BlobCountIsCapped)
             }
     }
     ASSERT_GT(c->lines.size(), 2u * 1100);
-    AllBlobs all = engine.GenerateBlobList(c, f.data());
-    EXPECT_EQ(all.blobs.size(), BlobList::MaxBlobs);
-    for (Blob* b : all.blobs.blobs)
-        delete b;
+    EXPECT_EQ(OwnedBlobs(engine.GenerateBlobList(c, f.data())).count(), BlobList::MaxBlobs);
 }
 
 // Ground truth: spots of 3 to 15 pixels at sub-pixel centres over a noisy background
@@ -233,13 +207,12 @@ TEST_F(Engine, FindsEverySpotOnceWithinAQuarterPixel)
             spots.push_back({x, y, d});
         }
         std::vector<unsigned char> f = synth.make(spots);
-        Result r;
-        detect(f, r);
-        EXPECT_EQ(r.all.outsideBlobs.size(), 0);
-        ASSERT_EQ(r.all.blobs.size(), int(spots.size())) << "frame " << frame;
+        OwnedBlobs r = detect(f);
+        EXPECT_EQ(r.outsideBlobs.size(), 0);
+        ASSERT_EQ(r.blobs.size(), int(spots.size())) << "frame " << frame;
         for (const Spot& s : spots) {
             int near = 0;
-            for (Blob* b : r.blobs()) {
+            for (Blob* b : r.blobs.blobs) {
                 const double dist = std::hypot(b->x - s.x, b->y - s.y);
                 if (dist < 5) {
                     ++near;
