@@ -20,9 +20,6 @@
 
 #include <atomic>
 #include <fstream>
-#include <functional>
-#include <mutex>
-#include <tuple>
 
 namespace {
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <tuple>
 
 TEST(BlobCorrectionByFormula, ZoomScalesAboutTheCentreAndKeepsThePayload)
 {

@@ -16,9 +16,6 @@
 #include <cmath>
 #include <csignal>
 #include <fstream>
-#include <memory>
-#include <sstream>
-#include <tuple>
 
 namespace {
 

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <tuple>
-
 using Cols = CalibrationHelper::Cols;
 
 namespace {

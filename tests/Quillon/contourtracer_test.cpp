@@ -9,7 +9,6 @@
 
 #include <cmath>
 #include <random>
-#include <tuple>
 
 namespace {
 

@@ -7,8 +7,6 @@
 
 #include <fcntl.h>
 #include <fstream>
-#include <string>
-#include <tuple>
 
 namespace {
 

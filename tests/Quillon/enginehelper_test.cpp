@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <tuple>
-
 namespace {
 
 class Regionals : public ::testing::Test {

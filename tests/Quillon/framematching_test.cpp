@@ -8,10 +8,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
 #include <numeric>
 #include <random>
-#include <tuple>
 
 namespace {
 

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <tuple>
-#include <vector>
 
 namespace {
 

@@ -10,9 +10,6 @@
 #include <QDir>
 
 #include <fstream>
-#include <memory>
-#include <string>
-#include <tuple>
 
 namespace {
 

@@ -10,8 +10,6 @@
 #include <QCoreApplication>
 
 #include <cmath>
-#include <string>
-#include <tuple>
 
 namespace {
 
