@@ -112,11 +112,8 @@ TEST(BlobListStorage, IsCappedAtOneThousandAndNeverDeletes)
 
     BlobList copy = list;
     EXPECT_EQ(copy.matcher, list.matcher) << "copies share the matcher";
-}
 
-TEST(BlobListContains, LooksOnlyAtTheGivenVectorAndSkipsNulls)
-{
-    Blobs pool;
+    // contains looks only at the given vector and skips nulls.
     Blob* a = pool.make(1, 1);
     a->sessionId = 5;
     std::vector<Blob*> v{nullptr, a};
@@ -148,18 +145,15 @@ TEST(BlobListQueries, FindExtremesAndCorners)
     half.add({d, c, b, a});
     EXPECT_EQ(half.list.getTopRightBlob(), b) << "corner queries look only at the upper or lower half";
     EXPECT_EQ(half.list.getBottomLeftBlob(), c);
-}
 
-TEST(BlobListQueries, FewerThanThreeBlobsAnswerTheFirstEntryForCorners)
-{
-    Blobs pool;
-    BlobList& list = pool.list;
-    EXPECT_EQ(list.getTopRightBlob(), nullptr);
-    EXPECT_EQ(list.getTopBlob(), nullptr);
-    EXPECT_EQ(list.getSortedBlob(-1), nullptr);
-    Blob *low = pool.make(5, 90), *high = pool.make(95, 5);
-    pool.add({low, high});
-    EXPECT_EQ(list.getTopRightBlob(), low);
-    EXPECT_EQ(list.getBottomLeftBlob(), low);
-    EXPECT_EQ(list.getTopBlob(), high) << "the plain extremes still sort";
+    // Fewer than three blobs answer the first entry for corners.
+    Blobs two;
+    EXPECT_EQ(two.list.getTopRightBlob(), nullptr);
+    EXPECT_EQ(two.list.getTopBlob(), nullptr);
+    EXPECT_EQ(two.list.getSortedBlob(-1), nullptr);
+    Blob *low = two.make(5, 90), *high = two.make(95, 5);
+    two.add({low, high});
+    EXPECT_EQ(two.list.getTopRightBlob(), low);
+    EXPECT_EQ(two.list.getBottomLeftBlob(), low);
+    EXPECT_EQ(two.list.getTopBlob(), high) << "the plain extremes still sort";
 }

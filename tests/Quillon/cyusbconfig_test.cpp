@@ -47,13 +47,11 @@ TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
     auto device = [&](int i) { return std::tuple(c.vpd[i].vid, c.vpd[i].pid, std::string(c.vpd[i].desc)); };
     EXPECT_EQ(device(0), std::tuple(0x04B4, 0x00F3, "BootLoader"));
     EXPECT_EQ(device(1), std::tuple(0x1209, 0x7E1A, "VeloraSensor"));
-}
 
-TEST(CyusbConfig, DescriptionIsCutToTwentyNineCharacters)
-{
-    const CyusbConfig c = readConfig("<VPD>\n1 2 " + std::string(40, 'd') + "\n</VPD>\n");
-    ASSERT_EQ(c.maxdevices, 1);
-    EXPECT_EQ(std::string(c.vpd[0].desc), std::string(29, 'd'));
+    // A description is cut to 29 characters.
+    const CyusbConfig cut = readConfig("<VPD>\n1 2 " + std::string(40, 'd') + "\n</VPD>\n");
+    ASSERT_EQ(cut.maxdevices, 1);
+    EXPECT_EQ(std::string(cut.vpd[0].desc), std::string(29, 'd'));
 }
 
 TEST(CyusbConfig, NinthDeviceIsTheLastAndSwallowsTheRestOfTheFile)

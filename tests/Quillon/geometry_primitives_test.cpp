@@ -37,20 +37,16 @@ TEST(EVectorArithmetic, ResultsCarryNoPayloadButCompoundAssignmentKeepsIt)
     EXPECT_THAT(p, IsPoint(8, 15)) << "operator* of two vectors is componentwise";
     EXPECT_DOUBLE_EQ(EVector(3, 4).length(), 5);
     EXPECT_DOUBLE_EQ(EVector(1, 2).cross(EVector(3, 4)), -2);
-}
 
-TEST(EVectorArithmetic, DivisionByAVectorWithAZeroComponentGivesOrigin)
-{
+    // Division by a vector with a zero component gives the origin.
     EVector q = EVector(6, 8) / EVector(2, 4);
     EXPECT_THAT(q, IsPoint(3, 2));
     for (EVector d : {EVector(2, 0), EVector(0, 2), EVector(0, 0)}) {
         EVector z = EVector(6, 8) / d;
         EXPECT_EQ(std::tuple(z.x, z.y), std::tuple(0, 0)) << d.x << "," << d.y;
     }
-}
 
-TEST(EVectorArithmetic, AltPointCarriesTheMeasurements)
-{
+    // The alternative point carries the measurements.
     EVector v(1, 1);
     std::tie(v.altX, v.altY, v.measureC, v.measureD, v.weight) = std::tuple(10, 20, 42, 99, 5);
     EVector alt = v.altPoint();

@@ -99,7 +99,7 @@ TEST(PerspectiveTransform, AdjointUndoesTheMapWithoutNormalising)
     EXPECT_NEAR(t.Filter(EVector(0.5, 0.25)).x, direct.x, 1e-9);
 }
 
-TEST(PerspectiveTransform, ConcatenateActsAfterAndPreConcatenateBefore)
+TEST(PerspectiveTransform, ElementaryTransformsAndTheirOrder)
 {
     PerspectiveTransform after;
     after.scale(2, 2);
@@ -111,10 +111,7 @@ TEST(PerspectiveTransform, ConcatenateActsAfterAndPreConcatenateBefore)
     shift.setToTranslation(1, 0);
     before.preConcatenate(shift);
     EXPECT_THAT(before.Filter(EVector(1, 1)), IsPoint(4, 2));
-}
 
-TEST(PerspectiveTransform, ElementaryTransforms)
-{
     PerspectiveTransform t;
     t.rotate(M_PI / 2);
     t.rotate(-M_PI / 2, 2, 2);
@@ -128,12 +125,9 @@ TEST(PerspectiveTransform, ElementaryTransforms)
     EXPECT_DOUBLE_EQ(t.getDeterminant(), 6);
     EXPECT_DOUBLE_EQ(t.Filter(EVector(1, 1)).x, 3);
     EXPECT_TRUE(t.getMatrix().empty());
-}
 
-TEST(PerspectiveTransform, IsIdentityComparesTheDiagonalToM22)
-{
-    PerspectiveTransform t;
-    EXPECT_TRUE(t.isIdentity());
+    // isIdentity compares the diagonal to m22.
+    EXPECT_TRUE(PerspectiveTransform().isIdentity());
     t.setTransform({{2, 0, 0}, {0, 2, 0}, {0, 0, 2}});
     EXPECT_TRUE(t.isIdentity());
     t.setTransform({{2, 0, 0}, {0, 1, 0}, {0, 0, 1}});

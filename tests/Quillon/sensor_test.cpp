@@ -211,7 +211,7 @@ TEST_F(SensorControl, ShortRegisterLineEndsTheRunWithItsPlace)
     EXPECT_NO_THROW(none.init());
 }
 
-TEST(SensorDevice, DevicePluggedInLaterIsCountedAndStillConnects)
+TEST(SensorDevice, OnlyOurDeviceIsCountedEvenWhenPluggedInLater)
 {
     const std::string conf = tempFile("late.conf", "<VPD>\n1209 7e1a VeloraSensor\n</VPD>\n");
     cyusb_close(); // the layer's table outlives every Sensor
@@ -224,11 +224,8 @@ TEST(SensorDevice, DevicePluggedInLaterIsCountedAndStillConnects)
     EXPECT_EQ(cyusb_gethandle(0), nullptr);
     EXPECT_EQ(s.connect(0), 1);
     EXPECT_NE(s.handle, nullptr);
-}
 
-TEST(SensorDevice, OtherDevicesAreNotCounted)
-{
-    const std::string conf = tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n");
-    Sensor s(conf.c_str(), "/nonexistent");
-    EXPECT_EQ(s.getSensorCount(), 0);
+    // Other devices are not counted.
+    Sensor other(tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n").c_str(), "/nonexistent");
+    EXPECT_EQ(other.getSensorCount(), 0);
 }
