@@ -20,6 +20,9 @@
 
 #include <atomic>
 #include <fstream>
+#include <functional>
+#include <mutex>
+#include <tuple>
 
 namespace {
 

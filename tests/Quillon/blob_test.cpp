@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <tuple>
+#include <vector>
+
 namespace {
 
 // Blobs of a test, freed with it: lists never delete what they hold.

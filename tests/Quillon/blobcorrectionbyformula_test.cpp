@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 TEST(BlobCorrectionByFormula, ZoomScalesAboutTheCentreAndKeepsThePayload)
 {

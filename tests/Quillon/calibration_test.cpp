@@ -16,6 +16,9 @@
 #include <cmath>
 #include <csignal>
 #include <fstream>
+#include <memory>
+#include <sstream>
+#include <tuple>
 
 namespace {
 

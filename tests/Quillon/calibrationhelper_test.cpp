@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 using Cols = CalibrationHelper::Cols;
 
 namespace {

@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <random>
+#include <tuple>
 
 namespace {
 

@@ -7,6 +7,8 @@
 
 #include <fcntl.h>
 #include <fstream>
+#include <string>
+#include <tuple>
 
 namespace {
 

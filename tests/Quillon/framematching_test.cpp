@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <numeric>
 #include <random>
+#include <tuple>
 
 namespace {
 

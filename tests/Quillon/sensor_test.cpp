@@ -10,6 +10,9 @@
 #include <QDir>
 
 #include <fstream>
+#include <memory>
+#include <string>
+#include <tuple>
 
 namespace {
 

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <tuple>
+
 namespace {
 
 // Sensor 0..800 x 0..500 onto a 1600 x 1000 screen, a plain doubling.

@@ -10,6 +10,8 @@
 #include <QCoreApplication>
 
 #include <cmath>
+#include <string>
+#include <tuple>
 
 namespace {
 
