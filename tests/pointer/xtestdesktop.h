@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +23,11 @@ public:
         unsigned int number;
         int x;
         int y;
+        bool operator==(const Button&) const = default;
+        friend std::ostream& operator<<(std::ostream& os, const Button& b)
+        {
+            return os << (b.press ? "press " : "release ") << b.number << " at " << b.x << "," << b.y;
+        }
     };
 
     Display* dpy = nullptr;
@@ -101,12 +107,8 @@ public:
     {
         std::vector<Button> out;
         XSync(dpy, False);
-        while (XPending(dpy) > 0) {
-            XEvent e;
-            XNextEvent(dpy, &e);
-            if (e.type == ButtonPress || e.type == ButtonRelease)
-                out.push_back({e.type == ButtonPress, e.xbutton.button, e.xbutton.x_root, e.xbutton.y_root});
-        }
+        for (Button b; (b = nextButton(0)).number != 0;)
+            out.push_back(b);
         return out;
     }
 
@@ -149,3 +151,11 @@ inline XTestDesktop* startSuiteDesktop()
         ADD_FAILURE() << "X server: " << desk->failure;
     return desk;
 }
+
+// The tests of a suite on one such desktop.
+template <typename Base = ::testing::Test> class OnSuiteDesktop : public Base {
+protected:
+    static inline XTestDesktop* desk = nullptr;
+    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
+    static void TearDownTestSuite() { delete desk, desk = nullptr; }
+};
