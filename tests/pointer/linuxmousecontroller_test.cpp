@@ -82,14 +82,10 @@ TEST_F(MouseOnDesktop, TheMouseMovesToWholePixelsAndPressesEachButton)
     mouse->Move(210.9, 160.2);
     EXPECT_EQ(desk->pointerAt(210, 160), Pos(210, 160));
 
-    mouse->LeftPress();
-    mouse->LeftRelease();
-    mouse->MiddlePress();
-    mouse->MiddleRelease();
-    mouse->RightPress();
-    mouse->RightRelease();
-    mouse->WheelUp();
-    mouse->WheelDown();
+    for (auto call : {&LinuxMouse::LeftPress, &LinuxMouse::LeftRelease, &LinuxMouse::MiddlePress,
+                      &LinuxMouse::MiddleRelease, &LinuxMouse::RightPress, &LinuxMouse::RightRelease,
+                      &LinuxMouse::WheelUp, &LinuxMouse::WheelDown})
+        (mouse->*call)();
     std::vector<B> want;
     for (unsigned number : {1u, 2u, 3u, 4u, 5u})
         want = want + click(number, 210, 160);

@@ -80,7 +80,7 @@ public:
 
     // The next button event on the window, waiting up to the time-out; number 0 when none came.
     // idle is called while waiting, for example to run the Qt event loop.
-    template <typename Idle> Button nextButton(Idle idle, int timeoutMs = 10000)
+    template <typename Idle = void (*)()> Button nextButton(Idle idle = [] {}, int timeoutMs = 10000)
     {
         const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         for (;;) {
@@ -97,17 +97,13 @@ public:
             poll(&p, 1, 5);
         }
     }
-    Button nextButton(int timeoutMs = 10000)
-    {
-        return nextButton([] {}, timeoutMs);
-    }
 
     // Every button event that has arrived by now, without waiting.
     std::vector<Button> pendingButtons()
     {
         std::vector<Button> out;
         XSync(dpy, False);
-        for (Button b; (b = nextButton(0)).number != 0;)
+        for (Button b; (b = nextButton([] {}, 0)).number != 0;)
             out.push_back(b);
         return out;
     }
