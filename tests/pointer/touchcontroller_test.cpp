@@ -42,6 +42,22 @@ protected:
     void move(double x, double y, int id) { tc->handleMove(EVector(x, y), id); }
     void up(double x, double y, int id) { tc->handleUp(EVector(x, y), id); }
     void tap(double x, double y, int id) { down(x, y, id), up(x, y, id); }
+
+    // A down ('d'), move ('m') or up ('u'), and every event the device gets for it.
+    struct Step {
+        char kind;
+        double x, y;
+        int id;
+        std::vector<Ev> events = {};
+    };
+    void run(const std::vector<Step>& steps)
+    {
+        for (const Step& s : steps) {
+            auto step = s.kind == 'd' ? &TouchGestures::down : s.kind == 'm' ? &TouchGestures::move : &TouchGestures::up;
+            (this->*step)(s.x, s.y, s.id);
+            EXPECT_EQ(pipe.events(), s.events) << s.kind << " " << s.x << "," << s.y << " #" << s.id;
+        }
+    }
 };
 
 } // namespace
@@ -49,68 +65,41 @@ protected:
 TEST_F(TouchGestures, APressIsReleasedOnlyBeyondTheToleranceAndReplayedFromItsStart)
 {
     MessageLog log;
-    down(1000, 1000, 3);
-    move(1003, 1000, 3);
-    move(1000, 1005, 3);
-    EXPECT_TRUE(pipe.events().empty()) << "exactly the tolerance stays undecided";
-
-    move(1005.01, 1000, 3);
-    EXPECT_EQ(pipe.events(), contact(0, 3, 1000, 1000) + contact(0, 3, 1003, 1000) + contact(0, 3, 1000, 1005)
-                                 + contact(0, 3, 1005, 1000) + contact(0, 3, 1005, 1000));
+    // Exactly the tolerance stays undecided.
+    run({{'d', 1000, 1000, 3}, {'m', 1003, 1000, 3}, {'m', 1000, 1005, 3},
+         {'m', 1005.01, 1000, 3,
+          contact(0, 3, 1000, 1000) + contact(0, 3, 1003, 1000) + contact(0, 3, 1000, 1005) + contact(0, 3, 1005, 1000)
+              + contact(0, 3, 1005, 1000)}});
     EXPECT_EQ(log.count("stop right click timer isMoving: false isRightDown: false isPressed: true len: 5.01"), 1);
-
-    move(1100, 1020, 3);
-    EXPECT_EQ(pipe.events(), contact(0, 3, 1100, 1020)) << "a released contact passes straight through";
-    up(1100, 1020, 3);
-    EXPECT_EQ(pipe.events(), lift(0));
+    // A released contact passes straight through.
+    run({{'m', 1100, 1020, 3, contact(0, 3, 1100, 1020)}, {'u', 1100, 1020, 3, lift(0)}});
 }
 
 TEST_F(TouchGestures, AnUndecidedStrokeIsReplayedAtItsLiftWithEveryPoint)
 {
     MessageLog log;
-    tap(100, 200, 70000);
-    EXPECT_EQ(pipe.events(), contact(0, 4464, 100, 200) + lift(0)) << "a tap as down then up";
-    down(500, 500, 4);
-    move(501, 500, 4);
-    move(502, 501, 4);
-    EXPECT_TRUE(pipe.events().empty()) << "a press is held back";
-    up(503, 501, 4);
-    EXPECT_EQ(pipe.events(), contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0));
+    // A tap is held back to its lift, then goes out as down and up, its id in 16 bits.
+    run({{'d', 100, 200, 70000}, {'u', 100, 200, 70000, contact(0, 4464, 100, 200) + lift(0)}});
+    run({{'d', 500, 500, 4}, {'m', 501, 500, 4}, {'m', 502, 501, 4},
+         {'u', 503, 501, 4, contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0)}});
     EXPECT_EQ(log.count("flushing in handle up "), 2);
     EXPECT_FALSE(tc->isPressed);
     EXPECT_TRUE(tc->slotsById.empty());
-
-    // A stroke whose down was never seen (it began off the screen) comes out whole as well.
-    move(10, 10, 9);
-    move(20, 10, 9);
-    EXPECT_TRUE(pipe.events().empty());
-    up(30, 10, 9);
-    EXPECT_EQ(pipe.events(), contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0));
-    up(30, 10, 9);
-    EXPECT_TRUE(pipe.events().empty()) << "an up without a contact sends nothing";
+    // A stroke whose down was never seen (it began off the screen) comes out whole as well;
+    // an up without a contact sends nothing.
+    run({{'m', 10, 10, 9}, {'m', 20, 10, 9}, {'u', 30, 10, 9, contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0)},
+         {'u', 30, 10, 9}});
 }
 
 TEST_F(TouchGestures, ASecondFingerGoesOutAtOnceAheadOfTheFirstFingersReplay)
 {
-    down(1000, 1000, 1);
-    move(1001, 1000, 1);
-    down(5000, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5000, 5000));
+    run({{'d', 1000, 1000, 1}, {'m', 1001, 1000, 1}, {'d', 5000, 5000, 2, contact(0, 2, 5000, 5000)}});
     EXPECT_TRUE(tc->isMoving);
-
-    move(1002, 1000, 1);
-    EXPECT_EQ(pipe.events(), contact(1, 1, 1000, 1000) + contact(1, 1, 1001, 1000) + contact(1, 1, 1002, 1000));
-    move(5010, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5010, 5000));
-
+    run({{'m', 1002, 1000, 1, contact(1, 1, 1000, 1000) + contact(1, 1, 1001, 1000) + contact(1, 1, 1002, 1000)},
+         {'m', 5010, 5000, 2, contact(0, 2, 5010, 5000)}, {'u', 1002, 1000, 1, lift(1)}});
     // Any finger's lift ends the press; the other finger goes on live.
-    up(1002, 1000, 1);
-    EXPECT_EQ(pipe.events(), lift(1));
     EXPECT_FALSE(tc->isPressed);
-    move(5020, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5020, 5000));
-    up(5020, 5000, 2);
-    EXPECT_EQ(pipe.events(), lift(0));
+    run({{'m', 5020, 5000, 2, contact(0, 2, 5020, 5000)}, {'u', 5020, 5000, 2, lift(0)}});
 }
 
 TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
@@ -118,16 +107,11 @@ TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
     down(1000, 1000, 1);
     move(1100, 1000, 1);
     pipe.events();
-
     tc->reset();
     tc->reset();
     EXPECT_TRUE(pipe.events().empty());
     // The press is still on, so the next finger is a second one, and slot 0 is free again.
-    down(3000, 3000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 3000, 3000));
-    up(1100, 1000, 1);
-    up(3000, 3000, 2);
-    EXPECT_EQ(pipe.events(), lift(0) + lift(0));
+    run({{'d', 3000, 3000, 2, contact(0, 2, 3000, 3000)}, {'u', 1100, 1000, 1, lift(0)}, {'u', 3000, 3000, 2, lift(0)}});
 }
 
 TEST_F(TouchGestures, PositionsScaleOverTheDesktopAndWrapBeyondIt)
