@@ -63,6 +63,23 @@ protected:
         *out += QString::fromLocal8Bit(process.readAllStandardOutput());
         return out->contains(text);
     }
+    // Runs the program to its end, which must be an exit, not a crash or an abort; its error output.
+    QString runToExit(const QStringList& args = {"-v"})
+    {
+        start(args);
+        EXPECT_TRUE(process.waitForFinished(15000));
+        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+        return QString::fromLocal8Bit(process.readAllStandardError());
+    }
+    // Adds a line at the end of a file of config/; the number of that line.
+    int appendTo(const QString& name, const QByteArray& line)
+    {
+        QFile file(dir.filePath("config/" + name));
+        EXPECT_TRUE(file.open(QIODevice::ReadWrite));
+        const int lines = int(file.readAll().count('\n'));
+        file.write(line);
+        return lines + 1;
+    }
     // Collects the program's output for a while; QProcess reads only while somebody waits on it.
     void collectFor(QString* out, int ms)
     {
@@ -79,10 +96,8 @@ protected:
 
 TEST_F(Program, WithoutTheMenuAndWithoutVerboseItSaysSoAndEndsCleanly)
 {
-    start({});
-    ASSERT_TRUE(process.waitForFinished(15000));
+    runToExit({});
     const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(process.exitCode(), 0);
     EXPECT_TRUE(out.contains("velora-menu is not running. Run with -v flag or run with velora-menu.")) << qPrintable(out);
     // date time: Type: text (file:line, function)
@@ -94,8 +109,7 @@ TEST_F(Program, WithoutTheMenuAndWithoutVerboseItSaysSoAndEndsCleanly)
 
 TEST_F(Program, VerboseFlagCountsOnlyInFirstPlace)
 {
-    start({"--other", "-v"});
-    ASSERT_TRUE(process.waitForFinished(15000));
+    runToExit({"--other", "-v"});
     EXPECT_EQ(process.exitCode(), 0);
     EXPECT_TRUE(QString::fromLocal8Bit(process.readAllStandardOutput()).contains("velora-menu is not running"));
 
@@ -121,7 +135,6 @@ TEST_F(Program, WaitsForTheDeviceWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes
 
     menu.release();
     ASSERT_TRUE(process.waitForFinished(5000));
-    out += QString::fromLocal8Bit(process.readAllStandardOutput());
     EXPECT_EQ(process.exitCode(), 0) << process.readAllStandardError().constData();
 }
 
@@ -137,41 +150,19 @@ TEST_F(Program, ABlankSettingEndsTheProgramNamingFileAndLine)
     file.write(lines.join('\n'));
     file.close();
 
-    start({"-v"});
-    ASSERT_TRUE(process.waitForFinished(15000));
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    const QString err = runToExit();
     EXPECT_NE(process.exitCode(), 0);
-    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
     EXPECT_TRUE(err.contains(conf + ":6:")) << qPrintable(err);
 }
-
-namespace {
-
-void appendLine(const QString& path, const QByteArray& line)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::Append));
-    file.write(line);
-}
-
-} // namespace
 
 // The device list is read while the program waits for the camera, after the settings:
 // a bad key still ends it once, with status 1, naming the file and line.
 TEST_F(Program, AnUnknownKeyInTheDeviceListEndsTheProgramWithStatusOne)
 {
-    QFile file(dir.filePath("config/cyusb.conf"));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const int lines = file.readAll().count('\n');
-    file.close();
-    appendLine(file.fileName(), "Devices 3\n");
-
-    start({"-v"});
-    ASSERT_TRUE(process.waitForFinished(15000));
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    const int line = appendTo("cyusb.conf", "Devices 3\n");
+    const QString err = runToExit();
     EXPECT_EQ(process.exitCode(), 1);
-    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
-    EXPECT_TRUE(err.contains(QString("config/cyusb.conf:%1:").arg(lines + 1))) << qPrintable(err);
+    EXPECT_TRUE(err.contains(QString("config/cyusb.conf:%1:").arg(line))) << qPrintable(err);
     EXPECT_TRUE(err.contains("Devices")) << qPrintable(err);
 }
 
@@ -179,12 +170,7 @@ TEST_F(Program, AnUnknownKeyInTheDeviceListEndsTheProgramWithStatusOne)
 // the settings: a register line without a value ends the program the same way.
 TEST_F(Program, ARegisterLineWithoutValueEndsTheProgramOnceTheSensorStarts)
 {
-    QFile file(dir.filePath("config/sensor.conf"));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const int lines = file.readAll().count('\n');
-    file.close();
-    appendLine(file.fileName(), "REG= 000B\n");
-
+    const int line = appendTo("sensor.conf", "REG= 000B\n");
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     const QString emulator = QFileInfo(VELORA_BINARY).dir().filePath("libvelora_sensor_emulator.so");
     ASSERT_TRUE(QFile::exists(emulator));
@@ -194,12 +180,9 @@ TEST_F(Program, ARegisterLineWithoutValueEndsTheProgramOnceTheSensorStarts)
     env.remove("VELORA_EMU_SCENE");
     process.setProcessEnvironment(env);
 
-    start({"-v"});
-    ASSERT_TRUE(process.waitForFinished(15000));
+    const QString err = runToExit();
     const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
     EXPECT_EQ(process.exitCode(), 1);
     EXPECT_TRUE(out.contains("Sensor connect done")) << "the sensor was reached first\n" << qPrintable(out);
-    const QString err = QString::fromLocal8Bit(process.readAllStandardError());
-    EXPECT_TRUE(err.contains(QString("config/sensor.conf:%1:").arg(lines + 1))) << qPrintable(err);
+    EXPECT_TRUE(err.contains(QString("config/sensor.conf:%1:").arg(line))) << qPrintable(err);
 }

@@ -110,8 +110,7 @@ protected:
         facade.addBlobListener(&second);
         facade.setProcessing(true);
         // The first frame is always kept for getImage(); after it frames are searched.
-        Frame empty;
-        ImageCallback(&facade, empty.data());
+        feed();
         ASSERT_NE(facade.image.load(), nullptr);
         ASSERT_EQ(facade.searched, 0);
     }
@@ -120,6 +119,7 @@ protected:
         delete facade.pointerController;
         delete[] facade.image.exchange(nullptr);
     }
+    void feed(Frame f = {}) { ImageCallback(&facade, f.data()); }
     std::vector<std::string> take()
     {
         std::lock_guard<std::mutex> hold(lock);
@@ -131,9 +131,7 @@ protected:
 
 TEST_F(FrameDispatch, SingleCallsComeBeforeListsAndInsideBeforeOutside)
 {
-    Frame f;
-    f.spot(10, 10).spot(400, 5, true).spot(20, 30);
-    ImageCallback(&facade, f.data());
+    feed(Frame().spot(10, 10).spot(400, 5, true).spot(20, 30));
     const std::vector<std::string> expected{
         "A blob 10,10 of 2", "B blob 10,10 of 2", "A blob 20,30 of 2", "B blob 20,30 of 2",
         "A list 2", "B list 2",
@@ -146,14 +144,11 @@ TEST_F(FrameDispatch, SingleCallsComeBeforeListsAndInsideBeforeOutside)
 
 TEST_F(FrameDispatch, FramesWithoutABlobOnTheScreenResetThePointerOutput)
 {
-    Frame empty;
-    ImageCallback(&facade, empty.data());
+    feed();
     EXPECT_TRUE(take().empty()) << "no listener hears an empty frame";
     EXPECT_EQ(output->resets, 1);
 
-    Frame outsideOnly;
-    outsideOnly.spot(3, 3, true);
-    ImageCallback(&facade, outsideOnly.data());
+    feed(Frame().spot(3, 3, true));
     EXPECT_EQ(take(), (std::vector<std::string>{"A outside 3,3 of 1", "B outside 3,3 of 1",
                                                 "A outsideList 1", "B outsideList 1"}));
     EXPECT_EQ(output->resets, 2);
@@ -162,30 +157,25 @@ TEST_F(FrameDispatch, FramesWithoutABlobOnTheScreenResetThePointerOutput)
 TEST_F(FrameDispatch, PausedFindsBlobsButTellsNobody)
 {
     facade.paused = true;
-    Frame f;
-    f.spot(50, 50);
-    ImageCallback(&facade, f.data());
+    feed(Frame().spot(50, 50));
     EXPECT_EQ(facade.searched, 1);
     EXPECT_TRUE(take().empty());
     EXPECT_EQ(output->resets, 0) << "a blob on the screen while paused resets nothing";
 
-    Frame empty;
-    ImageCallback(&facade, empty.data());
+    feed();
     EXPECT_EQ(output->resets, 1) << "the reset on an empty frame holds while paused";
 }
 
 TEST_F(FrameDispatch, NotProcessingSearchesNothingButStillServesPictures)
 {
     facade.setProcessing(false);
-    Frame f;
-    f.spot(50, 50);
-    ImageCallback(&facade, f.data());
+    feed(Frame().spot(50, 50));
     EXPECT_EQ(facade.searched, 0);
     EXPECT_EQ(output->resets, 0);
     EXPECT_TRUE(take().empty());
 
     delete[] facade.image.exchange(nullptr);
-    ImageCallback(&facade, f.data());
+    feed(Frame().spot(50, 50));
     ASSERT_NE(facade.image.load(), nullptr);
     EXPECT_EQ(facade.image.load()[50 * GS::instance()->sensorWidth + 50], 220);
 }
@@ -212,9 +202,7 @@ TEST_F(FrameDispatch, ListenersAreUniqueInOrderAndMayChangeTheListDuringACall)
     facade.removeBlobListener(&second);
     facade.addBlobListener(&leaver);
     facade.addBlobListener(&second);
-    Frame f;
-    f.spot(7, 7);
-    ImageCallback(&facade, f.data());
+    feed(Frame().spot(7, 7));
     EXPECT_EQ(take(), (std::vector<std::string>{"L blob 7,7 of 1", "B list 1"}))
         << "B moved into L's place during L's call and missed the blob call";
     EXPECT_EQ(facade.blobListeners().size(), 1u);
@@ -222,10 +210,8 @@ TEST_F(FrameDispatch, ListenersAreUniqueInOrderAndMayChangeTheListDuringACall)
 
 TEST_F(FrameDispatch, EveryBlobOfAFrameIsFreedAfterTheListeners)
 {
-    Frame f;
-    f.spot(1, 1).spot(2, 2, true);
     for (int i = 0; i < 50; ++i)
-        ImageCallback(&facade, f.data());
+        feed(Frame().spot(1, 1).spot(2, 2, true));
     EXPECT_EQ(facade.made, 100);
     // LeakSanitizer, in the sanitizer build, tells whether all of them were deleted.
 }

@@ -1,8 +1,12 @@
+// The helpers around the service's process: files, autostart, the annotation toolbar, the
+// updater's and the menu's shared memory, and the worker thread.
 #include "filehelper.h"
 #include "globalsettings.h"
 #include "oshelper.h"
+#include "runguard.h"
 #include "slateworksdkhelper.h"
 #include "updaterstatelistener.h"
+#include "workerthread.h"
 
 #include <gtest/gtest.h>
 
@@ -32,10 +36,29 @@ bool waitFor(const std::function<bool()>& done, int ms = 8000)
     t.start();
     while (!done() && t.elapsed() < ms) {
         QCoreApplication::processEvents();
-        QThread::msleep(10);
+        QThread::msleep(5);
     }
     return done();
 }
+
+QString uniqueKey(const char* prefix)
+{
+    return prefix + QUuid::createUuid().toString(QUuid::WithoutBraces);
+}
+
+// Receives the worker's call and notes on which thread it ran.
+class Target : public QObject {
+    Q_OBJECT
+public:
+    std::atomic<int> calls{0};
+    std::atomic<Qt::HANDLE> thread{nullptr};
+public slots:
+    void work()
+    {
+        thread = QThread::currentThreadId();
+        ++calls;
+    }
+};
 
 } // namespace
 
@@ -103,7 +126,7 @@ TEST(SlateworkHelper, DoesNothingWithoutItsPrograms)
 
 TEST(UpdaterStateListener, SignalsAnUpdateAndStopsWhenTheUpdaterLetsGo)
 {
-    const QString key = "velora-updater-test-" + QUuid::createUuid().toString(QUuid::WithoutBraces);
+    const QString key = uniqueKey("velora-updater-test-");
     QSharedMemory updater(key);
     ASSERT_TRUE(updater.create(8));
     auto setWord = [&](int32_t w) {
@@ -127,3 +150,38 @@ TEST(UpdaterStateListener, SignalsAnUpdateAndStopsWhenTheUpdaterLetsGo)
     QThread::msleep(1500);
     EXPECT_EQ(updates, seen) << "after -1 the listener no longer looks";
 }
+
+TEST(RunGuard, TheHolderSeesNobodyElseAndOthersSeeTheHolder)
+{
+    const QString key = uniqueKey("velora-test-");
+    RunGuard holder(key);
+    EXPECT_FALSE(holder.isAnotherRunning());
+    ASSERT_TRUE(holder.tryToRun());
+    EXPECT_FALSE(holder.isAnotherRunning()) << "the holder itself reports false";
+
+    RunGuard asker(key);
+    EXPECT_TRUE(asker.isAnotherRunning());
+    EXPECT_FALSE(asker.tryToRun()) << "only one may hold the key";
+
+    holder.release();
+    EXPECT_FALSE(asker.isAnotherRunning());
+    EXPECT_TRUE(asker.tryToRun());
+}
+
+// Another program finds the guard by this key: it must not change.
+TEST(RunGuard, KeysAreTheSha1OfKeyAndSuffix)
+{
+    EXPECT_EQ(RunGuard::generateKeyHash("velora", "_sharedmemKey"), "d121ce5f86c03e0793bb4a8051b00599df4f2a27");
+}
+
+TEST(WorkerThread, RunsTheNamedSlotOnceOnAThreadOfItsOwn)
+{
+    Target target;
+    WorkerThread::doWork(&target, SLOT(work()), 7);
+    ASSERT_TRUE(waitFor([&] { return target.calls == 1; }, 5000));
+    EXPECT_NE(target.thread.load(), QThread::currentThreadId());
+    QThread::msleep(50);
+    EXPECT_EQ(target.calls, 1);
+}
+
+#include "oshelpers_test.moc"

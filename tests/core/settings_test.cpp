@@ -1,6 +1,7 @@
 #include "configfileerror.h"
 #include "globalsettings.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -9,14 +10,18 @@
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <climits>
 #include <fstream>
-#include <limits>
 #include <memory>
-#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
+
+using ::testing::DoubleEq;
+using ::testing::FieldsAre;
+using ::testing::StrEq;
 
 std::vector<std::string> factoryLines()
 {
@@ -32,24 +37,16 @@ protected:
     QTemporaryDir dir;
     QString path = dir.filePath("velora.conf");
 
-    void write(const std::string& content)
-    {
-        std::ofstream(path.toStdString(), std::ios::binary) << content;
-    }
     void writeLines(const std::vector<std::string>& lines, bool finalLineFeed)
     {
         std::string s;
-        for (size_t i = 0; i < lines.size(); ++i) {
-            s += lines[i];
-            if (i + 1 < lines.size() || finalLineFeed)
-                s += '\n';
-        }
-        write(s);
+        for (const std::string& line : lines)
+            s += line + '\n';
+        if (!finalLineFeed && !s.empty())
+            s.pop_back();
+        std::ofstream(path.toStdString(), std::ios::binary) << s;
     }
-    std::unique_ptr<GS> load()
-    {
-        return std::unique_ptr<GS>(GS::load(path));
-    }
+    std::unique_ptr<GS> load() { return std::unique_ptr<GS>(GS::load(path)); }
 };
 
 } // namespace
@@ -61,29 +58,16 @@ TEST_F(SettingsFile, FactoryFileHas121LinesAndLoadsEveryMember)
     writeLines(lines, true);
     auto gs = load();
     ASSERT_TRUE(gs);
-    EXPECT_EQ(gs->cyusbConfPath, "config/cyusb.conf");
-    EXPECT_EQ(gs->sensorWidth, 752);
-    EXPECT_EQ(gs->sensorHeight, 480);
-    EXPECT_EQ(gs->frameSize, 752 * 480);
-    EXPECT_EQ(gs->stylusThreshold, 230);
-    EXPECT_DOUBLE_EQ(gs->extraCorrectionFactor, 1.0055);
-    EXPECT_STREQ(gs->acConfPath, "config/ac.conf");
-    EXPECT_STREQ(gs->intrinsicPath, "config/intrinsic.xml");
-    EXPECT_STREQ(gs->language, "en");
-    EXPECT_EQ(gs->windowX, 0);
-    EXPECT_EQ(gs->windowWidth, 752);
-    EXPECT_EQ(gs->windowHeight, 480);
-    EXPECT_TRUE(gs->autoWindow);
-    EXPECT_EQ(gs->binningX, 1);
-    EXPECT_EQ(gs->binningY, 1);
-    EXPECT_FALSE(gs->tableTopAc);
-    EXPECT_EQ(gs->regionalBelowCountLevel, -5);
-    EXPECT_DOUBLE_EQ(gs->scanBoxShape2Limit, 2.2);
-    EXPECT_FALSE(gs->scanBoxLargeCheck);
-    EXPECT_DOUBLE_EQ(gs->frameCentre.x, 376);
-    EXPECT_DOUBLE_EQ(gs->frameCentre.y, 240);
-    EXPECT_DOUBLE_EQ(gs->frameCentreDistance, EVector(376, 240).length());
-    EXPECT_DOUBLE_EQ(gs->blankingFactorStylusCopy, gs->blankingFactorStylus);
+    EXPECT_THAT(std::tuple(gs->cyusbConfPath, gs->acConfPath, gs->intrinsicPath, gs->language),
+                FieldsAre("config/cyusb.conf", StrEq("config/ac.conf"), StrEq("config/intrinsic.xml"), StrEq("en")));
+    EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->frameSize, gs->stylusThreshold, gs->windowX,
+                           gs->windowWidth, gs->windowHeight, gs->binningX, gs->binningY, gs->regionalBelowCountLevel),
+                FieldsAre(752, 480, 752 * 480, 230, 0, 752, 480, 1, 1, -5));
+    EXPECT_THAT(std::tuple(gs->autoWindow, gs->tableTopAc, gs->scanBoxLargeCheck), FieldsAre(true, false, false));
+    EXPECT_THAT(std::tuple(gs->extraCorrectionFactor, gs->scanBoxShape2Limit, gs->frameCentre.x, gs->frameCentre.y,
+                           gs->frameCentreDistance, gs->blankingFactorStylusCopy),
+                FieldsAre(DoubleEq(1.0055), DoubleEq(2.2), DoubleEq(376), DoubleEq(240),
+                          DoubleEq(EVector(376, 240).length()), DoubleEq(gs->blankingFactorStylus)));
 }
 
 TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
@@ -103,26 +87,19 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
     writeLines(lines, true);
     auto gs = load();
     ASSERT_TRUE(gs);
-    EXPECT_EQ(gs->sensorWidth, 0) << "the value after the first '=' is ' sign=640'";
-    EXPECT_EQ(gs->sensorHeight, 400);
-    EXPECT_EQ(gs->frameSize, 0);
-    EXPECT_EQ(gs->stylusThreshold, 0);
-    EXPECT_TRUE(gs->unusedLine9);
-    EXPECT_FALSE(gs->acDebug);
-    EXPECT_TRUE(gs->autoWindow);
-    EXPECT_EQ(gs->inputMode, 1);
-    EXPECT_EQ(gs->keepFrames, 0);
+    // The width's value after the first '=' is ' sign=640'.
+    EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->frameSize, gs->stylusThreshold, gs->inputMode.load(),
+                           gs->keepFrames),
+                FieldsAre(0, 400, 0, 0, 1, 0));
+    EXPECT_THAT(std::tuple(gs->unusedLine9, gs->acDebug, gs->autoWindow), FieldsAre(true, false, true));
     EXPECT_DOUBLE_EQ(gs->mcMarginX, 0);
-    EXPECT_STREQ(gs->language, "de");
-    EXPECT_EQ(gs->cyusbConfPath, "my/cyusb.conf");
+    EXPECT_THAT(std::tuple(gs->language, gs->cyusbConfPath), FieldsAre(StrEq("de"), "my/cyusb.conf"));
 
     lines[2] = "width=640";
     lines[49] = "inputMode=0.0";
     writeLines(lines, true);
     gs = load();
-    EXPECT_EQ(gs->sensorWidth, 640);
-    EXPECT_EQ(gs->frameSize, 640 * 400);
-    EXPECT_EQ(gs->inputMode, 0);
+    EXPECT_THAT(std::tuple(gs->sensorWidth, gs->frameSize, gs->inputMode.load()), FieldsAre(640, 640 * 400, 0));
 }
 
 // Numbers beyond an int stop at the ends of its range, as does the frame size made of them.
@@ -135,16 +112,14 @@ TEST_F(SettingsFile, WholeNumbersBeyondTheRangeOfAnIntStopAtItsEnds)
     writeLines(lines, true);
     auto gs = load();
     ASSERT_TRUE(gs);
-    EXPECT_EQ(gs->sensorWidth, std::numeric_limits<int>::max());
-    EXPECT_EQ(gs->sensorHeight, std::numeric_limits<int>::min());
-    EXPECT_EQ(gs->stylusThreshold, 0);
-    EXPECT_EQ(gs->frameSize, std::numeric_limits<int>::min());
+    EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->stylusThreshold, gs->frameSize),
+                FieldsAre(INT_MAX, INT_MIN, 0, INT_MIN));
 
     lines[2] = "width=70000";
     lines[3] = "height=70000";
     writeLines(lines, true);
     gs = load();
-    EXPECT_EQ(gs->frameSize, std::numeric_limits<int>::max());
+    EXPECT_EQ(gs->frameSize, INT_MAX);
 }
 
 TEST_F(SettingsFile, NumbersAreReadInTheCLocaleWhateverTheProcessLocale)
@@ -193,26 +168,21 @@ TEST_F(SettingsFile, PerUserPathsAreMadeUnderDocumentsVelora)
                                                 QStandardPaths::LocateDirectory);
     ASSERT_FALSE(docs.isEmpty()) << "the isolated home has a Documents folder";
     const std::string base = (docs + "Velora/").toStdString();
-    EXPECT_EQ(gs->statusFilePath, base + "pensettings.ini");
-    EXPECT_EQ(gs->stylusCalibrationPath, base + "stylus-velora.ini");
-    EXPECT_EQ(gs->fingerCalibrationPath, base + "finger-velora.ini");
-    EXPECT_EQ(gs->mcCachePath, base + "mcCache");
-    EXPECT_EQ(gs->userSettingsPath, base + "user.ini");
-    EXPECT_EQ(gs->debugDir, base + "debug");
-    EXPECT_EQ(gs->commandFilePath.toStdString(), base + "fifo1");
-    EXPECT_EQ(gs->answerFilePath.toStdString(), base + "refifo");
+    EXPECT_THAT(std::tuple(gs->statusFilePath, gs->stylusCalibrationPath, gs->fingerCalibrationPath, gs->mcCachePath,
+                           gs->userSettingsPath, gs->debugDir, gs->commandFilePath.toStdString(),
+                           gs->answerFilePath.toStdString()),
+                FieldsAre(base + "pensettings.ini", base + "stylus-velora.ini", base + "finger-velora.ini",
+                          base + "mcCache", base + "user.ini", base + "debug", base + "fifo1", base + "refifo"));
 }
 
 TEST_F(SettingsFile, AMissingFileGivesNullAndTheDefaultsStayUnderVarVelora)
 {
     EXPECT_EQ(GS::load(dir.filePath("absent.conf")), nullptr);
     GS defaults;
-    EXPECT_EQ(defaults.userSettingsPath, "/var/velora/user.ini");
+    EXPECT_THAT(std::tuple(defaults.userSettingsPath, defaults.guardKey.toStdString(),
+                           defaults.updaterKey.toStdString(), defaults.frameSize, defaults.boxStride),
+                FieldsAre("/var/velora/user.ini", "velora", "velora-updater", 752 * 480, 4));
     EXPECT_TRUE(defaults.commandFilePath.isEmpty());
-    EXPECT_EQ(defaults.guardKey, "velora");
-    EXPECT_EQ(defaults.updaterKey, "velora-updater");
-    EXPECT_EQ(defaults.frameSize, 752 * 480);
-    EXPECT_EQ(defaults.boxStride, 4);
 }
 
 TEST_F(SettingsFile, ABlankValueIsRejectedWithTheFileAndTheLine)
@@ -257,11 +227,9 @@ TEST(UserSettings, AreWrittenAsElevenBareValuesAndReadBack)
     GS other;
     other.userSettingsPath = gs.userSettingsPath;
     other.loadUserSettings();
-    EXPECT_EQ(other.inputMode, 1);
-    EXPECT_EQ(other.profile, 3);
-    EXPECT_FALSE(other.autostart);
-    EXPECT_EQ(other.pointerMode, 1);
-    EXPECT_EQ(other.performanceLevel, 2);
+    EXPECT_THAT(std::tuple(other.inputMode.load(), other.profile, other.autostart, other.pointerMode.load(),
+                           other.performanceLevel),
+                FieldsAre(1, 3, false, 1, 2));
     EXPECT_DOUBLE_EQ(other.offsetC, -3.5);
     EXPECT_DOUBLE_EQ(other.offsetBottom, 1.5);
 }
@@ -275,9 +243,7 @@ TEST(UserSettings, UnparsableLinesGiveZeroAndTheUserFileWinsOverTheFactoryMode)
     gs.inputMode = 1; // as if line 49 of the factory file said stylus
     gs.userSettingsPath = path.toStdString();
     gs.loadUserSettings();
-    EXPECT_EQ(gs.inputMode, 0);
-    EXPECT_EQ(gs.profile, 0);
-    EXPECT_TRUE(gs.autostart);
+    EXPECT_THAT(std::tuple(gs.inputMode.load(), gs.profile, gs.autostart), FieldsAre(0, 0, true));
 }
 
 TEST(UserSettings, AMissingFileLowersThePerformanceLevelOnSmallMachinesOnly)
@@ -301,6 +267,5 @@ TEST(SettingsSingleton, ReadsTheFactoryFileBesideTheProgramAndTracksTheScreen)
     EXPECT_EQ(gs->sensorWidth, 752);
     EXPECT_FALSE(gs->commandFilePath.isEmpty()) << "paths exist only when the file was found";
     gs->onResolutionChanged(1280, 800);
-    EXPECT_EQ(gs->screenWidth, 1280);
-    EXPECT_EQ(gs->screenHeight, 800);
+    EXPECT_THAT(std::tuple(gs->screenWidth.load(), gs->screenHeight.load()), FieldsAre(1280, 800));
 }

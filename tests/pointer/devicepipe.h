@@ -56,6 +56,12 @@ public:
         // Bytes written to the device by the time of the call.
         int written = 0;
         std::string path = {};
+        bool operator==(const Call&) const = default;
+        friend std::ostream& operator<<(std::ostream& os, const Call& c)
+        {
+            return os << "{" << c.kind << "," << c.request << "," << c.value << "," << c.fd << "," << c.written << ","
+                      << c.path << "}";
+        }
     };
 
     std::vector<Call> calls;

@@ -6,10 +6,13 @@
 #include <QCoreApplication>
 #include <QTest>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 // Xlib's macros clash with Qt's names: last.
 #include "xtestdesktop.h"
@@ -17,18 +20,22 @@
 namespace {
 
 using Pos = std::pair<int, int>;
+using B = XTestDesktop::Button;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
-class MouseOnDesktop : public ::testing::Test {
+// A press and its release at one place.
+std::vector<B> click(unsigned number, int x, int y) { return {{true, number, x, y}, {false, number, x, y}}; }
+std::vector<B> operator+(std::vector<B> a, const std::vector<B>& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+class MouseOnDesktop : public OnSuiteDesktop<> {
 protected:
-    static XTestDesktop* desk;
     std::unique_ptr<LinuxMouseController> mc;
 
-    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
-    static void TearDownTestSuite()
-    {
-        delete desk;
-        desk = nullptr;
-    }
     void SetUp() override
     {
         ASSERT_NE(desk->dpy, nullptr);
@@ -45,9 +52,18 @@ protected:
     void down(double x, double y) { mc->handleDown(EVector(x, y), 1); }
     void move(double x, double y) { mc->handleMove(EVector(x, y), 1); }
     void up(double x, double y) { mc->handleUp(EVector(x, y), 1); }
+    void tap(double x, double y) { down(x, y), up(x, y); }
 
+    // The next n button events; runLoop runs the event loop while waiting, for the right click.
+    std::vector<B> next(int n, bool runLoop = false)
+    {
+        std::vector<B> out;
+        while (n-- > 0)
+            out.push_back(runLoop ? desk->nextButton([] { QCoreApplication::processEvents(); }) : desk->nextButton());
+        return out;
+    }
     // Waits until the server has done everything sent so far, by a move to a known place.
-    std::vector<XTestDesktop::Button> buttonsSoFar()
+    std::vector<B> buttonsSoFar()
     {
         // Alternating, so that the marker is always a real move.
         static int marker = 0;
@@ -56,15 +72,7 @@ protected:
         desk->pointerAt(marker, 1);
         return desk->pendingButtons();
     }
-    static void expectButton(const XTestDesktop::Button& b, bool press, unsigned number, Pos at)
-    {
-        EXPECT_EQ(b.press, press);
-        EXPECT_EQ(b.number, number);
-        EXPECT_EQ(Pos(b.x, b.y), at);
-    }
 };
-
-XTestDesktop* MouseOnDesktop::desk = nullptr;
 
 } // namespace
 
@@ -74,18 +82,14 @@ TEST_F(MouseOnDesktop, TheMouseMovesToWholePixelsAndPressesEachButton)
     mouse->Move(210.9, 160.2);
     EXPECT_EQ(desk->pointerAt(210, 160), Pos(210, 160));
 
-    mouse->LeftPress();
-    mouse->LeftRelease();
-    mouse->MiddlePress();
-    mouse->MiddleRelease();
-    mouse->RightPress();
-    mouse->RightRelease();
-    mouse->WheelUp();
-    mouse->WheelDown();
-    for (unsigned number : {1u, 2u, 3u, 4u, 5u}) {
-        expectButton(desk->nextButton(), true, number, {210, 160});
-        expectButton(desk->nextButton(), false, number, {210, 160});
-    }
+    for (auto call : {&LinuxMouse::LeftPress, &LinuxMouse::LeftRelease, &LinuxMouse::MiddlePress,
+                      &LinuxMouse::MiddleRelease, &LinuxMouse::RightPress, &LinuxMouse::RightRelease,
+                      &LinuxMouse::WheelUp, &LinuxMouse::WheelDown})
+        (mouse->*call)();
+    std::vector<B> want;
+    for (unsigned number : {1u, 2u, 3u, 4u, 5u})
+        want = want + click(number, 210, 160);
+    EXPECT_EQ(next(10), want);
 }
 
 TEST_F(MouseOnDesktop, ATapFollowsWithoutAButtonAndClicksAtTheLift)
@@ -94,11 +98,10 @@ TEST_F(MouseOnDesktop, ATapFollowsWithoutAButtonAndClicksAtTheLift)
     down(200, 150);
     move(203, 152);
     EXPECT_EQ(desk->pointerAt(203, 152), Pos(203, 152)) << "the pointer follows at once";
-    EXPECT_TRUE(desk->pendingButtons().empty()) << "no button before the meaning is known";
+    EXPECT_THAT(desk->pendingButtons(), IsEmpty()) << "no button before the meaning is known";
 
     up(204, 152);
-    expectButton(desk->nextButton(), true, 1, {200, 150});
-    expectButton(desk->nextButton(), false, 1, {204, 152});
+    EXPECT_THAT(next(2), ElementsAre(B{true, 1, 200, 150}, B{false, 1, 204, 152}));
     EXPECT_TRUE(mc->path.empty());
 }
 
@@ -109,10 +112,10 @@ TEST_F(MouseOnDesktop, ADragPressesOnceBeyondTheDiagonalToleranceAndReleasesAtTh
     down(300, 300);
     move(307, 300);
     EXPECT_EQ(desk->pointerAt(307, 300), Pos(307, 300));
-    EXPECT_TRUE(desk->pendingButtons().empty()) << "exactly the tolerance stays undecided";
+    EXPECT_THAT(desk->pendingButtons(), IsEmpty()) << "exactly the tolerance stays undecided";
 
     move(300, 307.01);
-    expectButton(desk->nextButton(), true, 1, {300, 300});
+    EXPECT_THAT(next(1), ElementsAre(B{true, 1, 300, 300}));
     unsigned int mask = 0;
     EXPECT_EQ(desk->pointerAt(300, 307, &mask), Pos(300, 307)) << "the path is walked again";
     EXPECT_TRUE(mask & Button1Mask);
@@ -121,8 +124,8 @@ TEST_F(MouseOnDesktop, ADragPressesOnceBeyondTheDiagonalToleranceAndReleasesAtTh
     EXPECT_EQ(desk->pointerAt(350, 320, &mask), Pos(350, 320));
     EXPECT_TRUE(mask & Button1Mask) << "the button stays down while dragging";
     up(360, 330);
-    expectButton(desk->nextButton(), false, 1, {360, 330});
-    EXPECT_TRUE(buttonsSoFar().empty()) << "one press, one release";
+    EXPECT_THAT(next(1), ElementsAre(B{false, 1, 360, 330}));
+    EXPECT_THAT(buttonsSoFar(), IsEmpty()) << "one press, one release";
 }
 
 TEST_F(MouseOnDesktop, AStillPressBecomesARightClickAtTheMovedPositionAndNothingFollows)
@@ -132,13 +135,8 @@ TEST_F(MouseOnDesktop, AStillPressBecomesARightClickAtTheMovedPositionAndNothing
     MessageLog log;
     auto onImageThread = [](auto steps) { std::thread(steps).join(); };
 
-    onImageThread([&] {
-        down(400, 300);
-        move(403, 300);
-    });
-    auto runLoop = [] { QCoreApplication::processEvents(); };
-    expectButton(desk->nextButton(runLoop), true, 3, {403, 300});
-    expectButton(desk->nextButton(runLoop), false, 3, {403, 300});
+    onImageThread([&] { down(400, 300), move(403, 300); });
+    EXPECT_EQ(next(2, true), click(3, 403, 300));
     EXPECT_EQ(log.count("l  right click!"), 1);
 
     onImageThread([&] { move(450, 320); });
@@ -146,15 +144,11 @@ TEST_F(MouseOnDesktop, AStillPressBecomesARightClickAtTheMovedPositionAndNothing
     EXPECT_EQ(desk->pointerAt(450, 320, &mask), Pos(450, 320)) << "the pointer still follows";
     EXPECT_EQ(mask & (Button1Mask | Button3Mask), 0u);
     onImageThread([&] { up(450, 320); });
-    EXPECT_TRUE(buttonsSoFar().empty()) << "the lift sends nothing";
+    EXPECT_THAT(buttonsSoFar(), IsEmpty()) << "the lift sends nothing";
     EXPECT_FALSE(mc->isRightDown);
 
-    onImageThread([&] {
-        down(500, 300);
-        up(500, 300);
-    });
-    expectButton(desk->nextButton(runLoop), true, 1, {500, 300});
-    expectButton(desk->nextButton(runLoop), false, 1, {500, 300});
+    onImageThread([&] { tap(500, 300); });
+    EXPECT_EQ(next(2, true), click(1, 500, 300));
     EXPECT_EQ(log.count("l  right click!"), 1);
 }
 
@@ -165,25 +159,18 @@ TEST_F(MouseOnDesktop, ASecondTapSoonAndNearIsADoubleClickOfTwoOrdinaryClicks)
     make();
     MessageLog log;
 
-    down(200, 150);
-    up(200, 150);
-    down(210, 160);
-    up(210, 160);
+    tap(200, 150);
+    tap(210, 160);
     EXPECT_EQ(log.count(line), 1);
-    for (Pos at : {Pos(200, 150), Pos(210, 160)}) {
-        expectButton(desk->nextButton(), true, 1, at);
-        expectButton(desk->nextButton(), false, 1, at);
-    }
+    EXPECT_EQ(next(4), click(1, 200, 150) + click(1, 210, 160));
 
-    down(226, 175);
-    up(226, 175);
+    tap(226, 175);
     EXPECT_EQ(log.count(line), 1) << "22 pixels from the last down is too far";
 
     GS::instance()->doubleClickTime = 30;
     mc->onResolutionChanged(0, 0);
     QTest::qWait(100);
-    down(226, 175);
-    up(226, 175);
+    tap(226, 175);
     EXPECT_EQ(log.count(line), 1) << "too late";
     EXPECT_EQ(buttonsSoFar().size(), 4u) << "both clicks are sent all the same";
 }

@@ -4,6 +4,7 @@
 #include <QString>
 #include <QtGlobal>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -29,10 +30,8 @@ public:
     }
     int count(const std::string& text)
     {
-        int n = 0;
-        for (const std::string& l : lines())
-            n += l == text;
-        return n;
+        const std::vector<std::string> all = lines();
+        return int(std::count(all.begin(), all.end(), text));
     }
 
 private:

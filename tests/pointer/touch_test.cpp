@@ -2,65 +2,51 @@
 #include "messagelog.h"
 #include "touch.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 using Kind = DevicePipe::Call::Kind;
+using ::testing::Each;
+using ::testing::ElementsAreArray;
+using ::testing::FieldsAre;
 
 TEST(TouchDevice, CreationDeclaresTheSlottedDeviceThenWritesItsRecordThenCreates)
 {
     DevicePipe pipe;
-    {
-        std::unique_ptr<Touch> touch(pipe.makeTouch());
-        ASSERT_GE(pipe.calls.size(), 11u);
-        EXPECT_EQ(pipe.calls[0].kind, Kind::Open);
-        EXPECT_EQ(pipe.calls[0].path, "/dev/uinput");
-        EXPECT_EQ(pipe.calls[0].value, O_WRONLY | O_NONBLOCK);
+    delete pipe.makeTouch();
+    // Bytes written by each call tell the record's place: after the declarations, before creation.
+    const int fd = pipe.writeEnd, record = int(sizeof(uinput_user_dev));
+    std::vector<DevicePipe::Call> want = {{Kind::Open, 0, O_WRONLY | O_NONBLOCK, 0, 0, "/dev/uinput"}};
+    for (auto [request, value] : std::vector<std::pair<unsigned long, int>>{{UI_SET_EVBIT, EV_KEY},
+             {UI_SET_KEYBIT, BTN_TOUCH}, {UI_SET_EVBIT, EV_ABS}, {UI_SET_ABSBIT, ABS_X}, {UI_SET_ABSBIT, ABS_Y},
+             {UI_SET_ABSBIT, ABS_MT_POSITION_X}, {UI_SET_ABSBIT, ABS_MT_POSITION_Y},
+             {UI_SET_ABSBIT, ABS_MT_TRACKING_ID}, {UI_SET_ABSBIT, ABS_MT_SLOT}})
+        want.push_back({Kind::Control, request, value, fd, 0});
+    want.push_back({Kind::Control, UI_DEV_CREATE, 0, fd, record});
+    want.push_back({Kind::Control, UI_DEV_DESTROY, 0, fd, record});
+    want.push_back({Kind::Close, 0, 0, fd, 0});
+    EXPECT_EQ(pipe.calls, want);
 
-        const std::vector<std::pair<unsigned long, int>> declared = {{UI_SET_EVBIT, EV_KEY}, {UI_SET_KEYBIT, BTN_TOUCH},
-            {UI_SET_EVBIT, EV_ABS}, {UI_SET_ABSBIT, ABS_X}, {UI_SET_ABSBIT, ABS_Y}, {UI_SET_ABSBIT, ABS_MT_POSITION_X},
-            {UI_SET_ABSBIT, ABS_MT_POSITION_Y}, {UI_SET_ABSBIT, ABS_MT_TRACKING_ID}, {UI_SET_ABSBIT, ABS_MT_SLOT}};
-        for (size_t i = 0; i < declared.size(); ++i) {
-            const auto& c = pipe.calls[i + 1];
-            EXPECT_EQ(c.kind, Kind::Control) << i;
-            EXPECT_EQ(c.fd, pipe.writeEnd) << i;
-            EXPECT_EQ(c.request, declared[i].first) << i;
-            EXPECT_EQ(c.value, declared[i].second) << i;
-            EXPECT_EQ(c.written, 0) << "the record follows the declarations";
-        }
-        const auto& create = pipe.calls[10];
-        EXPECT_EQ(create.request, static_cast<unsigned long>(UI_DEV_CREATE));
-        EXPECT_EQ(create.written, int(sizeof(uinput_user_dev))) << "the record precedes the creation";
-        EXPECT_EQ(pipe.calls.size(), 11u);
-
-        uinput_user_dev dev;
-        ASSERT_TRUE(pipe.readRecord(&dev));
-        EXPECT_STREQ(dev.name, "velora-multitouch");
-        EXPECT_EQ(dev.id.bustype, BUS_VIRTUAL);
-        EXPECT_EQ(dev.id.vendor, 0xCEEF);
-        EXPECT_EQ(dev.id.product, 1);
-        EXPECT_EQ(dev.id.version, 1);
-        EXPECT_EQ(dev.ff_effects_max, 0u);
-        for (int axis = 0; axis < ABS_CNT; ++axis) {
-            int max = 0, min = 0;
-            switch (axis) {
-            case ABS_X: case ABS_Y: case ABS_MT_POSITION_X: case ABS_MT_POSITION_Y: max = 32767; break;
-            case ABS_MT_SLOT: max = 99; break;
-            case ABS_MT_TRACKING_ID: max = 32767; min = -1; break;
-            default: break;
-            }
-            EXPECT_EQ(dev.absmax[axis], max) << axis;
-            EXPECT_EQ(dev.absmin[axis], min) << axis;
-            EXPECT_EQ(dev.absfuzz[axis], 0) << axis;
-            EXPECT_EQ(dev.absflat[axis], 0) << axis;
-        }
-        EXPECT_TRUE(pipe.events().empty()) << "creation sends no events";
-    }
-    ASSERT_EQ(pipe.calls.size(), 13u);
-    EXPECT_EQ(pipe.calls[11].request, static_cast<unsigned long>(UI_DEV_DESTROY));
-    EXPECT_EQ(pipe.calls[12].kind, Kind::Close);
-    EXPECT_EQ(pipe.calls[12].fd, pipe.writeEnd);
+    uinput_user_dev dev;
+    ASSERT_TRUE(pipe.readRecord(&dev));
+    EXPECT_STREQ(dev.name, "velora-multitouch");
+    EXPECT_THAT(dev.id, FieldsAre(BUS_VIRTUAL, 0xCEEF, 1, 1));
+    EXPECT_EQ(dev.ff_effects_max, 0u);
+    std::vector<int> max(ABS_CNT, 0), min(ABS_CNT, 0);
+    for (int axis : {ABS_X, ABS_Y, ABS_MT_POSITION_X, ABS_MT_POSITION_Y, ABS_MT_TRACKING_ID})
+        max[axis] = 32767;
+    max[ABS_MT_SLOT] = 99;
+    min[ABS_MT_TRACKING_ID] = -1;
+    EXPECT_THAT(dev.absmax, ElementsAreArray(max));
+    EXPECT_THAT(dev.absmin, ElementsAreArray(min));
+    EXPECT_THAT(dev.absfuzz, Each(0));
+    EXPECT_THAT(dev.absflat, Each(0));
+    EXPECT_TRUE(pipe.events().empty()) << "neither creation nor destruction sends events";
 }
 
 TEST(TouchDevice, WithoutADeviceEveryStepIsLoggedAndTheTouchRunsOn)

@@ -6,10 +6,12 @@
 #include <QCoreApplication>
 #include <QTest>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <thread>
+#include <vector>
 
 // Xlib's macros clash with Qt's names: last.
 #include "xtestdesktop.h"
@@ -39,80 +41,65 @@ protected:
     void down(double x, double y, int id) { tc->handleDown(EVector(x, y), id); }
     void move(double x, double y, int id) { tc->handleMove(EVector(x, y), id); }
     void up(double x, double y, int id) { tc->handleUp(EVector(x, y), id); }
+    void tap(double x, double y, int id) { down(x, y, id), up(x, y, id); }
+
+    // A down ('d'), move ('m') or up ('u'), and every event the device gets for it.
+    struct Step {
+        char kind;
+        double x, y;
+        int id;
+        std::vector<Ev> events = {};
+    };
+    void run(const std::vector<Step>& steps)
+    {
+        for (const Step& s : steps) {
+            auto step = s.kind == 'd' ? &TouchGestures::down : s.kind == 'm' ? &TouchGestures::move : &TouchGestures::up;
+            (this->*step)(s.x, s.y, s.id);
+            EXPECT_EQ(pipe.events(), s.events) << s.kind << " " << s.x << "," << s.y << " #" << s.id;
+        }
+    }
 };
 
 } // namespace
 
-TEST_F(TouchGestures, ATapReachesTheDeviceOnlyAtItsEndAsDownThenUp)
-{
-    down(100, 200, 70000);
-    EXPECT_TRUE(pipe.events().empty()) << "a press is held back";
-    up(100, 200, 70000);
-    EXPECT_EQ(pipe.events(), contact(0, 4464, 100, 200) + lift(0));
-    EXPECT_FALSE(tc->isPressed);
-    EXPECT_TRUE(tc->slotsById.empty());
-}
-
 TEST_F(TouchGestures, APressIsReleasedOnlyBeyondTheToleranceAndReplayedFromItsStart)
 {
     MessageLog log;
-    down(1000, 1000, 3);
-    move(1003, 1000, 3);
-    move(1000, 1005, 3);
-    EXPECT_TRUE(pipe.events().empty()) << "exactly the tolerance stays undecided";
-
-    move(1005.01, 1000, 3);
-    EXPECT_EQ(pipe.events(), contact(0, 3, 1000, 1000) + contact(0, 3, 1003, 1000) + contact(0, 3, 1000, 1005)
-                                 + contact(0, 3, 1005, 1000) + contact(0, 3, 1005, 1000));
+    // Exactly the tolerance stays undecided.
+    run({{'d', 1000, 1000, 3}, {'m', 1003, 1000, 3}, {'m', 1000, 1005, 3},
+         {'m', 1005.01, 1000, 3,
+          contact(0, 3, 1000, 1000) + contact(0, 3, 1003, 1000) + contact(0, 3, 1000, 1005) + contact(0, 3, 1005, 1000)
+              + contact(0, 3, 1005, 1000)}});
     EXPECT_EQ(log.count("stop right click timer isMoving: false isRightDown: false isPressed: true len: 5.01"), 1);
-
-    move(1100, 1020, 3);
-    EXPECT_EQ(pipe.events(), contact(0, 3, 1100, 1020)) << "a released contact passes straight through";
-    up(1100, 1020, 3);
-    EXPECT_EQ(pipe.events(), lift(0));
+    // A released contact passes straight through.
+    run({{'m', 1100, 1020, 3, contact(0, 3, 1100, 1020)}, {'u', 1100, 1020, 3, lift(0)}});
 }
 
 TEST_F(TouchGestures, AnUndecidedStrokeIsReplayedAtItsLiftWithEveryPoint)
 {
     MessageLog log;
-    down(500, 500, 4);
-    move(501, 500, 4);
-    move(502, 501, 4);
-    up(503, 501, 4);
-    EXPECT_EQ(pipe.events(), contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0));
+    // A tap is held back to its lift, then goes out as down and up, its id in 16 bits.
+    run({{'d', 100, 200, 70000}, {'u', 100, 200, 70000, contact(0, 4464, 100, 200) + lift(0)}});
+    run({{'d', 500, 500, 4}, {'m', 501, 500, 4}, {'m', 502, 501, 4},
+         {'u', 503, 501, 4, contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0)}});
     EXPECT_EQ(log.count("flushing in handle up "), 2);
-
-    // A stroke whose down was never seen (it began off the screen) comes out whole as well.
-    move(10, 10, 9);
-    move(20, 10, 9);
-    EXPECT_TRUE(pipe.events().empty());
-    up(30, 10, 9);
-    EXPECT_EQ(pipe.events(), contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0));
-    up(30, 10, 9);
-    EXPECT_TRUE(pipe.events().empty()) << "an up without a contact sends nothing";
+    EXPECT_FALSE(tc->isPressed);
+    EXPECT_TRUE(tc->slotsById.empty());
+    // A stroke whose down was never seen (it began off the screen) comes out whole as well;
+    // an up without a contact sends nothing.
+    run({{'m', 10, 10, 9}, {'m', 20, 10, 9}, {'u', 30, 10, 9, contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0)},
+         {'u', 30, 10, 9}});
 }
 
 TEST_F(TouchGestures, ASecondFingerGoesOutAtOnceAheadOfTheFirstFingersReplay)
 {
-    down(1000, 1000, 1);
-    move(1001, 1000, 1);
-    down(5000, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5000, 5000));
+    run({{'d', 1000, 1000, 1}, {'m', 1001, 1000, 1}, {'d', 5000, 5000, 2, contact(0, 2, 5000, 5000)}});
     EXPECT_TRUE(tc->isMoving);
-
-    move(1002, 1000, 1);
-    EXPECT_EQ(pipe.events(), contact(1, 1, 1000, 1000) + contact(1, 1, 1001, 1000) + contact(1, 1, 1002, 1000));
-    move(5010, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5010, 5000));
-
+    run({{'m', 1002, 1000, 1, contact(1, 1, 1000, 1000) + contact(1, 1, 1001, 1000) + contact(1, 1, 1002, 1000)},
+         {'m', 5010, 5000, 2, contact(0, 2, 5010, 5000)}, {'u', 1002, 1000, 1, lift(1)}});
     // Any finger's lift ends the press; the other finger goes on live.
-    up(1002, 1000, 1);
-    EXPECT_EQ(pipe.events(), lift(1));
     EXPECT_FALSE(tc->isPressed);
-    move(5020, 5000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 5020, 5000));
-    up(5020, 5000, 2);
-    EXPECT_EQ(pipe.events(), lift(0));
+    run({{'m', 5020, 5000, 2, contact(0, 2, 5020, 5000)}, {'u', 5020, 5000, 2, lift(0)}});
 }
 
 TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
@@ -120,16 +107,11 @@ TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
     down(1000, 1000, 1);
     move(1100, 1000, 1);
     pipe.events();
-
     tc->reset();
     tc->reset();
     EXPECT_TRUE(pipe.events().empty());
     // The press is still on, so the next finger is a second one, and slot 0 is free again.
-    down(3000, 3000, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 2, 3000, 3000));
-    up(1100, 1000, 1);
-    up(3000, 3000, 2);
-    EXPECT_EQ(pipe.events(), lift(0) + lift(0));
+    run({{'d', 3000, 3000, 2, contact(0, 2, 3000, 3000)}, {'u', 1100, 1000, 1, lift(0)}, {'u', 3000, 3000, 2, lift(0)}});
 }
 
 TEST_F(TouchGestures, PositionsScaleOverTheDesktopAndWrapBeyondIt)
@@ -137,18 +119,15 @@ TEST_F(TouchGestures, PositionsScaleOverTheDesktopAndWrapBeyondIt)
     GS* gs = GS::instance();
     gs->screenWidth = 1920;
     gs->screenHeight = 1080;
-    down(1, 540, 1);
-    up(1, 540, 1);
-    down(1920, 1080, 2);
-    up(1920, 1080, 2);
+    tap(1, 540, 1);
+    tap(1920, 1080, 2);
     EXPECT_EQ(pipe.events(), contact(0, 1, 17, 16384) + lift(0) + contact(0, 2, 32767, 32767) + lift(0));
     EXPECT_EQ(TouchController::toDeviceX(-5), -85);
     EXPECT_EQ(TouchController::toDeviceX(3000), -14338);
 
     // A new desktop size holds from the next conversion on.
     gs->screenWidth = 3840;
-    down(1920, 0, 3);
-    up(1920, 0, 3);
+    tap(1920, 0, 3);
     EXPECT_EQ(pipe.events(), contact(0, 3, 16384, 0) + lift(0));
 }
 
@@ -156,16 +135,9 @@ namespace {
 
 // The right click and single-pointer mode reach the X server; handlers run on a thread
 // of their own as on the image thread, while this thread runs the event loop.
-class TouchOnDesktop : public TouchGestures {
+class TouchOnDesktop : public OnSuiteDesktop<TouchGestures> {
 protected:
-    static XTestDesktop* desk;
-
-    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
-    static void TearDownTestSuite()
-    {
-        delete desk;
-        desk = nullptr;
-    }
+    using B = XTestDesktop::Button;
     void SetUp() override
     {
         ASSERT_NE(desk->dpy, nullptr);
@@ -175,83 +147,51 @@ protected:
         GS::instance()->screenHeight = 1024;
         desk->pendingButtons();
     }
-    template <typename Steps> void onImageThread(Steps steps)
+    template <typename Steps> void onImageThread(Steps steps) { std::thread(steps).join(); }
+    std::vector<B> nextButtons(int n)
     {
-        std::thread image(steps);
-        image.join();
-    }
-    XTestDesktop::Button nextButton()
-    {
-        return desk->nextButton([] { QCoreApplication::processEvents(); });
+        std::vector<B> out;
+        while (n-- > 0)
+            out.push_back(desk->nextButton([] { QCoreApplication::processEvents(); }));
+        return out;
     }
 };
 
-XTestDesktop* TouchOnDesktop::desk = nullptr;
+using ::testing::ElementsAre;
 
 } // namespace
 
 TEST_F(TouchOnDesktop, AStillPressBecomesOneRightClickThroughTheMouseAndNoContact)
 {
-    onImageThread([&] {
-        down(300, 300, 1);
-        move(302, 301, 1);
-    });
-    const auto press = nextButton();
-    EXPECT_TRUE(press.press);
-    EXPECT_EQ(press.number, 3u);
-    EXPECT_EQ(press.x, 302) << "at the last position";
-    EXPECT_EQ(press.y, 301);
-    const auto release = nextButton();
-    EXPECT_FALSE(release.press);
-    EXPECT_EQ(release.number, 3u);
+    onImageThread([&] { down(300, 300, 1), move(302, 301, 1); });
+    // At the last position.
+    EXPECT_THAT(nextButtons(2), ElementsAre(B{true, 3, 302, 301}, B{false, 3, 302, 301}));
     EXPECT_TRUE(tc->isRightDown);
 
-    onImageThread([&] {
-        move(400, 400, 1);
-        up(400, 400, 1);
-    });
+    onImageThread([&] { move(400, 400, 1), up(400, 400, 1); });
     EXPECT_TRUE(pipe.events().empty()) << "neither then nor at the lift";
     EXPECT_FALSE(tc->isPressed);
     EXPECT_FALSE(tc->isRightDown);
 
-    onImageThread([&] {
-        down(500, 500, 2);
-        up(500, 500, 2);
-    });
+    onImageThread([&] { tap(500, 500, 2); });
     EXPECT_EQ(pipe.events(), contact(0, 2, TouchController::toDeviceX(500), TouchController::toDeviceY(500)) + lift(0))
         << "the next tap is an ordinary one";
 }
 
 TEST_F(TouchOnDesktop, NoRightClickOnceASecondFingerIsDown)
 {
-    onImageThread([&] {
-        down(300, 300, 1);
-        down(600, 300, 2);
-    });
+    onImageThread([&] { down(300, 300, 1), down(600, 300, 2); });
     QTest::qWait(400);
     EXPECT_FALSE(tc->isRightDown);
     EXPECT_TRUE(desk->pendingButtons().empty());
-    onImageThread([&] {
-        up(300, 300, 1);
-        up(600, 300, 2);
-    });
+    onImageThread([&] { up(300, 300, 1), up(600, 300, 2); });
 }
 
 TEST_F(TouchOnDesktop, InSinglePointerModeGesturesGoToTheMouseAndTheDeviceStaysSilent)
 {
     GS::instance()->pointerMode = 0;
-    onImageThread([&] {
-        down(200, 150, 1);
-        up(200, 150, 1);
-    });
-    const auto press = nextButton();
-    const auto release = nextButton();
-    EXPECT_TRUE(press.press);
-    EXPECT_EQ(press.number, 1u);
-    EXPECT_EQ(press.x, 200);
-    EXPECT_EQ(press.y, 150);
-    EXPECT_FALSE(release.press);
-    EXPECT_EQ(release.number, 1u);
+    onImageThread([&] { tap(200, 150, 1); });
+    EXPECT_THAT(nextButtons(2), ElementsAre(B{true, 1, 200, 150}, B{false, 1, 200, 150}));
     EXPECT_TRUE(pipe.events().empty());
     EXPECT_FALSE(tc->isPressed) << "the touch state is not touched";
     GS::instance()->pointerMode = 1;
@@ -275,13 +215,11 @@ TEST_F(TouchGestures, TapsAreStretchedAboutTheMeasuredCentreBySidesRatio)
     gs->offsetBottom = 0.8;
     int id = 10;
     for (const Case& c : cases) {
-        down(c.x, c.y, ++id);
-        up(c.x, c.y, id);
+        tap(c.x, c.y, ++id);
         EXPECT_EQ(pipe.events(), contact(0, id, c.wantX, c.wantY) + lift(0)) << c.x << "," << c.y;
     }
     gs->offsetC = gs->offsetD = 0.0;
     gs->offsetLeft = gs->offsetRight = gs->offsetTop = gs->offsetBottom = 1.0;
-    down(600, 700, ++id);
-    up(600, 700, id);
+    tap(600, 700, ++id);
     EXPECT_EQ(pipe.events(), contact(0, id, 600, 700) + lift(0));
 }

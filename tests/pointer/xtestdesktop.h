@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +23,11 @@ public:
         unsigned int number;
         int x;
         int y;
+        bool operator==(const Button&) const = default;
+        friend std::ostream& operator<<(std::ostream& os, const Button& b)
+        {
+            return os << (b.press ? "press " : "release ") << b.number << " at " << b.x << "," << b.y;
+        }
     };
 
     Display* dpy = nullptr;
@@ -74,7 +80,7 @@ public:
 
     // The next button event on the window, waiting up to the time-out; number 0 when none came.
     // idle is called while waiting, for example to run the Qt event loop.
-    template <typename Idle> Button nextButton(Idle idle, int timeoutMs = 10000)
+    template <typename Idle = void (*)()> Button nextButton(Idle idle = [] {}, int timeoutMs = 10000)
     {
         const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         for (;;) {
@@ -91,22 +97,14 @@ public:
             poll(&p, 1, 5);
         }
     }
-    Button nextButton(int timeoutMs = 10000)
-    {
-        return nextButton([] {}, timeoutMs);
-    }
 
     // Every button event that has arrived by now, without waiting.
     std::vector<Button> pendingButtons()
     {
         std::vector<Button> out;
         XSync(dpy, False);
-        while (XPending(dpy) > 0) {
-            XEvent e;
-            XNextEvent(dpy, &e);
-            if (e.type == ButtonPress || e.type == ButtonRelease)
-                out.push_back({e.type == ButtonPress, e.xbutton.button, e.xbutton.x_root, e.xbutton.y_root});
-        }
+        for (Button b; (b = nextButton([] {}, 0)).number != 0;)
+            out.push_back(b);
         return out;
     }
 
@@ -149,3 +147,11 @@ inline XTestDesktop* startSuiteDesktop()
         ADD_FAILURE() << "X server: " << desk->failure;
     return desk;
 }
+
+// The tests of a suite on one such desktop.
+template <typename Base = ::testing::Test> class OnSuiteDesktop : public Base {
+protected:
+    static inline XTestDesktop* desk = nullptr;
+    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
+    static void TearDownTestSuite() { delete desk, desk = nullptr; }
+};
