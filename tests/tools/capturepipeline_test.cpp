@@ -93,9 +93,11 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     const auto w = run.pairedWrites();
 
     // The device always runs with the fixed blanking, whatever was asked.
-    for (const Write& x : w)
-        if (x.kind == "reg" && (x.a == 5 || x.a == 6))
+    for (const Write& x : w) {
+        if (x.kind == "reg" && (x.a == 5 || x.a == 6)) {
             EXPECT_EQ(x.b, x.a == 5 ? 999 : 47) << "register " << x.a;
+        }
+    }
     // The register file, in its order, before the stream's threads ran.
     const size_t conf = findRun(w, {reg(5, 999), reg(6, 47), reg(33, 123), reg(11, 30)});
     ASSERT_EQ(conf, 0u);

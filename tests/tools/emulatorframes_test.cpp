@@ -109,8 +109,9 @@ TEST(EmulatorFrames, FullFramesOneTransferEachOnTheHandlingThread)
         ASSERT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
         EXPECT_EQ(f.length, 752 * 480);
         EXPECT_TRUE(f.onHandlerThread);
-        if (i > 0)
+        if (i > 0) {
             EXPECT_GT(f.stamp(), last);
+        }
         last = f.stamp();
         EXPECT_EQ(f.data[752 * 240 + 376], 20);
     }
