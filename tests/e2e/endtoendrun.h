@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -40,13 +39,6 @@ private:
     DevicePipe* device;
 };
 
-inline long long monotonicNs()
-{
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
-}
-
 // Registered after the pointer output: it hears of each blob just after the output handled it,
 // and keeps per frame (the emulator stamps its number into the first bytes) the last such time.
 class FrameClock : public IBlobListener {
@@ -57,7 +49,10 @@ public:
             return;
         unsigned frame = unsigned(image[0]) | unsigned(image[1]) << 8 | unsigned(image[2]) << 16
             | unsigned(image[3]) << 24;
-        const long long now = monotonicNs();
+        // The steady clock is CLOCK_MONOTONIC, the emulator's clock for transfer completions.
+        const long long now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now().time_since_epoch())
+                                  .count();
         std::lock_guard<std::mutex> hold(lock);
         handled[frame] = now;
     }
@@ -325,6 +320,7 @@ inline void expectOneGesturePerStroke(const std::vector<Gesture>& gestures,
                                       double tolerance)
 {
     EXPECT_EQ(gestures.size(), tracks.size()) << "every stroke one gesture, no gesture without a stroke";
+    ASSERT_FALSE(tracks.empty());
     std::map<int, int> gesturesPerStroke;
     for (const Gesture& g : gestures) {
         EXPECT_TRUE(g.closed) << "gesture " << g.trackingId << " left open";
@@ -332,27 +328,17 @@ inline void expectOneGesturePerStroke(const std::vector<Gesture>& gestures,
             ADD_FAILURE() << "gesture " << g.trackingId << " has no position";
             continue;
         }
-        int stroke = -1;
-        double nearest = 1e18;
-        for (const auto& [id, track] : tracks) {
-            const double d = distanceToTrack(track, g.points.front().first, g.points.front().second);
-            if (d < nearest) {
-                nearest = d;
-                stroke = id;
-            }
-        }
+        const auto off = [&](int stroke, const std::pair<double, double>& p) {
+            return distanceToTrack(tracks.at(stroke), p.first, p.second);
+        };
+        const int stroke = std::min_element(tracks.begin(), tracks.end(), [&](const auto& a, const auto& b) {
+                               return off(a.first, g.points.front()) < off(b.first, g.points.front());
+                           })->first;
         ++gesturesPerStroke[stroke];
-        double worst = 0;
-        std::pair<double, double> at;
-        for (const auto& p : g.points) {
-            const double d = distanceToTrack(tracks.at(stroke), p.first, p.second);
-            if (d > worst) {
-                worst = d;
-                at = p;
-            }
-        }
-        EXPECT_LE(worst, tolerance) << "gesture " << g.trackingId << " strays from stroke " << stroke << " to ("
-                                    << at.first << ", " << at.second << ")";
+        const auto at = *std::max_element(g.points.begin(), g.points.end(),
+                                          [&](const auto& a, const auto& b) { return off(stroke, a) < off(stroke, b); });
+        EXPECT_LE(off(stroke, at), tolerance) << "gesture " << g.trackingId << " strays from stroke " << stroke
+                                              << " to (" << at.first << ", " << at.second << ")";
     }
     for (const auto& [id, track] : tracks)
         EXPECT_EQ(gesturesPerStroke[id], 1) << "stroke " << id << " from (" << track.front().first << ", "

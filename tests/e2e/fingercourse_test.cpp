@@ -33,53 +33,8 @@ const Course courses[] = {
      2},
 };
 
-struct Press {
-    std::string kind;
-    double targetX, targetY, sensorX, sensorY;
-};
-
 class FingerCourse : public ::testing::TestWithParam<Course>, protected VeloraRun {
 protected:
-    std::vector<Press> presses() const
-    {
-        std::vector<Press> out;
-        std::istringstream in(run->fileText("truth.txt"));
-        for (std::string line; std::getline(in, line);) {
-            if (line.rfind("P ", 0) != 0)
-                continue;
-            std::istringstream s(line.substr(2));
-            Press p;
-            double t, pressX, pressY;
-            std::string id;
-            s >> t >> id >> p.kind >> p.targetX >> p.targetY >> pressX >> pressY >> p.sensorX >> p.sensorY;
-            out.push_back(p);
-        }
-        return out;
-    }
-
-    // The file holds the dot grid of the given margins, each point where that kind last
-    // pressed its dot.
-    void expectPressedGrid(const char* file, const std::string& kind, double marginX, double marginY)
-    {
-        SCOPED_TRACE(file);
-        std::unique_ptr<Calibration> c(Calibration::read((userDir() + file).toLocal8Bit().constData()));
-        ASSERT_TRUE(c) << "the file was written";
-        ASSERT_EQ(c->srcPoints.size(), 25u);
-        EXPECT_DOUBLE_EQ(c->marginX, marginX);
-        EXPECT_DOUBLE_EQ(c->marginY, marginY);
-        const std::vector<Press> ps = presses();
-        const std::vector<EVector> dst = c->calcDstPoints(1280, 800);
-        for (size_t i = 0; i < dst.size(); ++i) {
-            const Press* last = nullptr;
-            for (const Press& p : ps)
-                if (p.kind == kind && std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < 3)
-                    last = &p;
-            ASSERT_TRUE(last) << "no " << kind << " press at dot " << i;
-            EXPECT_NEAR(c->srcPoints[i].x, last->sensorX, 1.0) << i;
-            EXPECT_NEAR(c->srcPoints[i].y, last->sensorY, 1.0) << i;
-        }
-    }
-
     // The last value the service wrote to an imager register.
     int lastRegister(int reg) const
     {
@@ -120,9 +75,9 @@ TEST_P(FingerCourse, EndsWithTheFilesOfItsProceduresInFingerModeWithTheLaserOn)
         EXPECT_EQ(ac->cols, 6) << "the grid of ac.conf";
         EXPECT_EQ(ac->srcPoints.size(), size_t(ac->cols) * ac->rows);
     } else {
-        expectPressedGrid("stylus-velora.ini", "stylus", gs->mcMarginX, gs->mcMarginY);
+        expectPressedGrid(userDir() + "stylus-velora.ini", "stylus", 3, gs->mcMarginX, gs->mcMarginY);
     }
-    expectPressedGrid("finger-velora.ini", "finger", gs->mcTouchMarginX, gs->mcTouchMarginY);
+    expectPressedGrid(userDir() + "finger-velora.ini", "finger", 3, gs->mcTouchMarginX, gs->mcTouchMarginY);
 
     EXPECT_EQ(lastRegister(27), 0) << "the laser curtain is on";
     EXPECT_EQ(lastRegister(11), gs->fingerExposure) << "the finger exposure is set";

@@ -5,17 +5,12 @@
 // A reflection comes on while the dots are pressed, far from all of them, so that only the
 // final check sees it.
 #include "calibration.h"
-#include "emulatedrun.h"
-#include "xvfbserver.h"
+#include "velorarun.h"
 
 #include <QImage>
 #include <QThread>
 
 #include <X11/Xlib.h>
-#include <X11/Xutil.h>
-extern "C" {
-#include <xdo.h>
-}
 
 #include <atomic>
 #include <cmath>
@@ -56,19 +51,8 @@ bool activeBlue(QRgb c)
     return qBlue(c) >= 200 && qGreen(c) >= 150 && qRed(c) <= 40;
 }
 
-struct Press {
-    double t;
-    int id;
-    double pressX, pressY;
-};
-
-class LaserAlignmentRun : public ::testing::Test {
+class LaserAlignmentRun : public ::testing::Test, protected VeloraRun {
 protected:
-    XvfbServer x;
-    std::unique_ptr<EmulatedRun> run;
-    Display* dpy = nullptr;
-    QString home;
-
     void TearDown() override
     {
         if (run)
@@ -80,92 +64,15 @@ protected:
                 QFile::remove(kept);
                 QFile::copy(QString::fromStdString(run->path(name)), kept);
             }
-        if (dpy)
-            XCloseDisplay(dpy);
-    }
-
-    QProcessEnvironment environment(QProcessEnvironment env) const
-    {
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        // A home of its own: the user's settings and calibrations stay untouched.
-        env.insert("HOME", home);
-        env.insert("XDG_CONFIG_HOME", home + "/.config");
-        return env;
-    }
-
-    QString userDir() const { return home + "/Documents/Velora/"; }
-
-    void start()
-    {
-        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
-        dpy = XOpenDisplay(x.display.c_str());
-        ASSERT_TRUE(dpy);
-        run = std::make_unique<EmulatedRun>(scene);
-        home = QString::fromStdString(run->path("home"));
-        QDir().mkpath(userDir());
-        QProcessEnvironment env = environment(run->process.processEnvironment());
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("QT_QUICK_BACKEND", "software");
-        run->process.setProcessEnvironment(env);
-        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
-        // The stylus calibration serves the finger too, so the alignment's result is saved.
-        ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
-                                    {QString::fromStdString(run->path("scene.txt")), userDir() + "stylus-velora.ini"}),
-                  0);
-        // The start-up's calibration load answers too, unasked: a command sent before it would
-        // take that answer as its own.
-        const QString answer = userDir() + "refifo";
-        QFile::remove(answer);
-        run->startVelora();
-        QElapsedTimer t;
-        t.start();
-        while (!QFile::exists(answer) && t.elapsed() < 60000)
-            QThread::msleep(50);
-        ASSERT_TRUE(QFile::exists(answer)) << qPrintable(log());
-    }
-
-    std::pair<int, QString> ctl(const QStringList& command)
-    {
-        QProcess p;
-        p.setProcessEnvironment(environment(QProcessEnvironment::systemEnvironment()));
-        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
-        p.waitForFinished(120000);
-        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
-    }
-
-    QString log() const { return QString::fromStdString(run->fileText("velora.log")); }
-
-    std::vector<std::vector<std::string>> truth(const char* kind) const
-    {
-        std::vector<std::vector<std::string>> out;
-        std::istringstream in(run->fileText("truth.txt"));
-        for (std::string line; std::getline(in, line);) {
-            if (line.rfind(kind, 0) != 0)
-                continue;
-            std::istringstream ws(line);
-            std::vector<std::string> w;
-            for (std::string s; ws >> s;)
-                w.push_back(s);
-            out.push_back(w);
-        }
-        return out;
-    }
-
-    double streamTime() const
-    {
-        const auto frames = truth("F ");
-        return frames.empty() ? 0 : std::stod(frames.back()[2]);
     }
 
     // The presses of the probe square: those whose target is its centre.
     std::vector<Press> probePresses(QPoint at) const
     {
         std::vector<Press> out;
-        for (const auto& w : truth("P ")) {
-            if (w.size() < 8 || std::hypot(std::stod(w[4]) - at.x(), std::stod(w[5]) - at.y()) > 2)
-                continue;
-            out.push_back({std::stod(w[1]), std::stoi(w[2]), std::stod(w[6]), std::stod(w[7])});
-        }
+        for (const Press& p : presses())
+            if (std::hypot(p.targetX - at.x(), p.targetY - at.y()) <= 2)
+                out.push_back(p);
         return out;
     }
 
@@ -207,37 +114,13 @@ protected:
                 continue;
             // The release reaches the desktop a frame or two after the emulator lifts.
             QThread::msleep(300);
-            Window root, child;
-            int x0, y0, wx, wy;
-            unsigned m;
-            XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
+            const auto [x0, y0] = pointer();
             result = {QPointF(x0, y0), QPointF(ps[before].pressX, ps[before].pressY)};
             break;
         }
         XDestroyWindow(dpy, w);
         XSync(dpy, False);
         return result;
-    }
-
-    QImage grab()
-    {
-        XSync(dpy, False);
-        const Window root = DefaultRootWindow(dpy);
-        XWindowAttributes a;
-        XGetWindowAttributes(dpy, root, &a);
-        XImage* xi = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
-        QImage img(reinterpret_cast<const uchar*>(xi->data), a.width, a.height, xi->bytes_per_line,
-                   QImage::Format_RGB32);
-        img = img.copy();
-        XDestroyImage(xi);
-        return img;
-    }
-
-    void key(const char* name)
-    {
-        xdo_t* xdo = xdo_new(x.display.c_str());
-        xdo_send_keysequence_window(xdo, CURRENTWINDOW, name, 0);
-        xdo_free(xdo);
     }
 };
 
@@ -252,7 +135,8 @@ int count(const QImage& img, bool (*match)(QRgb))
 
 TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalCheckSeesLight)
 {
-    start();
+    // The stylus calibration serves the finger too, so the alignment's result is saved.
+    start(scene, userDir() + "stylus-velora.ini");
     ASSERT_EQ(ctl({"finger"}).first, 0) << qPrintable(log());
     // The finger engine learns its background first: a finger there then would become part of it.
     const double learnt = streamTime() + 3.0;
@@ -284,7 +168,8 @@ TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalChec
     std::thread cancel([&] {
         QElapsedTimer t;
         t.start();
-        while (!log().contains("Light disturbance in laser alignment") && t.elapsed() < 90000)
+        while (run->fileText("velora.log").find("Light disturbance in laser alignment") == std::string::npos
+               && t.elapsed() < 90000)
             QThread::msleep(50);
         QThread::msleep(600);
         aligning = false;
@@ -305,7 +190,7 @@ TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalChec
     aligning = false;
     cancel.join();
     watch.join();
-    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(log().right(4000));
+    EXPECT_EQ(code, 0) << qPrintable(text) << "\n" << qPrintable(log());
     EXPECT_NE(text, "cancelled") << "left at the final check, the run counts as done";
 
     ASSERT_FALSE(someGreen.isNull()) << "a dot turned green while others waited";

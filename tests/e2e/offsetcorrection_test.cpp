@@ -9,6 +9,8 @@
 
 #include <QFile>
 
+#include <gmock/gmock.h>
+
 extern "C" {
 #include <xdo.h>
 }
@@ -81,11 +83,8 @@ std::pair<int, int> pointer()
     return {x, y};
 }
 
-struct Offsets {
-    double left, right, c, d, top, bottom;
-};
-
-Offsets inSettings()
+// In the order of user.ini's lines 5 to 10.
+std::vector<double> inSettings()
 {
     const GS* gs = GS::instance();
     return {gs->offsetLeft, gs->offsetRight, gs->offsetC, gs->offsetD, gs->offsetTop, gs->offsetBottom};
@@ -115,8 +114,7 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
     int phase = 0;
     std::atomic<bool> over{false};
     QObject context;
-    Offsets neutral{}, measured{};
-    std::vector<double> neutralFile, measuredFile;
+    std::vector<double> neutral, measured, neutralFile, measuredFile;
     std::vector<std::pair<int, int>> landed;
     const std::pair<int, int> touches[] = {{300, 200}, {1000, 650}};
     size_t before = 0;
@@ -167,25 +165,15 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
     ASSERT_GE(phase, 3) << "the corrections did not end; phase " << phase;
 
     // A desktop that takes touches as they are: no offset, and the file says so.
-    EXPECT_DOUBLE_EQ(neutral.left, 1.0);
-    EXPECT_DOUBLE_EQ(neutral.right, 1.0);
-    EXPECT_DOUBLE_EQ(neutral.top, 1.0);
-    EXPECT_DOUBLE_EQ(neutral.bottom, 1.0);
-    EXPECT_DOUBLE_EQ(neutral.c, 0.0);
-    EXPECT_DOUBLE_EQ(neutral.d, 0.0);
-    EXPECT_EQ(neutralFile, (std::vector<double>{1, 1, 0, 0, 1, 1}));
+    const std::vector<double> none{1, 1, 0, 0, 1, 1};
+    EXPECT_THAT(neutral, ::testing::Pointwise(::testing::DoubleEq(), none));
+    EXPECT_EQ(neutralFile, none);
 
     // The scaling desktop: both sides of x by 1 / 0.8, of y by 1 / 1.1, about its fixed point.
-    EXPECT_NEAR(measured.left, 1.25, 0.02);
-    EXPECT_NEAR(measured.right, 1.25, 0.02);
-    EXPECT_NEAR(measured.top, 1 / 1.1, 0.01);
-    EXPECT_NEAR(measured.bottom, 1 / 1.1, 0.01);
-    EXPECT_NEAR(measured.c, 560, 10);
-    EXPECT_NEAR(measured.d, 340, 3);
-    const double written[] = {measured.left, measured.right, measured.c, measured.d, measured.top, measured.bottom};
-    ASSERT_EQ(measuredFile.size(), 6u);
-    for (size_t i = 0; i < 6; ++i)
-        EXPECT_NEAR(measuredFile[i], written[i], 1e-4) << "user.ini line " << i + 5;
+    using ::testing::DoubleNear;
+    EXPECT_THAT(measured, ::testing::ElementsAre(DoubleNear(1.25, 0.02), DoubleNear(1.25, 0.02), DoubleNear(560, 10),
+                                                 DoubleNear(340, 3), DoubleNear(1 / 1.1, 0.01), DoubleNear(1 / 1.1, 0.01)));
+    EXPECT_THAT(measuredFile, ::testing::Pointwise(DoubleNear(1e-4), measured)) << "user.ini lines 5 to 10";
 
     ASSERT_EQ(landed.size(), std::size(touches)) << "touches after the correction";
     for (size_t i = 0; i < landed.size(); ++i) {

@@ -2,30 +2,20 @@
 // opened by velora-ctl. Its window must show what the emulated camera renders; Up and Down
 // reach the exposure register, Enter swings the filter, Esc closes it with the answer, and
 // the pointer output that was off meanwhile comes back. One velora run for all of it.
-#include "emulatedrun.h"
 #include "framerenderer.h"
 #include "scene.h"
 #include "streamclock.h"
-#include "xvfbserver.h"
+#include "velorarun.h"
 
 #include <QImage>
-#include <QStandardPaths>
-#include <QThread>
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
-#include <X11/Xutil.h>
-extern "C" {
-#include <xdo.h>
-}
 
 #include <algorithm>
-#include <memory>
 #include <cmath>
-#include <fstream>
-#include <functional>
+#include <memory>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -43,88 +33,9 @@ loop 4
 stroke stylus 3.0 0.8 size 9 brightness 380 path 400,300 1500,800
 )";
 
-QString userDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
-}
-
-bool waitUntil(const std::function<bool()>& done, int ms)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms)
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
-}
-
-class SensorViewerRun : public ::testing::Test {
+class SensorViewerRun : public ::testing::Test, protected VeloraRun {
 protected:
-    XvfbServer x;
-    std::unique_ptr<EmulatedRun> run;
-    Display* dpy = nullptr;
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(x.start("1920x1080x24")) << x.failure;
-        dpy = XOpenDisplay(x.display.c_str());
-        ASSERT_TRUE(dpy);
-        run = std::make_unique<EmulatedRun>(sceneText);
-        QProcessEnvironment env = run->process.processEnvironment();
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("QT_QUICK_BACKEND", "software");
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        run->process.setProcessEnvironment(env);
-        run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
-        QDir().mkpath(userDir());
-        ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
-                                    {QString::fromStdString(run->path("scene.txt")), userDir() + "stylus-velora.ini"}),
-                  0);
-        // The start-up's calibration load answers too, unasked: a command sent before it would
-        // take that answer as its own, and its own answer would go to the next command.
-        const QString answer = userDir() + "refifo";
-        QFile::remove(answer);
-        run->startVelora();
-        ASSERT_TRUE(waitUntil([&] { return QFile::exists(answer); }, 60000)) << qPrintable(log());
-    }
-    void TearDown() override
-    {
-        if (run)
-            run->process.kill();
-        if (dpy)
-            XCloseDisplay(dpy);
-    }
-
-    QString log() const { return QString::fromStdString(run->fileText("velora.log")).right(12000); }
-
-    std::pair<int, QString> ctl(const QStringList& command)
-    {
-        QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        p.setProcessEnvironment(env);
-        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
-        p.waitForFinished(90000);
-        return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
-    }
-
-    void key(const char* name)
-    {
-        xdo_t* xdo = xdo_new(x.display.c_str());
-        xdo_send_keysequence_window(xdo, CURRENTWINDOW, name, 12000);
-        xdo_free(xdo);
-    }
-
-    std::pair<int, int> pointer()
-    {
-        Window root, child;
-        int x0, y0, wx, wy;
-        unsigned m;
-        XQueryPointer(dpy, DefaultRootWindow(dpy), &root, &child, &x0, &y0, &wx, &wy, &m);
-        return {x0, y0};
-    }
+    void SetUp() override { start(sceneText, userDir() + "stylus-velora.ini", "1920x1080x24"); }
 
     // Whether the pointer moves within ms: the looping stroke moves it if the output is on.
     bool pointerMoves(int ms)
@@ -165,20 +76,6 @@ protected:
         if (children)
             XFree(children);
         return found;
-    }
-
-    QImage grab()
-    {
-        XSync(dpy, False);
-        const Window root = DefaultRootWindow(dpy);
-        XWindowAttributes a;
-        XGetWindowAttributes(dpy, root, &a);
-        XImage* xi = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
-        QImage img = QImage(reinterpret_cast<const uchar*>(xi->data), a.width, a.height, xi->bytes_per_line,
-                            QImage::Format_RGB32)
-                         .copy();
-        XDestroyImage(xi);
-        return img;
     }
 
     // The full frame the service assembles, as the emulator renders it: the device's window
@@ -286,13 +183,13 @@ TEST_F(SensorViewerRun, ShowsTheCameraTakesItsKeysAndGivesThePointerBack)
     EXPECT_GT(showsFrame("viewer_opened", *w, expectedFrame(80, false)), 0.97) << "the live picture";
     EXPECT_FALSE(pointerMoves(2500)) << "no pointer output while the viewer is open";
 
-    key("Up");
-    key("Up");
-    key("Down");
+    key("Up", 12000);
+    key("Up", 12000);
+    key("Down", 12000);
     EXPECT_TRUE(waitUntil([&] { return values("reg", 11, before).size() >= 3; }, 10000));
     EXPECT_EQ(values("reg", 11, before), (std::vector<int>{90, 100, 90}));
 
-    key("Return");
+    key("Return", 12000);
     viewer.join();
     EXPECT_EQ(viewerAnswer.first, 0) << "switching the filter answers the menu";
     EXPECT_EQ(values("out", 128, before), (std::vector<int>{1, 0}));
@@ -300,7 +197,7 @@ TEST_F(SensorViewerRun, ShowsTheCameraTakesItsKeysAndGivesThePointerBack)
 
     const QString answerFile = userDir() + "refifo";
     QFile::remove(answerFile);
-    key("Escape");
+    key("Escape", 12000);
     EXPECT_TRUE(waitUntil([&] { return QFile::exists(answerFile); }, 10000)) << "the answer when it closes";
     EXPECT_TRUE(waitUntil([&] { return !window("Sensor Viewer"); }, 10000)) << "the window goes";
     EXPECT_EQ(values("out", 64, before), (std::vector<int>{1, 0})) << "the filter back for tracking";

@@ -1,29 +1,40 @@
 #pragma once
 // velora -v on the emulated sensor and a private X server of the scene's desktop size, asked
-// by velora-ctl: what the tests of the guided procedures share.
+// by velora-ctl: what the tests of the guided procedures, the viewer and the alignment share.
+#include "calibration.h"
 #include "emulatedrun.h"
+#include "streamclock.h"
 #include "xvfbserver.h"
 
+#include <QImage>
 #include <QStandardPaths>
 #include <QThread>
 
 #include <X11/Xlib.h>
+#include <X11/Xutil.h>
+extern "C" {
+#include <xdo.h>
+}
 
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
 
 inline QString userDir()
 {
     return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
 }
 
-inline double distanceToSegment(double px, double py, double ax, double ay, double bx, double by)
-{
-    const double dx = bx - ax, dy = by - ay;
-    const double u = std::clamp(((px - ax) * dx + (py - ay) * dy) / (dx * dx + dy * dy), 0.0, 1.0);
-    return std::hypot(px - (ax + u * dx), py - (ay + u * dy));
-}
+// A press of an emulated person, from the truth file.
+struct Press {
+    double t;
+    int id;
+    std::string kind;
+    double targetX, targetY, pressX, pressY, sensorX, sensorY;
+};
 
 class VeloraRun {
 public:
@@ -40,9 +51,9 @@ public:
     }
 
     // calibration: the service starts with this file, the scene's own, as its stylus calibration.
-    void start(const std::string& scene, const QString& calibration = QString())
+    void start(const std::string& scene, const QString& calibration = QString(), const char* screen = "1280x800x24")
     {
-        ASSERT_TRUE(x.start("1280x800x24")) << x.failure;
+        ASSERT_TRUE(x.start(screen)) << x.failure;
         dpy = XOpenDisplay(x.display.c_str());
         ASSERT_TRUE(dpy);
         run = std::make_unique<EmulatedRun>(scene);
@@ -64,12 +75,9 @@ public:
         const QString answer = userDir() + "refifo";
         QFile::remove(answer);
         run->startVelora();
-        const auto ready = [&] { return calibration.isEmpty() ? log().contains("Fifo position") : QFile::exists(answer); };
-        QElapsedTimer t;
-        t.start();
-        while (!ready() && t.elapsed() < 60000)
-            QThread::msleep(50);
-        ASSERT_TRUE(ready()) << qPrintable(log());
+        ASSERT_TRUE(waitUntil([&] { return calibration.isEmpty() ? log().contains("Fifo position") : QFile::exists(answer); },
+                              60000))
+            << qPrintable(log());
     }
 
     // velora-ctl's exit code and line.
@@ -87,6 +95,14 @@ public:
     // What the service has logged so far.
     QString log() const { return QString::fromStdString(run->fileText("velora.log")).right(4000); }
 
+    // A key typed on the X server, to whatever window has the focus.
+    void key(const char* name, useconds_t delay = 0)
+    {
+        xdo_t* xdo = xdo_new(x.display.c_str());
+        xdo_send_keysequence_window(xdo, CURRENTWINDOW, name, delay);
+        xdo_free(xdo);
+    }
+
     std::pair<int, int> pointer()
     {
         Window root, child;
@@ -96,25 +112,82 @@ public:
         return {x0, y0};
     }
 
-    // Seconds since the stream started, by the last frame the emulator sent.
-    double streamTime() const
+    QImage grab()
     {
-        std::ifstream in(run->path("truth.txt"));
-        std::string line, last;
-        while (std::getline(in, line))
-            if (line.rfind("F ", 0) == 0)
-                last = line;
-        std::istringstream s(last);
-        std::string f, frame;
-        double t = 0;
-        s >> f >> frame >> t;
-        return t;
+        XSync(dpy, False);
+        const Window root = DefaultRootWindow(dpy);
+        XWindowAttributes a;
+        XGetWindowAttributes(dpy, root, &a);
+        XImage* xi = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
+        QImage img = QImage(reinterpret_cast<const uchar*>(xi->data), a.width, a.height, xi->bytes_per_line,
+                            QImage::Format_RGB32)
+                         .copy();
+        XDestroyImage(xi);
+        return img;
     }
 
-    // The desktop pointer's positions until the stream has passed the given time; the first
-    // is where it stood before.
-    std::vector<std::pair<int, int>> pointerUntil(double streamSeconds)
+    double streamTime() const { return streamSeconds(run->path("truth.txt")); }
+
+    // The truth file's lines of one kind ("P ", "R ", ...), as words.
+    std::vector<std::vector<std::string>> truth(const char* kind) const
     {
+        std::vector<std::vector<std::string>> out;
+        std::istringstream in(run->fileText("truth.txt"));
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind(kind, 0) != 0)
+                continue;
+            std::istringstream ws(line);
+            out.emplace_back();
+            for (std::string s; ws >> s;)
+                out.back().push_back(s);
+        }
+        return out;
+    }
+
+    std::vector<Press> presses() const
+    {
+        std::vector<Press> out;
+        for (const auto& w : truth("P ")) {
+            if (w.size() < 10)
+                continue;
+            out.push_back({std::stod(w[1]), std::stoi(w[2]), w[3], std::stod(w[4]), std::stod(w[5]), std::stod(w[6]),
+                           std::stod(w[7]), std::stod(w[8]), std::stod(w[9])});
+        }
+        return out;
+    }
+
+    // The file holds the 25 dots (of these margins, if given), each point where a press of that
+    // kind (any, if empty) on the dot, the last one within `near` desktop pixels of it, touched
+    // the sensor.
+    void expectPressedGrid(const QString& file, const std::string& kind, double near, double marginX = -1,
+                           double marginY = -1)
+    {
+        SCOPED_TRACE(file.toStdString());
+        std::unique_ptr<Calibration> c(Calibration::read(file.toLocal8Bit().constData()));
+        ASSERT_TRUE(c) << "the file was written";
+        ASSERT_EQ(c->srcPoints.size(), 25u);
+        if (marginX >= 0) {
+            EXPECT_DOUBLE_EQ(c->marginX, marginX);
+            EXPECT_DOUBLE_EQ(c->marginY, marginY);
+        }
+        const std::vector<Press> ps = presses();
+        const std::vector<EVector> dst = c->calcDstPoints(1280, 800);
+        for (size_t i = 0; i < dst.size(); ++i) {
+            const Press* last = nullptr;
+            for (const Press& p : ps)
+                if ((kind.empty() || p.kind == kind) && std::hypot(p.targetX - dst[i].x, p.targetY - dst[i].y) < near)
+                    last = &p;
+            ASSERT_TRUE(last) << "no " << kind << " press at dot " << i;
+            EXPECT_NEAR(c->srcPoints[i].x, last->sensorX, 1.0) << i;
+            EXPECT_NEAR(c->srcPoints[i].y, last->sensorY, 1.0) << i;
+        }
+    }
+
+    // The scene's stroke from (200, 200) to (1100, 620), played until the given stream time,
+    // moved the desktop's pointer along its path to its end.
+    void expectPointerFollowsStroke(double untilStreamSeconds)
+    {
+        // The first position is where the pointer stood before.
         std::vector<std::pair<int, int>> seen;
         QElapsedTimer t;
         t.start();
@@ -123,9 +196,18 @@ public:
             if (seen.empty() || seen.back() != p)
                 seen.push_back(p);
             QThread::msleep(5);
-            if (t.elapsed() % 500 < 6 && streamTime() > streamSeconds)
+            if (t.elapsed() % 500 < 6 && streamTime() > untilStreamSeconds)
                 break;
         }
-        return seen;
+        ASSERT_GT(seen.size(), 20u) << "the stroke moved the pointer";
+        double worst = 0;
+        for (size_t i = 1; i < seen.size(); ++i) {
+            const double px = seen[i].first - 200, py = seen[i].second - 200;
+            const double u = std::clamp((px * 900 + py * 420) / (900.0 * 900 + 420 * 420), 0.0, 1.0);
+            worst = std::max(worst, std::hypot(px - u * 900, py - u * 420));
+        }
+        printf("stroke at most %.1f desktop pixels off\n", worst);
+        EXPECT_LE(worst, 3.0) << "pointer positions off the stroke, of " << seen.size();
+        EXPECT_LE(std::hypot(seen.back().first - 1100, seen.back().second - 620), 10.0) << "the stroke's end was reached";
     }
 };

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <set>
+#include <tuple>
 
 namespace {
 
@@ -63,6 +65,14 @@ void expectSeenFramesMatchWhatWasSent(const EmulatedRun& run, size_t atLeast, si
     EXPECT_LE(cleared, 4 * changes);
 }
 
+// The probe run to its clean end.
+void probe(EmulatedRun& run, const QStringList& options, const QStringList& script, int ms = 120000)
+{
+    run.startProbe(options, script);
+    ASSERT_TRUE(run.finish(ms)) << qPrintable(run.output);
+    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output.right(4000));
+}
+
 } // namespace
 
 TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWindowArithmetic)
@@ -72,12 +82,10 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
                                               "REG= 0021, 123\nREG= 000B, 030\n";
     // 0.4 rounds to 0: window minima and the blanking formula, yet not exactly 0, so the
     // once-a-second regulator stays out of the way of the writes checked here.
-    run.startProbe({"--sensor", QString::fromStdString(run.path("sensor.conf")), "--factor", "0.4"},
-                   {"minimum", "100", "100", "window", "-5", "-5", "3", "3", "window", "745", "0", "100", "100",
-                    "binning", "3", "0", "exposure", "45", "laser", "1", "laser", "0", "filter", "1", "filter", "0",
-                    "frames", "3", "stop"});
-    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    ASSERT_NO_FATAL_FAILURE(probe(run, {"--sensor", QString::fromStdString(run.path("sensor.conf")), "--factor", "0.4"},
+                                  {"minimum", "100", "100", "window", "-5", "-5", "3", "3", "window", "745", "0", "100",
+                                   "100", "binning", "3", "0", "exposure", "45", "laser", "1", "laser", "0", "filter",
+                                   "1", "filter", "0", "frames", "3", "stop"}));
 
     const auto all = run.writes();
     ASSERT_FALSE(all.empty());
@@ -86,11 +94,8 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
 
     // The device always runs with the fixed blanking, whatever was asked.
     for (const Write& x : w) {
-        if (x.kind == "reg" && x.a == 5) {
-            EXPECT_EQ(x.b, 999);
-        }
-        if (x.kind == "reg" && x.a == 6) {
-            EXPECT_EQ(x.b, 47);
+        if (x.kind == "reg" && (x.a == 5 || x.a == 6)) {
+            EXPECT_EQ(x.b, x.a == 5 ? 999 : 47) << "register " << x.a;
         }
     }
     // The register file, in its order, before the stream's threads ran.
@@ -117,9 +122,7 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
 
     // Pauses of the pulses: 50 ms after every output write, 100 ms after each level.
     std::vector<Write> outs;
-    for (const Write& x : all)
-        if (x.kind == "out")
-            outs.push_back(x);
+    std::copy_if(all.begin(), all.end(), std::back_inserter(outs), [](const Write& x) { return x.kind == "out"; });
     ASSERT_EQ(outs.size(), 8u);
     for (size_t i = 1; i < outs.size(); ++i) {
         const double gap = outs[i].t - outs[i - 1].t;
@@ -129,29 +132,20 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     // The device streams the last geometry: 100 x 100 at (652, 0), 4 rows binned to one.
     const auto sent = run.truth();
     ASSERT_FALSE(sent.empty());
-    const auto& lastSent = sent.rbegin()->second;
-    EXPECT_EQ(lastSent.x, 652);
-    EXPECT_EQ(lastSent.y, 0);
-    EXPECT_EQ(lastSent.w, 100);
-    EXPECT_EQ(lastSent.h, 100);
-    EXPECT_EQ(lastSent.binX, 1);
-    EXPECT_EQ(lastSent.binY, 4);
-    EXPECT_EQ(lastSent.bytes, 2500);
+    const auto& l = sent.rbegin()->second;
+    EXPECT_EQ(std::tuple(l.x, l.y, l.w, l.h, l.binX, l.binY, l.bytes), std::tuple(652, 0, 100, 100, 1, 4, 2500));
     const auto seen = run.records();
     ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back().x, 652);
-    EXPECT_EQ(seen.back().w, 100);
-    EXPECT_EQ(seen.back().h, 25);
+    EXPECT_EQ(std::tuple(seen.back().x, seen.back().w, seen.back().h), std::tuple(652, 100, 25));
 }
 
 TEST(CapturePipeline, WindowAndBinningChangesWhileStreamingShowOnlyFramesOfTheNewGeometry)
 {
     EmulatedRun run("stamp on\n");
-    run.startProbe({}, {"frames", "10", "window", "100", "50", "200", "100", "frames", "10", "binning", "2", "2",
-                        "frames", "10", "window", "0", "0", "752", "480", "frames", "10", "binning", "1", "4", "frames", "10",
-                        "stop"});
-    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    ASSERT_NO_FATAL_FAILURE(probe(run, {},
+                                  {"frames", "10", "window", "100", "50", "200", "100", "frames", "10", "binning", "2",
+                                   "2", "frames", "10", "window", "0", "0", "752", "480", "frames", "10", "binning", "1",
+                                   "4", "frames", "10", "stop"}));
     expectSeenFramesMatchWhatWasSent(run, 40, 5);
 
     // Each geometry reached the callback.
@@ -170,9 +164,7 @@ TEST(CapturePipeline, ShortFramesAreDroppedWithTheirLogLine)
     EmulatedRun run("stamp on\nfault short 0.6 0.3\n");
     // Long enough past the fault that a sanitizer build on a busy machine, which delivers
     // a tenth of the frames, still shows the stream going on.
-    run.startProbe({}, {"sleep", "2000", "stop"});
-    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    ASSERT_NO_FATAL_FAILURE(probe(run, {}, {"sleep", "2000", "stop"}));
     EXPECT_TRUE(run.output.contains("low data: 180480  /  360960")) << qPrintable(run.output);
     expectSeenFramesMatchWhatWasSent(run, 10);
     // And the stream goes on after the fault.
@@ -185,9 +177,7 @@ TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
     EmulatedRun run("stamp on\n");
     // 100 ms per frame at 120 frames a second: the ring of four fills and stays full, even
     // when a loaded machine lets the device send only a fraction of its frames.
-    run.startProbe({"--callback-us", "100000"}, {"sleep", "2000", "stop"});
-    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    ASSERT_NO_FATAL_FAILURE(probe(run, {"--callback-us", "100000"}, {"sleep", "2000", "stop"}));
     const auto sent = run.truth();
     const auto seen = run.records();
     ASSERT_GE(seen.size(), 5u);
@@ -216,9 +206,7 @@ TEST(CapturePipeline, StreamsAtNormalPriorityWithoutTheRightToRaiseIt)
         const rlimit none{0, 0};
         setrlimit(RLIMIT_RTPRIO, &none);
     });
-    run.startProbe({}, {"frames", "30", "stop"});
-    ASSERT_TRUE(run.finish()) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output);
+    ASSERT_NO_FATAL_FAILURE(probe(run, {}, {"frames", "30", "stop"}));
     EXPECT_TRUE(run.output.contains("Error while setting thread priority to  99")) << qPrintable(run.output);
     expectSeenFramesMatchWhatWasSent(run, 30);
 }
@@ -237,9 +225,7 @@ TEST(CapturePipeline, TwoThousandFramesWithWindowChangesAndACleanStop)
     for (int k = 0; k < 20; ++k)
         script << windows[k % 5] << "frames" << "100";
     script << "stop";
-    run.startProbe({}, script);
-    ASSERT_TRUE(run.finish(300000)) << qPrintable(run.output);
-    ASSERT_TRUE(run.endedCleanly()) << qPrintable(run.output.right(4000));
+    ASSERT_NO_FATAL_FAILURE(probe(run, {}, script, 300000));
     EXPECT_TRUE(run.output.contains("cleaned up!"));
     expectSeenFramesMatchWhatWasSent(run, 2000, 20);
 }

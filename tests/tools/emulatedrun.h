@@ -10,12 +10,27 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
+
+// Whether done() came true within ms, asked every 20 ms.
+inline bool waitUntil(const std::function<bool()>& done, int ms)
+{
+    QElapsedTimer t;
+    t.start();
+    while (!done()) {
+        if (t.elapsed() > ms)
+            return false;
+        QThread::msleep(20);
+    }
+    return true;
+}
 
 class EmulatedRun
 {
@@ -27,6 +42,7 @@ public:
         std::string kind; // reg, out, start, clear-halt, ...
         int a = 0, b = 0, c = 0;  // reg: register, value; out: mask, level, data length
         bool operator==(const Write& o) const { return kind == o.kind && a == o.a && b == o.b && c == o.c; }
+        friend void PrintTo(const Write& w, std::ostream* os) { *os << w.kind << " " << w.a << " " << w.b << " " << w.c; }
     };
     // One frame the device sent.
     struct Sent {
@@ -86,16 +102,21 @@ public:
                   + options + script);
     }
 
-    // velora -v from a copy with the factory config/ beside it, as it is installed.
-    void startVelora()
+    // A copy of velora with the factory config/ beside it, as it is installed.
+    void installVelora()
     {
-        const QString program = dir.filePath("velora");
-        ASSERT_TRUE(QFile::copy(VELORA_BINARY, program));
+        ASSERT_TRUE(QFile::copy(VELORA_BINARY, dir.filePath("velora")));
         QDir().mkpath(dir.filePath("config"));
         const QDir factory(VELORA_SOURCE_DIR "/config");
         for (const QString& name : factory.entryList(QDir::Files))
             ASSERT_TRUE(QFile::copy(factory.filePath(name), dir.filePath("config/" + name)));
-        start(program, {"-v"});
+    }
+
+    // velora -v from that copy.
+    void startVelora()
+    {
+        ASSERT_NO_FATAL_FAILURE(installVelora());
+        start(dir.filePath("velora"), {"-v"});
     }
 
     bool waitForOutput(const QString& text, int ms = 60000)
@@ -131,21 +152,15 @@ public:
     std::vector<Write> writes() const
     {
         std::vector<Write> out;
-        for (const auto& w : words("log.txt")) {
-            if (w.size() < 3)
-                continue;
+        for (const std::string& line : lines("log.txt")) {
+            std::istringstream s(line);
             Write x;
-            x.t = std::stod(w[0]);
-            x.async = w[1] == "async";
-            x.kind = w[2];
-            if (x.kind == "reg" && w.size() >= 5) {
-                x.a = std::stoi(w[3]);
-                x.b = std::stoi(w[4]);
-            } else if (x.kind == "out" && w.size() >= 6) {
-                x.a = std::stoi(w[3]);
-                x.b = std::stoi(w[4]);
-                x.c = std::stoi(w[5]);
-            }
+            std::string mode;
+            if (!(s >> x.t >> mode >> x.kind))
+                continue;
+            x.async = mode == "async";
+            if (x.kind == "reg" || x.kind == "out")
+                s >> x.a >> x.b >> x.c;  // out has the data length too
             out.push_back(x);
         }
         return out;
@@ -182,20 +197,13 @@ public:
     std::map<long, Sent> truth() const
     {
         std::map<long, Sent> out;
-        for (const auto& w : words("truth.txt")) {
-            if (w.size() < 11 || w[0] != "F")
-                continue;
-            Sent s;
-            s.t = std::stod(w[2]);
-            s.ns = std::stoll(w[3]);
-            s.bytes = std::stoi(w[4]);
-            s.x = std::stoi(w[5]);
-            s.y = std::stoi(w[6]);
-            s.w = std::stoi(w[7]);
-            s.h = std::stoi(w[8]);
-            s.binX = std::stoi(w[9]);
-            s.binY = std::stoi(w[10]);
-            out[std::stol(w[1])] = s;
+        for (const std::string& line : lines("truth.txt")) {
+            std::istringstream s(line);
+            std::string tag;
+            long frame;
+            Sent x;
+            if (s >> tag >> frame >> x.t >> x.ns >> x.bytes >> x.x >> x.y >> x.w >> x.h >> x.binX >> x.binY && tag == "F")
+                out[frame] = x;
         }
         return out;
     }
@@ -203,11 +211,12 @@ public:
     std::vector<Seen> records() const
     {
         std::vector<Seen> out;
-        for (const auto& w : words("records.txt")) {
-            if (w.size() < 7 || w[0] != "C")
-                continue;
-            out.push_back({std::stol(w[1]), std::stoll(w[2]), std::stoi(w[3]), std::stoi(w[4]), std::stoi(w[5]),
-                           std::stoi(w[6])});
+        for (const std::string& line : lines("records.txt")) {
+            std::istringstream s(line);
+            std::string tag;
+            Seen x;
+            if (s >> tag >> x.stamp >> x.ns >> x.x >> x.y >> x.w >> x.h && tag == "C")
+                out.push_back(x);
         }
         return out;
     }
@@ -221,17 +230,12 @@ public:
     }
 
 private:
-    std::vector<std::vector<std::string>> words(const std::string& name) const
+    std::vector<std::string> lines(const std::string& name) const
     {
-        std::vector<std::vector<std::string>> out;
+        std::vector<std::string> out;
         std::ifstream in(path(name));
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream ws(line);
-            std::vector<std::string> w;
-            for (std::string s; ws >> s;)
-                w.push_back(s);
-            out.push_back(w);
-        }
+        for (std::string line; std::getline(in, line);)
+            out.push_back(line);
         return out;
     }
 

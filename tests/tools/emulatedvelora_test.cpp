@@ -4,7 +4,6 @@
 
 #include <QRegularExpression>
 #include <QStandardPaths>
-#include <QThread>
 
 #include <algorithm>
 
@@ -30,10 +29,7 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     run.startVelora();
     ASSERT_TRUE(run.waitForOutput("No device connected.")) << qPrintable(run.output);
     // The file is written afresh once a second: read it between two writes.
-    QElapsedTimer waiting;
-    waiting.start();
-    while (readStatus() != "Result=-1" && waiting.elapsed() < 10000)
-        QThread::msleep(20);
+    waitUntil([] { return readStatus() == "Result=-1"; }, 10000);
     EXPECT_EQ(readStatus(), "Result=-1");
     // It keeps asking, once a second, until the device is there.
     ASSERT_TRUE(run.waitForOutput("Sensor connect done")) << qPrintable(run.output);
@@ -47,15 +43,13 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     // The start-up goes on beside the stream, the filter's pulse on a thread of its own: wait
     // for both pulse writes and the fourteen register writes (each sent twice), whichever
     // comes last; a register written again later must not stand in for the pulse's end.
-    QElapsedTimer t;
-    t.start();
-    auto startupSeen = [&run] {
-        const auto w = run.controlWrites();
-        const auto outs = std::count_if(w.begin(), w.end(), [](const auto& x) { return x.kind == "out"; });
-        return outs >= 4 && std::ptrdiff_t(w.size()) - outs >= 28;
-    };
-    while (t.elapsed() < 30000 && !startupSeen())
-        QThread::msleep(50);
+    waitUntil(
+        [&run] {
+            const auto w = run.controlWrites();
+            const auto outs = std::count_if(w.begin(), w.end(), [](const auto& x) { return x.kind == "out"; });
+            return outs >= 4 && std::ptrdiff_t(w.size()) - outs >= 28;
+        },
+        30000);
     run.process.kill();
     run.finish();
 

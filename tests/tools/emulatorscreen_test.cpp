@@ -89,7 +89,7 @@ protected:
         while (std::chrono::steady_clock::now() < until && (!done || frames.empty() || !done(frames.rbegin()->second))) {
             auto f = s.grab();
             ASSERT_EQ(f.status, LIBUSB_TRANSFER_COMPLETED);
-            const uint32_t stamp = f.data[0] | f.data[1] << 8 | f.data[2] << 16 | static_cast<uint32_t>(f.data[3]) << 24;
+            const uint32_t stamp = f.stamp();
             std::fill(f.data.begin(), f.data.begin() + 4, 0);  // the stamp is no picture
             frames[stamp] = std::move(f.data);
         }
@@ -259,7 +259,7 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
                 const bool mine = spot != spotOfFrame.end() && std::stoi(spot->second[2]) == p.id;
                 EXPECT_EQ(held, mine) << "frame at " << t << " s";
                 if (mine && frames.count(stamp)) {
-                    auto [bx, by] = brightest(frames[stamp], 752, 752 * 480);
+                    auto [bx, by] = brightest(frames[stamp], 752);
                     EXPECT_NEAR(bx, p.sensorX, 1.0);
                     EXPECT_NEAR(by, p.sensorY, 1.0);
                 }

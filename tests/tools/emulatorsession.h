@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -23,6 +25,8 @@ public:
         int length = 0;
         std::vector<unsigned char> data;
         bool onHandlerThread = false;
+        // The device's frame number, in the first bytes when the scene stamps its frames.
+        uint32_t stamp() const { return data[0] | data[1] << 8 | data[2] << 16 | static_cast<uint32_t>(data[3]) << 24; }
     };
 
     explicit EmulatorSession(const std::string& sceneText, bool open = true)
@@ -114,12 +118,21 @@ public:
         std::ifstream in(dir + "/" + file);
         for (std::string line; std::getline(in, line);) {
             std::istringstream words(line);
-            std::vector<std::string> w;
-            for (std::string s; words >> s;) {
-                w.push_back(s);
-            }
-            out.push_back(w);
+            out.emplace_back();
+            for (std::string s; words >> s;)
+                out.back().push_back(s);
         }
+        return out;
+    }
+
+    // The requests the device logged, without their times; ends the session first.
+    std::vector<std::vector<std::string>> requests()
+    {
+        finish();
+        auto out = lines("log.txt");
+        for (auto& l : out)
+            if (!l.empty())
+                l.erase(l.begin());
         return out;
     }
 
@@ -128,23 +141,9 @@ public:
     libusb_device_handle* handle = nullptr;
 };
 
-// Brightest pixel of a frame, as column and row.
-inline std::pair<int, int> brightest(const std::vector<unsigned char>& data, int columns, int count)
+// Brightest pixel of a frame, the first of equals, as column and row.
+inline std::pair<int, int> brightest(const std::vector<unsigned char>& data, int columns)
 {
-    int best = 0;
-    for (int i = 1; i < count; ++i) {
-        if (data[static_cast<size_t>(i)] > data[static_cast<size_t>(best)]) {
-            best = i;
-        }
-    }
+    const int best = static_cast<int>(std::max_element(data.begin(), data.end()) - data.begin());
     return {best % columns, best / columns};
-}
-
-inline double meanOf(const std::vector<unsigned char>& data, int count)
-{
-    double sum = 0;
-    for (int i = 0; i < count; ++i) {
-        sum += data[static_cast<size_t>(i)];
-    }
-    return count ? sum / count : 0;
 }

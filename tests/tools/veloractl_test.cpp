@@ -36,11 +36,7 @@ protected:
                                         {QString::fromStdString(run.path("scene.txt")), velora() + kind + "-velora.ini"}),
                       0);
         ASSERT_TRUE(QFile::copy(tools + "/velora-ctl", run.dir.filePath("velora-ctl")));
-        ASSERT_TRUE(QFile::copy(VELORA_BINARY, run.dir.filePath("velora")));
-        QDir().mkpath(run.dir.filePath("config"));
-        const QDir factory(VELORA_SOURCE_DIR "/config");
-        for (const QString& name : factory.entryList(QDir::Files))
-            ASSERT_TRUE(QFile::copy(factory.filePath(name), run.dir.filePath("config/" + name)));
+        run.installVelora();
     }
 
     void startService()
@@ -59,9 +55,7 @@ protected:
                 QFile::remove(answer);
             return QFileInfo(answer).exists();
         };
-        for (int i = 0; i < 100 && !answered(); ++i)
-            QThread::msleep(50);
-        ASSERT_TRUE(answered()) << qPrintable(serviceLog());
+        ASSERT_TRUE(waitUntil(answered, 5000)) << qPrintable(serviceLog());
     }
 
     Reply ctl(const QStringList& command)
