@@ -18,6 +18,10 @@
 
 namespace {
 
+using ::testing::Each;
+using ::testing::Property;
+using ::testing::SizeIs;
+
 class CalibratedEmitter : public RecordingEmitter {
 public:
     Calibration calibration{3, 3, {}, {}, 0.1, 0.1, 0.0, false, true};
@@ -131,11 +135,8 @@ public:
     {
         std::vector<Blob> blobs;
         for (const EVector& p : at) {
-            Blob b(p.x / 2, p.y / 2, 5, 5, 0);
-            b.fx = p.x;
-            b.fy = p.y;
-            b.size = 12;
-            blobs.push_back(b);
+            blobs.push_back(spot(p.x / 2, p.y / 2, p.x, p.y));
+            blobs.back().size = 12;
         }
         emitter.frame(blobs);
     }
@@ -148,9 +149,8 @@ public:
 TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDotThenEnds)
 {
     start(1);
-    ASSERT_EQ(emitter.calibration.shifts.size(), 9u);
-    for (int d = 0; d < 9; ++d)
-        EXPECT_EQ(shift(d), 0.0) << "shifts learnt afresh";
+    ASSERT_THAT(emitter.calibration.shifts, SizeIs(9));
+    EXPECT_THAT(emitter.calibration.shifts, Each(Property(&EVector::length, 0.0))) << "shifts learnt afresh";
     EXPECT_FALSE(pointer.enabled);
     EXPECT_EQ(gs->stylusBgTopUpFrames, 0);
     ASSERT_EQ(lastState(), 0);
