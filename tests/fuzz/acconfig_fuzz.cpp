@@ -2,7 +2,7 @@
 // the two waits come from one line, and settings on lines past the file's end keep the
 // values they had.
 #include "autocalibration.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 #include "quietqt.h"
 
 #include <cstdint>

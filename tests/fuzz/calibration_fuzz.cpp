@@ -1,8 +1,7 @@
 // Feeds arbitrary bytes to the calibration file reader. Whatever it accepts must turn
 // into grids without faults, and must write out and read back to the same file.
 #include "calibration.h"
-#include "diskfile.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 #include "quietqt.h"
 #include "transformgrid.h"
 

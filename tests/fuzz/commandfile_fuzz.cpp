@@ -3,11 +3,11 @@
 // bytes, a file whose first line is empty stays for the next look; any other file is taken,
 // and what it gives is the command of its first non-blank byte, 1000 for a left-over one, or
 // nothing.
+#include "fuzzfile.h"
 #include "ipclistener.h"
 #include "quietqt.h"
 
 #include <QByteArray>
-#include <QDir>
 #include <QFile>
 
 #include <cstdint>
@@ -15,16 +15,13 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const QString path = QDir::temp().filePath(QString("velora-fuzz-fifo1-%1").arg(getpid()));
+    static DiskFile file("fifo1");
+    static const QString path = QString::fromLocal8Bit(file.path());
     if (size == 0)
         return 0;
     const bool leftOver = data[0] & 1;
     const QByteArray content(reinterpret_cast<const char*>(data + 1), qsizetype(size - 1));
-    {
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
-            std::abort();
-    }
+    file.write(data + 1, size - 1);
 
     const IpcListener::Command got = leftOver ? IpcListener::takeLeftOver(path) : IpcListener::take(path);
 

@@ -2,7 +2,7 @@
 // table or raise the one file error at a line of the file, and close the file either way.
 #include "configfileerror.h"
 #include "cyusbconfig.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 
 #include <fcntl.h>
 #include <unistd.h>

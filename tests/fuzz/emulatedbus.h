@@ -3,12 +3,13 @@
 // The emulated sensor, linked in place of libusb, with one open handle. Its boot loader
 // keeps every byte it is sent, so a target that loads firmware brings the bus up afresh now
 // and then to keep a long run's memory bounded.
-#include "memoryfile.h"
+#include "fuzzfile.h"
 
 #include <libusb.h>
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 class EmulatedBus {
 public:
@@ -23,6 +24,19 @@ public:
     }
 
     libusb_device_handle* handle() const { return handle_; }
+
+    // The device's memory from address on, as its vendor request gives it back; empty when it
+    // does not give all of it.
+    std::vector<uint8_t> memory(uint32_t address, size_t length) const
+    {
+        std::vector<uint8_t> bytes(length);
+        if (libusb_control_transfer(handle_, 0xC0, 0xA0, static_cast<uint16_t>(address & 0xFFFF),
+                                    static_cast<uint16_t>(address >> 16), bytes.data(), static_cast<uint16_t>(length),
+                                    1000)
+            != static_cast<int>(length))
+            bytes.clear();
+        return bytes;
+    }
 
     // Counts one input; every so many, unplugs and plugs the bus in again.
     void tick()

@@ -3,7 +3,7 @@
 // short to hold a value.
 #include "configfileerror.h"
 #include "emulatedbus.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 #include "quietqt.h"
 #include "sensor.h"
 

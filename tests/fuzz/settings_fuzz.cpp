@@ -2,7 +2,7 @@
 // or raise the one file error, and that exactly at the first line whose value is only blanks.
 #include "configfileerror.h"
 #include "globalsettings.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 #include "quietqt.h"
 
 #include <cstdint>

@@ -1,8 +1,7 @@
 // Feeds arbitrary bytes to the user settings reader as user.ini. Whatever it reads must
 // write out, and read back to the same file.
-#include "diskfile.h"
 #include "globalsettings.h"
-#include "memoryfile.h"
+#include "fuzzfile.h"
 #include "quietqt.h"
 
 #include <cstdint>

@@ -18,6 +18,10 @@
 
 namespace {
 
+using ::testing::Each;
+using ::testing::Property;
+using ::testing::SizeIs;
+
 class CalibratedEmitter : public RecordingEmitter {
 public:
     Calibration calibration{3, 3, {}, {}, 0.1, 0.1, 0.0, false, true};
@@ -61,36 +65,30 @@ public:
     bool retryView = false;
     QObject* target = nullptr;
 
-    void show(bool) override {}
-    void showLoading(bool) override {}
-    void sendEventsTo(QObject* object, const char*) override { target = object; }
-    void stopEventsTo(QObject*) override {}
-    void showLaserAlignDots(const std::vector<EVector>& p) override { with([&] { dots = p; accuracy.clear(); }); }
-    void showActiveLaserAlignDots(const std::vector<int>& d) override { with([&] { active = d; }); }
-    void setDotVisible(int, bool) override {}
-    void showLaserAlignInfo(int, DotInfoType) override {}
-    void setCustomAccuracyText(int, const QString&) override {}
-    void showHandOnDot(int, bool) override {}
-    void setLaserAlignAccuracy(int a, int dot) override { with([&] { accuracy[dot] = a; }); }
-    void setLaserAlignDebugPoint(EVector, double, double, double, double, int) override {}
-    void setLaserAlignAccuracyThreshold(int) override {}
-    void showAlignState(AlignState s) override { with([&] { states.push_back(static_cast<int>(s)); }); }
-    void showLaserAlignRetryCancelView(bool on) override { with([&] { retryView = on; }); }
-
-    // An event of the screen, delivered on the main thread as the screen does.
-    void send(int id) { QMetaObject::invokeMethod(target, "onUiEvent", Q_ARG(int, id)); }
-    template <typename F> auto read(F f)
+    // f under the lock, against the procedure's thread.
+    template <typename F> auto locked(F f)
     {
         std::lock_guard hold(lock);
         return f();
     }
+    void show(bool) override {}
+    void showLoading(bool) override {}
+    void sendEventsTo(QObject* object, const char*) override { target = object; }
+    void stopEventsTo(QObject*) override {}
+    void showLaserAlignDots(const std::vector<EVector>& p) override { locked([&] { dots = p; accuracy.clear(); }); }
+    void showActiveLaserAlignDots(const std::vector<int>& d) override { locked([&] { active = d; }); }
+    void setDotVisible(int, bool) override {}
+    void showLaserAlignInfo(int, DotInfoType) override {}
+    void setCustomAccuracyText(int, const QString&) override {}
+    void showHandOnDot(int, bool) override {}
+    void setLaserAlignAccuracy(int a, int dot) override { locked([&] { accuracy[dot] = a; }); }
+    void setLaserAlignDebugPoint(EVector, double, double, double, double, int) override {}
+    void setLaserAlignAccuracyThreshold(int) override {}
+    void showAlignState(AlignState s) override { locked([&] { states.push_back(static_cast<int>(s)); }); }
+    void showLaserAlignRetryCancelView(bool on) override { locked([&] { retryView = on; }); }
 
-private:
-    template <typename F> void with(F f)
-    {
-        std::lock_guard hold(lock);
-        f();
-    }
+    // An event of the screen, delivered on the main thread as the screen does.
+    void send(int id) { QMetaObject::invokeMethod(target, "onUiEvent", Q_ARG(int, id)); }
 };
 
 class LaserAlignmentTest : public ::testing::Test {
@@ -131,26 +129,22 @@ public:
     {
         std::vector<Blob> blobs;
         for (const EVector& p : at) {
-            Blob b(p.x / 2, p.y / 2, 5, 5, 0);
-            b.fx = p.x;
-            b.fy = p.y;
-            b.size = 12;
-            blobs.push_back(b);
+            blobs.push_back(spot(p.x / 2, p.y / 2, p.x, p.y));
+            blobs.back().size = 12;
         }
         emitter.frame(blobs);
     }
-    EVector dot(int i) { return screen->read([&] { return screen->dots.at(size_t(i)); }); }
+    EVector dot(int i) { return screen->locked([&] { return screen->dots.at(size_t(i)); }); }
     double shift(int d) { return emitter.calibration.shifts.at(size_t(d)).length(); }
-    int lastState() { return screen->read([&] { return screen->states.empty() ? -1 : screen->states.back(); }); }
-    std::vector<int> active() { return screen->read([&] { return screen->active; }); }
+    int lastState() { return screen->locked([&] { return screen->states.empty() ? -1 : screen->states.back(); }); }
+    std::vector<int> active() { return screen->locked([&] { return screen->active; }); }
 };
 
 TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDotThenEnds)
 {
     start(1);
-    ASSERT_EQ(emitter.calibration.shifts.size(), 9u);
-    for (int d = 0; d < 9; ++d)
-        EXPECT_EQ(shift(d), 0.0) << "shifts learnt afresh";
+    ASSERT_THAT(emitter.calibration.shifts, SizeIs(9));
+    EXPECT_THAT(emitter.calibration.shifts, Each(Property(&EVector::length, 0.0))) << "shifts learnt afresh";
     EXPECT_FALSE(pointer.enabled);
     EXPECT_EQ(gs->stylusBgTopUpFrames, 0);
     ASSERT_EQ(lastState(), 0);
@@ -159,7 +153,7 @@ TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDot
     // The finger is seen 12 right and 9 above its touch; a shift of 1 moves it 20 pixels.
     for (int d = 0; d < 9; ++d) {
         int frames = 0;
-        for (; frames < 200 && screen->read([&] { return screen->accuracy[d]; }) != 100; ++frames) {
+        for (; frames < 200 && screen->locked([&] { return screen->accuracy[d]; }) != 100; ++frames) {
             const EVector s = emitter.calibration.shifts[size_t(d)];
             frame({EVector(dot(d).x + 12 + 20 * s.x, dot(d).y - 9 + 20 * s.y)});
         }
@@ -227,12 +221,12 @@ INSTANTIATE_TEST_SUITE_P(
                  t.screen->send(6006);
                  t.frame({EVector(t.dot(5).x, t.dot(5).y - 700 * 0.022)});
              },
-             [](LaserAlignmentTest& t) { EXPECT_EQ(t.screen->read([&] { return t.screen->accuracy[5]; }), 100); }},
+             [](LaserAlignmentTest& t) { EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy[5]; }), 100); }},
         Case{"AtTheToleranceNothingHappens", 1, {},
              [](LaserAlignmentTest& t) { t.frame({EVector(t.dot(4).x + tolerance, t.dot(4).y)}); },
              [](LaserAlignmentTest& t) {
                  EXPECT_EQ(t.shift(4), 0.0);
-                 EXPECT_EQ(t.screen->read([&] { return t.screen->accuracy.count(4); }), 0u);
+                 EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy.count(4); }), 0u);
              }},
         Case{"RawOf98Point2PassesAThresholdOf99", 1, {},
              [](LaserAlignmentTest& t) {
@@ -240,19 +234,19 @@ INSTANTIATE_TEST_SUITE_P(
                  t.frame({EVector(t.dot(4).x + 1.8, t.dot(4).y), EVector(t.dot(4).x + 3, t.dot(4).y)});
              },
              [](LaserAlignmentTest& t) {
-                 EXPECT_EQ(t.screen->read([&] { return t.screen->accuracy[4]; }), 100);
+                 EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy[4]; }), 100);
                  EXPECT_EQ(t.active().size(), 9u) << "the screen keeps its dots; the procedure's list shrank";
                  EXPECT_EQ(t.shift(4), 0.0);
              }},
         Case{"LightAtTheStartShowsRetryWhichGoesToVertical", 1, {true},
              [](LaserAlignmentTest& t) {
-                 EXPECT_TRUE(t.screen->read([&] { return t.screen->retryView; }));
+                 EXPECT_TRUE(t.screen->locked([&] { return t.screen->retryView; }));
                  t.frame({t.dot(4)});
                  EXPECT_EQ(t.emitter.shiftUpdates, 1) << "no dot takes a finger behind the retry view";
                  t.screen->send(5011);
              },
              [](LaserAlignmentTest& t) {
-                 EXPECT_FALSE(t.screen->read([&] { return t.screen->retryView; }));
+                 EXPECT_FALSE(t.screen->locked([&] { return t.screen->retryView; }));
                  EXPECT_EQ(t.lastState(), 2);
                  EXPECT_EQ(t.active(), std::vector<int>{5});
              }},
@@ -260,7 +254,7 @@ INSTANTIATE_TEST_SUITE_P(
              [](LaserAlignmentTest& t) {
                  for (int d = 0; d < 9; ++d)
                      t.frame({t.dot(d)});
-                 ASSERT_TRUE(settle([&] { return t.screen->read([&] { return t.screen->retryView; }); }));
+                 ASSERT_TRUE(settle([&] { return t.screen->locked([&] { return t.screen->retryView; }); }));
                  t.screen->send(5000);
              },
              [](LaserAlignmentTest& t) {

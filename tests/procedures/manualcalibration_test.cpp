@@ -1,27 +1,22 @@
 // The dot-press calibration driven blob by blob, as the frame thread gives them, against a
 // recording screen and emitter; and the disturbance check it relies on.
-#include "activepen.h"
 #include "disturbancechecker.h"
-#include "globalsettings.h"
 #include "manualcalibration.h"
 #include "procedurestandins.h"
-#include "scopedsetting.h"
-#include "sensor.h"
 
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 namespace {
 
-Blob blobAt(double x, double y, int session, int state, double fx = 500, double fy = 400)
+using ::testing::ElementsAre;
+
+MATCHER_P3(CrosshairAt, x, y, index, "")
 {
-    Blob b(x, y, 5, 5, 0);
-    b.sessionId = session;
-    b.state = state;
-    b.fx = fx;
-    b.fy = fy;
-    return b;
+    return arg.index == index && std::abs(arg.x - x) <= 1 && std::abs(arg.y - y) <= 1;
 }
 
 class DisturbanceCheck : public ::testing::Test {
@@ -30,23 +25,21 @@ protected:
     ScopedSetting<int> period{gs->disturbanceCheckMs, 200};
     DisturbanceChecker checker;
 
-    // One blob at a screen position reported in the middle of a check.
+    // One blob at a screen position reported in the middle of each check.
     std::pair<bool, bool> verdictsFor(double fx, double fy)
     {
-        Blob b = blobAt(10, 10, 1, 0, fx, fy);
-        std::thread frame([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            checker.newBlob(&b, {&b}, nullptr);
-        });
-        const bool onScreen = checker.checkIsDisturbanceOnScreen();
-        frame.join();
-        std::thread again([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            checker.newBlob(&b, {&b}, nullptr);
-        });
-        const bool anywhere = checker.checkIsDisturbanceAnywhere();
-        again.join();
-        return {onScreen, anywhere};
+        Blob b = spot(10, 10, fx, fy, 1);
+        const auto during = [&](auto check) {
+            std::thread frame([&] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                checker.newBlob(&b, {&b}, nullptr);
+            });
+            const bool verdict = check();
+            frame.join();
+            return verdict;
+        };
+        return {during([&] { return checker.checkIsDisturbanceOnScreen(); }),
+                during([&] { return checker.checkIsDisturbanceAnywhere(); })};
     }
 };
 
@@ -72,7 +65,7 @@ TEST_F(DisturbanceCheck, OnlyBlobsDuringTheCheckCountAndEachCheckStartsClean)
 {
     gs->screenWidth = 1000;
     gs->screenHeight = 800;
-    Blob b = blobAt(10, 10, 1, 0);
+    Blob b = spot(10, 10, 500, 400, 1);
     checker.newBlob(&b, {&b}, nullptr);
     EXPECT_FALSE(checker.checkIsDisturbanceAnywhere()) << "a blob before the check";
     EXPECT_TRUE(verdictsFor(500, 400).first);
@@ -80,68 +73,41 @@ TEST_F(DisturbanceCheck, OnlyBlobsDuringTheCheckCountAndEachCheckStartsClean)
     EXPECT_FALSE(checker.checkIsDisturbanceOnScreen()) << "the verdict of the former check";
 }
 
-class DotPress : public ::testing::Test {
+class DotPress : public PenProcedureTest {
 protected:
-    GS* gs = GS::instance();
     QTemporaryDir dir;
-    ScopedSetting<int> period{gs->disturbanceCheckMs, 80};
     ScopedSetting<int> cols{gs->mcCols, 3};
-    // No frames reach the pen here: no background to top up.
-    ScopedSetting<int> topUp{gs->stylusBgTopUpFrames, 0};
     ScopedSetting<int> rows{gs->mcRows, 3};
     ScopedSetting<std::string> cache{gs->mcCachePath, dir.filePath("mcCache").toStdString()};
-    Sensor sensor{"", ""};
-    ActivePen pen;
-    RecordingEmitter emitter;
     RecordingMcScreen screen;
     std::unique_ptr<ManualCalibration> mc;
-    std::vector<int> statuses;
-    int session = 100;
 
     void SetUp() override
     {
-        gs->screenWidth = 1000;
-        gs->screenHeight = 800;
-        ActivePenContext c;
-        c.width = 752;
-        c.height = 480;
-        c.boxParameter = gs->boxParameter;
-        c.windowWidth = 752;
-        c.windowHeight = 480;
-        c.boxFactor = gs->boxFactor;
-        pen.start(nullptr, c);
-        pen.setInputMode(StylusCalibration);
-        mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
-        QObject::connect(mc.get(), &Procedure::finished, [this](int s) { statuses.push_back(s); });
+        PenProcedureTest::SetUp();
+        fresh();
     }
     void TearDown() override
     {
         mc.reset();
-        gs->screenWidth = 0;
-        gs->screenHeight = 0;
+        PenProcedureTest::TearDown();
     }
-
+    void fresh()
+    {
+        mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
+        record(mc.get());
+    }
     bool listening()
     {
         return settle([&] { return screen.count("loading 0") > 0; });
     }
-    bool ended() { return settle([&] { return !statuses.empty(); }); }
-
-    // Down, matched frames for holdMs, up, then one more frame with a blob in it.
+    // A press at a sensor position, then one more frame with a blob in it.
     void press(double x, double y, int holdMs)
     {
-        const int id = ++session;
-        emitter.frame({blobAt(x, y, id, 0)});
-        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(holdMs);
-        while (std::chrono::steady_clock::now() < until) {
-            QCoreApplication::processEvents();
-            emitter.frame({blobAt(x, y, id, 2)});
-            std::this_thread::sleep_for(std::chrono::milliseconds(8));
-        }
-        emitter.frame({blobAt(x, y, id, 1)});
-        QCoreApplication::processEvents();
+        PenProcedureTest::press([&](int id, int state) { return blobAt(x, y, id, state); }, holdMs);
         emitter.frame({blobAt(1, 1, 0, 1)});
     }
+    static Blob blobAt(double x, double y, int session, int state) { return spot(x, y, 500, 400, session, state); }
     size_t dotsShown() { return screen.crosshair().size(); }
 };
 
@@ -163,15 +129,11 @@ TEST_F(DotPress, EveryDotPressedInSnakeOrderBecomesTheCalibration)
         EXPECT_EQ(src[i].x, pressed[i].x) << i;
 
     // Down column 0, up column 1, down column 2, within the stylus margins of 2 and 3 percent.
-    const auto moves = screen.crosshair();
-    ASSERT_EQ(moves.size(), 9u) << "no crosshair past the last dot";
-    const int expect[9][2] = {{20, 24}, {20, 400}, {20, 776}, {500, 776}, {500, 400},
-                              {500, 24}, {980, 24}, {980, 400}, {980, 776}};
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(moves[i].index, i);
-        EXPECT_NEAR(moves[i].x, expect[i][0], 1) << i;
-        EXPECT_NEAR(moves[i].y, expect[i][1], 1) << i;
-    }
+    EXPECT_THAT(screen.crosshair(),
+                ElementsAre(CrosshairAt(20, 24, 0), CrosshairAt(20, 400, 1), CrosshairAt(20, 776, 2),
+                            CrosshairAt(500, 776, 3), CrosshairAt(500, 400, 4), CrosshairAt(500, 24, 5),
+                            CrosshairAt(980, 24, 6), CrosshairAt(980, 400, 7), CrosshairAt(980, 776, 8)))
+        << "no crosshair past the last dot";
     EXPECT_EQ(screen.count("show 00"), 1u);
     EXPECT_FALSE(QFile::exists(QString::fromStdString(gs->mcCachePath)));
 }
@@ -229,8 +191,7 @@ TEST_F(DotPress, LightDuringACheckEndsWithDisturbance)
 {
     for (const int dots : {0, 9}) {
         // A fresh run; the first one's disturbance left the screen no "loading 0".
-        mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
-        QObject::connect(mc.get(), &Procedure::finished, [this](int s) { statuses.push_back(s); });
+        fresh();
         statuses.clear();
         mc->start(&pen, false);
         if (dots) {

@@ -9,11 +9,16 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 namespace {
+
+using ::testing::DoubleNear;
+using ::testing::ElementsAre;
+using ::testing::Pointwise;
 
 class ClickScreen : public IOffsetCorrectionUi {
 public:
@@ -21,8 +26,7 @@ public:
     void sendClickEventsTo(QObject* object, const char* slot) override
     {
         target = object;
-        const std::string s(slot);
-        method = s.substr(1, s.find('(') - 1);
+        method = slotMethod(slot);
     }
     // A click of the window, delivered on the main thread after the present event.
     void click(int x, int y)
@@ -120,17 +124,13 @@ TEST_F(OffsetRun, RatiosAndCentreFollowFromWhereTheTouchesLand)
         ASSERT_TRUE(run(c.x, c.y)) << c.desktop;
         EXPECT_FALSE(screen.shown) << c.desktop;
         EXPECT_EQ(gs->pointerMode, 0) << c.desktop << ": the user's pointer mode is back";
-        const double got[] = {gs->offsetLeft, gs->offsetRight, gs->offsetC, gs->offsetTop, gs->offsetBottom,
-                              gs->offsetD};
-        const double want[] = {c.left, c.right, c.centreX, c.top, c.bottom, c.centreY};
-        const double tolerance[] = {0.01, 0.01, 2, 0.01, 0.01, 2};
-        for (int i = 0; i < 6; ++i)
-            EXPECT_NEAR(got[i], want[i], tolerance[i]) << c.desktop << ", value " << i;
-        const std::vector<double> saved = savedOffsets();
-        ASSERT_EQ(saved.size(), 6u) << c.desktop;
-        const int order[] = {0, 1, 2, 5, 3, 4}; // left, right, C, D, top, bottom in the file
-        for (int i = 0; i < 6; ++i)
-            EXPECT_NEAR(saved[i], got[order[i]], 1e-4) << c.desktop << ", line " << i + 5;
+        // In user.ini's order: left, right, C, D, top, bottom.
+        const std::vector<double> got{gs->offsetLeft, gs->offsetRight, gs->offsetC,
+                                      gs->offsetD,    gs->offsetTop,   gs->offsetBottom};
+        EXPECT_THAT(got, ElementsAre(DoubleNear(c.left, 0.01), DoubleNear(c.right, 0.01), DoubleNear(c.centreX, 2),
+                                     DoubleNear(c.centreY, 2), DoubleNear(c.top, 0.01), DoubleNear(c.bottom, 0.01)))
+            << c.desktop;
+        EXPECT_THAT(savedOffsets(), Pointwise(DoubleNear(1e-4), got)) << c.desktop;
     }
 }
 
