@@ -229,6 +229,8 @@ TEST(SensorDevice, OnlyOurDeviceIsCountedEvenWhenPluggedInLater)
     EXPECT_NE(s.handle, nullptr);
 
     // Other devices are not counted.
-    Sensor other(tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n").c_str(), "/nonexistent");
+    // The Sensor keeps the path's pointer: the string must outlive it.
+    const std::string otherConf = tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n");
+    Sensor other(otherConf.c_str(), "/nonexistent");
     EXPECT_EQ(other.getSensorCount(), 0);
 }
