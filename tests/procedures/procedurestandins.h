@@ -201,6 +201,9 @@ protected:
     ActivePen pen;
     RecordingEmitter emitter;
     std::vector<int> statuses;
+    // Endings come from the procedures' worker threads; through this they land on the test's
+    // thread, where the checks read them.
+    QObject inbox;
     int session = 100;
 
     void SetUp() override
@@ -222,7 +225,7 @@ protected:
     }
     void record(Procedure* p)
     {
-        QObject::connect(p, &Procedure::finished, [this](int s) { statuses.push_back(s); });
+        QObject::connect(p, &Procedure::finished, &inbox, [this](int s) { statuses.push_back(s); });
     }
     bool ended() { return settle([&] { return !statuses.empty(); }); }
 
