@@ -706,18 +706,22 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
     }
     rs.extraSpots = &pressedSpots;
     renderer->render(buffer->data(), g, rs, spots);
-    const auto doneAt = Clock::now();
-    writeTruth(frame, t, std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),
-               actual, g);
     lock.lock();
 
+    // The completion instant is the hand-over itself: the ground truth is this emulator's own
+    // log, and the time spent writing it must not count as the consumer's latency.
+    const auto doneAt = Clock::now();
     if (st->cancelRequested || unplugged) {
         pool.push_back(buffer);
         complete(x, st->cancelRequested ? LIBUSB_TRANSFER_CANCELLED : LIBUSB_TRANSFER_NO_DEVICE, 0);
-        return;
+    } else {
+        st->frame = buffer;
+        complete(x, LIBUSB_TRANSFER_COMPLETED, actual);
     }
-    st->frame = buffer;
-    complete(x, LIBUSB_TRANSFER_COMPLETED, actual);
+    lock.unlock();
+    writeTruth(frame, t, std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),
+               actual, g);
+    lock.lock();
 }
 
 void UsbEmulator::writeTruth(uint64_t frame, double t, int64_t monoNs, int bytes, const FrameGeometry& g)
