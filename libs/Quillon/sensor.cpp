@@ -74,7 +74,7 @@ void runBlankingRegulator(Sensor* s, int count)
         s->setBlankingSync(s->sentHorizontalBlanking - 10);
 }
 
-void copyWindow(Sensor* s, const imageBuffer* b)
+void copyWindow(Sensor* s, imageBuffer* b)
 {
     const int full = s->fullFrameBytes;
     const int offset = s->frameOffset;
@@ -82,6 +82,12 @@ void copyWindow(Sensor* s, const imageBuffer* b)
         return;
     const int row = s->rowBytes;
     const int stride = s->sensorWidth;
+    // A window of the whole sensor is the frame as it stands: the buffer and the frame trade
+    // places, which spares a copy of the whole picture on every frame.
+    if (offset == 0 && row == stride && b->size == full) {
+        std::swap(s->frame, b->data);
+        return;
+    }
     for (int r = 0;; ++r) {
         const int target = offset + r * stride;
         memcpy(s->frame + target, b->data + r * row, static_cast<size_t>(std::min(row, full - target)));
@@ -581,19 +587,55 @@ void raisePriority()
         qDebug() << "[CySensor] Error while setting thread priority to " << UsbThreadPriority;
 }
 
+// Transfer buffers, image buffers and the frame trade places, so either all of them are the
+// kernel's mapped memory, which the device fills without the copy at each reap, or none: a
+// kernel that cannot map it gets plain memory.
+std::vector<unsigned char*> ringMemory(Sensor* s, size_t n)
+{
+    const size_t count = 2 * static_cast<size_t>(s->bufferCount) + 1;
+    std::vector<unsigned char*> blocks;
+    while (blocks.size() < count) {
+        unsigned char* p = libusb_dev_mem_alloc(s->handle, n);
+        if (!p)
+            break;
+        blocks.push_back(p);
+    }
+    s->deviceMemory = blocks.size() == count;
+    if (!s->deviceMemory) {
+        for (unsigned char* p : blocks)
+            libusb_dev_mem_free(s->handle, p, n);
+        blocks.clear();
+        while (blocks.size() < count)
+            blocks.push_back(static_cast<unsigned char*>(calloc(n, 1)));
+    }
+    return blocks;
+}
+
+void freeRingMemory(Sensor* s, unsigned char* p)
+{
+    if (s->deviceMemory)
+        libusb_dev_mem_free(s->handle, p, bufferBytes(s));
+    else
+        free(p);
+}
+
 void allocateBuffers(Sensor* s)
 {
     const size_t n = bufferBytes(s);
-    s->frame = static_cast<unsigned char*>(calloc(n, 1));
+    std::vector<unsigned char*> blocks = ringMemory(s, n);
+    s->frame = blocks.back();
+    blocks.pop_back();
     for (int k = 0; k < s->bufferCount; ++k) {
         auto* b = new imageBuffer;
-        b->data = static_cast<unsigned char*>(calloc(n, 1));
+        b->data = blocks.back();
+        blocks.pop_back();
         s->imageBuffers.push_back(b);
     }
     s->xfers = new xferContext*[static_cast<size_t>(s->bufferCount)];
     for (int k = 0; k < s->bufferCount; ++k) {
         auto* x = new xferContext;
-        x->data = static_cast<unsigned char*>(calloc(n, 1));
+        x->data = blocks.back();
+        blocks.pop_back();
         s->xfers[k] = x;
         s->beginXfer(x);
     }
@@ -633,7 +675,7 @@ void releaseBuffers(Sensor* s)
         if (x->done == 1) {
             if (x->transfer)
                 libusb_free_transfer(x->transfer);
-            free(x->data);
+            freeRingMemory(s, x->data);
             delete x;
         }
     }
@@ -641,10 +683,10 @@ void releaseBuffers(Sensor* s)
     s->xfers = nullptr;
     qDebug() << "Free buffers";
     for (imageBuffer* b : s->imageBuffers) {
-        free(b->data);
+        freeRingMemory(s, b->data);
         delete b;
     }
-    free(s->frame);
+    freeRingMemory(s, s->frame);
     s->frame = nullptr;
     s->imageBuffers.clear();
 }

@@ -72,6 +72,9 @@ public:
     std::atomic<int> geometry{0};
     // Rung by the USB thread for each buffer it fills; the image thread waits on it.
     FrameDoorbell frameFilled;
+    // The ring's buffers and the frame are memory the kernel maps for the device, filled
+    // without a copy.
+    bool deviceMemory = false;
 
     Sensor(const char* cyusbConfPath, const char* sensorConfPath);
 

@@ -135,6 +135,10 @@ libusb_transfer* libusb_alloc_transfer(int)
 
 void libusb_free_transfer(libusb_transfer* t) { free(t); }
 
+// A kernel that cannot map transfer memory: the ring falls back to plain memory.
+unsigned char* libusb_dev_mem_alloc(libusb_device_handle*, size_t) { return nullptr; }
+int libusb_dev_mem_free(libusb_device_handle*, unsigned char*, size_t) { return LIBUSB_ERROR_INVALID_PARAM; }
+
 int libusb_submit_transfer(libusb_transfer* t)
 {
     auto& d = fakeusb::device();

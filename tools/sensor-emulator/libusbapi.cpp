@@ -370,6 +370,16 @@ EMU_EXPORT int LIBUSB_CALL libusb_submit_transfer(struct libusb_transfer* transf
     return emu().submit(transfer);
 }
 
+EMU_EXPORT unsigned char* LIBUSB_CALL libusb_dev_mem_alloc(libusb_device_handle* handle, size_t length)
+{
+    return emu().deviceMemory(handle, length);
+}
+
+EMU_EXPORT int LIBUSB_CALL libusb_dev_mem_free(libusb_device_handle*, unsigned char* buffer, size_t)
+{
+    return emu().freeDeviceMemory(buffer);
+}
+
 EMU_EXPORT int LIBUSB_CALL libusb_cancel_transfer(struct libusb_transfer* transfer)
 {
     return emu().cancel(transfer);

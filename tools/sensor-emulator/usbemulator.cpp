@@ -179,6 +179,7 @@ void UsbEmulator::exit()
         logFile = nullptr;
     }
     if (truthFile) {
+        writeTruth();
         std::fclose(truthFile);
         truthFile = nullptr;
     }
@@ -472,6 +473,26 @@ void UsbEmulator::interruptEvents()
     eventCv.notify_all();
 }
 
+unsigned char* UsbEmulator::deviceMemory(libusb_device_handle* handle, size_t length)
+{
+    std::lock_guard<std::mutex> lock(mu);
+    if (checkLocked(handle) || length == 0)
+        return nullptr;
+    auto* block = static_cast<unsigned char*>(std::calloc(length, 1));
+    if (block)
+        mapped[block] = length;
+    return block;
+}
+
+int UsbEmulator::freeDeviceMemory(unsigned char* block)
+{
+    std::lock_guard<std::mutex> lock(mu);
+    if (mapped.erase(block) == 0)
+        return LIBUSB_ERROR_INVALID_PARAM;
+    std::free(block);
+    return LIBUSB_SUCCESS;
+}
+
 int UsbEmulator::handleEvents(const timeval* timeout, int* completed)
 {
     thread_local std::vector<libusb_transfer*> batch;
@@ -509,7 +530,7 @@ int UsbEmulator::handleEvents(const timeval* timeout, int* completed)
             std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         }
         TransferState* st = stateOf(t);
-        // Data reaches the caller's buffer at the reap, as with the kernel's USB file system.
+        // Into plain memory data is copied at the reap, as with the kernel's USB file system.
         if (st->frame && t->actual_length > 0) {
             std::memcpy(t->buffer, st->frame->data(), static_cast<size_t>(t->actual_length));
         }
@@ -591,6 +612,7 @@ void UsbEmulator::serviceTimers(Clock::time_point now)
             complete(t, LIBUSB_TRANSFER_NO_DEVICE, 0);
         }
         if (truthFile) {
+            writeTruth();
             std::fflush(truthFile);
         }
     }
@@ -635,6 +657,7 @@ void UsbEmulator::deviceLoop()
 
 void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_point now)
 {
+    writeTruth();
     const uint64_t frame = frameNumber++;
     const double t = sinceStart(nextTick);
     // What the projector shows and the users see: the screen as it was a latency ago.
@@ -692,7 +715,11 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
         bytes = shortFault->bytes >= 0 ? std::min(bytes, shortFault->bytes) : bytes / 2;
     }
     const int actual = std::max(0, std::min(bytes, x->length));
-    std::vector<uint8_t>* buffer = takeBuffer(static_cast<size_t>(std::max(1, g.bytes())));
+    auto block = mapped.find(x->buffer);
+    // The device writes no further than the transfer reaches: a shorter one goes by the copy.
+    const bool direct = block != mapped.end() && x->length >= g.bytes() && block->second >= static_cast<size_t>(g.bytes());
+    std::vector<uint8_t>* buffer = direct ? nullptr : takeBuffer(static_cast<size_t>(std::max(1, g.bytes())));
+    unsigned char* target = direct ? x->buffer : buffer->data();
 
     lock.unlock();
     // Built on the first frame, not at init: a session that only loads firmware or reads
@@ -705,35 +732,38 @@ void UsbEmulator::frameTick(std::unique_lock<std::mutex>& lock, Clock::time_poin
         p = renderer->spotAt(p.id, p.kind, p.screenX, p.screenY, p.size, p.brightness, g, rs.laserOn);
     }
     rs.extraSpots = &pressedSpots;
-    renderer->render(buffer->data(), g, rs, spots);
+    renderer->render(target, g, rs, spots);
     lock.lock();
 
-    // The completion instant is the hand-over itself: the ground truth is this emulator's own
-    // log, and the time spent writing it must not count as the consumer's latency.
+    // The completion instant is the hand-over itself.
     const auto doneAt = Clock::now();
     if (st->cancelRequested || unplugged) {
-        pool.push_back(buffer);
+        if (buffer)
+            pool.push_back(buffer);
         complete(x, st->cancelRequested ? LIBUSB_TRANSFER_CANCELLED : LIBUSB_TRANSFER_NO_DEVICE, 0);
     } else {
         st->frame = buffer;
         complete(x, LIBUSB_TRANSFER_COMPLETED, actual);
     }
-    lock.unlock();
-    writeTruth(frame, t, std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),
-               actual, g);
-    lock.lock();
+    // The ground truth is this emulator's own log: it is written at the next tick, so that
+    // neither its time nor its processor share falls in the consumer's handling of the frame.
+    pendingTruth = PendingTruth{true, frame, t,
+                                std::chrono::duration_cast<std::chrono::nanoseconds>(doneAt.time_since_epoch()).count(),
+                                actual, g};
 }
 
-void UsbEmulator::writeTruth(uint64_t frame, double t, int64_t monoNs, int bytes, const FrameGeometry& g)
+void UsbEmulator::writeTruth()
 {
-    if (!truthFile) {
+    if (!truthFile || !pendingTruth.due) {
         return;
     }
-    std::fprintf(truthFile, "F %llu %.6f %lld %d %d %d %d %d %d %d\n", static_cast<unsigned long long>(frame), t,
-                 static_cast<long long>(monoNs), bytes, g.x, g.y, g.width, g.height, g.binX, g.binY);
+    const PendingTruth& p = pendingTruth;
+    pendingTruth.due = false;
+    const unsigned long long frame = p.frame;
+    std::fprintf(truthFile, "F %llu %.6f %lld %d %d %d %d %d %d %d\n", frame, p.t, static_cast<long long>(p.monoNs),
+                 p.bytes, p.g.x, p.g.y, p.g.width, p.g.height, p.g.binX, p.g.binY);
     for (const auto& s : spots) {
-        std::fprintf(truthFile, "S %llu %d %s %.3f %.3f %.3f %.3f %.3f %.3f %d\n",
-                     static_cast<unsigned long long>(frame), s.id,
+        std::fprintf(truthFile, "S %llu %d %s %.3f %.3f %.3f %.3f %.3f %.3f %d\n", frame, s.id,
                      s.kind == Scene::SpotKind::Stylus ? "stylus" : "finger", s.screenX, s.screenY, s.sensorX,
                      s.sensorY, s.imageX, s.imageY, s.lit ? 1 : 0);
     }

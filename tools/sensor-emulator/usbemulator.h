@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -60,6 +61,10 @@ public:
     int submit(libusb_transfer* transfer);
     int cancel(libusb_transfer* transfer);
     int handleEvents(const timeval* timeout, int* completed);
+    // Transfer memory mapped for the device, as the kernel's USB file system gives it: the
+    // device writes a frame straight into it, and the reap copies nothing.
+    unsigned char* deviceMemory(libusb_device_handle* handle, size_t length);
+    int freeDeviceMemory(unsigned char* block);
     void interruptEvents();
 
 private:
@@ -80,7 +85,7 @@ private:
     void frameTick(std::unique_lock<std::mutex>& lock, Clock::time_point now);
     void startWatchingScreen();
     void updateUsers(double t, const ScreenCapture::Look* look);
-    void writeTruth(uint64_t frame, double t, int64_t monoNs, int bytes, const FrameGeometry& g);
+    void writeTruth();
     std::vector<uint8_t>* takeBuffer(size_t bytes);
 
     mutable std::mutex mu;
@@ -114,6 +119,16 @@ private:
     std::deque<libusb_transfer*> done;
     std::vector<std::vector<uint8_t>*> pool;
     std::vector<SpotTruth> spots;
+    // The last frame's truth: its spots stay in spots until the next frame is rendered.
+    struct PendingTruth {
+        bool due = false;
+        uint64_t frame = 0;
+        double t = 0;
+        int64_t monoNs = 0;
+        int bytes = 0;
+        FrameGeometry g;
+    } pendingTruth;
+    std::map<unsigned char*, size_t> mapped;
 
     // The X screen as projector and users see it, and the users; made at the start request
     // when the scene has a projector or users.
