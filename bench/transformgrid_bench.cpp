@@ -1,10 +1,12 @@
 // Per-blob mapping costs, each against one plain projective map of a point (the reference).
 #include "bloblist.h"
 #include "calibration.h"
+#include "normalundistortion.h"
 #include "perspectivetransform.h"
 #include "transformgrid.h"
 
 #include <benchmark/benchmark.h>
+#include <opencv2/calib3d.hpp>
 
 #include <memory>
 
@@ -40,6 +42,41 @@ void BM_PerspectiveTransformFilter(benchmark::State& state)
     }
 }
 BENCHMARK(BM_PerspectiveTransformFilter);
+
+// The lens correction of a blob's point, against the library call it replaces (its reference).
+NormalUndistortion factoryLens()
+{
+    NormalUndistortion lens;
+    lens.intrinsicMatrix = (cv::Mat_<double>(3, 3) << 400, 0, 376, 0, 400, 240, 0, 0, 1);
+    lens.distortionCoeffs = (cv::Mat_<double>(5, 1) << -0.1215, 0.0483, 0.00041, -0.00027, -0.0096);
+    lens.ready = true;
+    return lens;
+}
+
+void BM_NormalUndistortion(benchmark::State& state)
+{
+    NormalUndistortion lens = factoryLens();
+    EVector p(600.25, 80.5);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(p);
+        benchmark::DoNotOptimize(lens.undistort(p));
+    }
+}
+BENCHMARK(BM_NormalUndistortion);
+
+void BM_OpenCvUndistortPoints(benchmark::State& state)
+{
+    const NormalUndistortion lens = factoryLens();
+    double in[2] = {600.25, 80.5}, out[2];
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(in);
+        const cv::Mat src(1, 1, CV_64FC2, in);
+        cv::Mat dst(1, 1, CV_64FC2, out);
+        cv::undistortPoints(src, dst, lens.intrinsicMatrix, lens.distortionCoeffs, cv::noArray(), lens.intrinsicMatrix);
+        benchmark::DoNotOptimize(out);
+    }
+}
+BENCHMARK(BM_OpenCvUndistortPoints);
 
 void BM_TransformGridFilter(benchmark::State& state)
 {
