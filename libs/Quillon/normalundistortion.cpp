@@ -71,8 +71,8 @@ EVector NormalUndistortion::undistort(EVector p)
                 const double icdist = (1 + ((k[7] * r2 + k[6]) * r2 + k[5]) * r2)
                                       / (1 + ((k[4] * r2 + k[1]) * r2 + k[0]) * r2);
                 if (icdist < 0) {
-                    x = (p.x - cx) * ifx;
-                    y = (p.y - cy) * ify;
+                    x = x0;
+                    y = y0;
                     break;
                 }
                 const double deltaX = 2 * k[2] * x * y + k[3] * (r2 + 2 * x * x) + k[8] * r2 + k[9] * r2 * r2;

@@ -160,7 +160,7 @@ TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDot
         const EVector s = emitter.calibration.shifts[size_t(d)];
         EXPECT_LE(std::hypot(12 + 20 * s.x, -9 + 20 * s.y), 1.0 + 1e-9) << "dot " << d << " after " << frames << " frames";
     }
-    ASSERT_TRUE(settle([&] { return endings > 0; }));
+    ASSERT_TRUE(waitFor([&] { return endings > 0; }));
     EXPECT_EQ(status, 0);
     EXPECT_EQ(emitter.calibration.extras, std::vector<double>(9, 0.0));
     EXPECT_EQ(gs->stylusBgTopUpFrames, 5) << "restored";
@@ -254,11 +254,11 @@ INSTANTIATE_TEST_SUITE_P(
              [](LaserAlignmentTest& t) {
                  for (int d = 0; d < 9; ++d)
                      t.frame({t.dot(d)});
-                 ASSERT_TRUE(settle([&] { return t.screen->locked([&] { return t.screen->retryView; }); }));
+                 ASSERT_TRUE(waitFor([&] { return t.screen->locked([&] { return t.screen->retryView; }); }));
                  t.screen->send(5000);
              },
              [](LaserAlignmentTest& t) {
-                 ASSERT_TRUE(settle([&] { return t.endings > 0; }));
+                 ASSERT_TRUE(waitFor([&] { return t.endings > 0; }));
                  EXPECT_EQ(t.status, 0);
                  EXPECT_EQ(t.gs->stylusBgTopUpFrames, 5);
              }}),

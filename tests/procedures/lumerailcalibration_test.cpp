@@ -41,7 +41,7 @@ protected:
         lrc = std::make_unique<LumerailCalibration>(&screen, &emitter, &sensor);
         record(lrc.get());
         lrc->start(&pen);
-        ASSERT_TRUE(settle([&] { return screen.count("loading 0") > 0; }));
+        ASSERT_TRUE(waitFor([&] { return screen.count("loading 0") > 0; }));
     }
     void TearDown() override
     {

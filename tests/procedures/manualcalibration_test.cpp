@@ -99,7 +99,7 @@ protected:
     }
     bool listening()
     {
-        return settle([&] { return screen.count("loading 0") > 0; });
+        return waitFor([&] { return screen.count("loading 0") > 0; });
     }
     // A press at a sensor position, then one more frame with a blob in it.
     void press(double x, double y, int holdMs)
@@ -154,7 +154,7 @@ TEST_F(DotPress, ShortPressesSecondFingersAndUndoKeepTheCountRight)
     QCoreApplication::processEvents();
     emitter.frame({blobAt(300, 200, 1, 2), blobAt(600, 300, 2, 0)});
     emitter.frame({blobAt(300, 200, 1, 2), blobAt(600, 300, 2, 1)});
-    settle([&] { return screen.count("check mark") > 0; }, 2000);
+    waitFor([&] { return screen.count("check mark") > 0; }, 2000);
     EXPECT_EQ(dotsShown(), 1u) << "the second finger's lift ended the press";
     emitter.frame({blobAt(300, 200, 1, 1)});
     ASSERT_EQ(dotsShown(), 2u) << "the lift of the first finger";

@@ -91,7 +91,7 @@ protected:
         std::atomic<bool> over{false};
         QObject::connect(&oc, &IOffsetCorrection::finished, &context, [&] { over = true; }, Qt::QueuedConnection);
         oc.start();
-        const bool ended = settle([&] { return over.load(); }, 30000);
+        const bool ended = waitFor([&] { return over.load(); }, 30000);
         emitter.desktop = nullptr;
         return ended;
     }

@@ -4,6 +4,7 @@
 // a procedure driven by pen presses.
 #include "activepen.h"
 #include "calibration.h"
+#include "eventwait.h"
 #include "globalsettings.h"
 #include "iblobemitter.h"
 #include "ibloblistener.h"
@@ -177,19 +178,6 @@ private:
     std::vector<Move> moves;
 };
 
-// Runs the main thread's events until the condition holds or ten seconds have passed.
-inline bool settle(const std::function<bool()>& done, int timeoutMs = 10000)
-{
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 // A procedure of presses with the active pen on a 1000 x 800 desktop, its endings recorded.
 class PenProcedureTest : public ::testing::Test {
 protected:
@@ -227,7 +215,7 @@ protected:
     {
         QObject::connect(p, &Procedure::finished, &inbox, [this](int s) { statuses.push_back(s); });
     }
-    bool ended() { return settle([&] { return !statuses.empty(); }); }
+    bool ended() { return waitFor([&] { return !statuses.empty(); }); }
 
     // Down, held for holdMs, up: at(session, state) is the spot of each frame; the lift's
     // frame still lists the lost spot.

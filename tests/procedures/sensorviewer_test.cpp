@@ -69,12 +69,12 @@ TEST(SensorViewer, ShowsTheExposurePushesFramesAndStopsPushingAtTheExit)
     viewer.start();
     EXPECT_EQ(s.shows, std::vector<bool>{true});
     EXPECT_EQ(s.printed, std::vector<int>{80});
-    ASSERT_TRUE(settle([&] { return s.pictures >= 3; }));
+    ASSERT_TRUE(waitFor([&] { return s.pictures >= 3; }));
     s.send(8);
     EXPECT_TRUE(viewer.isDebugging());
     s.send(1);
     const int shown = s.pictures;
-    settle([] { return false; }, 100);
+    waitFor([] { return false; }, 100);
     EXPECT_EQ(s.pictures, shown) << "no frame after the exit";
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 // The screens' tests on a private X server: waiting on the main thread's events, and
 // pictures of the whole screen as the server has it.
+#include "eventwait.h"
+
 #include <QCoreApplication>
 #include <QImage>
 #include <QThread>
@@ -15,18 +17,6 @@
 #undef None
 #undef Bool
 #undef Status
-
-inline bool waitFor(const std::function<bool()>& done, int timeoutMs = 5000)
-{
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(5);
-    }
-    return true;
-}
 
 inline QImage grab(Display* dpy)
 {
