@@ -1,7 +1,7 @@
 #include "configfileerror.h"
 #include "cyusbconfig.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <QDir>
 
@@ -10,16 +10,14 @@
 #include <string>
 #include <tuple>
 
-namespace {
-
-std::string writeFile(const std::string& content)
+static std::string writeFile(const std::string& content)
 {
     const std::string path = QDir::tempPath().toStdString() + "/cyusb.conf";
     std::ofstream(path) << content;
     return path;
 }
 
-CyusbConfig readConfig(const std::string& content)
+static CyusbConfig readConfig(const std::string& content)
 {
     const std::string path = writeFile(content);
     CyusbConfig config;
@@ -27,7 +25,7 @@ CyusbConfig readConfig(const std::string& content)
     return config;
 }
 
-int lineOfError(const std::string& content)
+static int lineOfError(const std::string& content)
 {
     try {
         readConfig(content);
@@ -36,8 +34,6 @@ int lineOfError(const std::string& content)
     }
     return -1;
 }
-
-} // namespace
 
 TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
 {
@@ -75,13 +71,10 @@ TEST(CyusbConfig, MalformedLinesEndTheRunNamingFileAndLine)
     EXPECT_EQ(lineOfError("<VPD>\n1209 7e1a\n</VPD>\n"), 2);
     // A line longer than 99 characters goes on as a line of its own.
     EXPECT_EQ(lineOfError("LogFile " + std::string(91, 'a') + "tail\n"), 1);
-    try {
-        readConfig("\nunknown\n");
-        FAIL() << "no error";
-    } catch (const ConfigFileError& e) {
-        EXPECT_NE(e.file().find("cyusb.conf"), std::string::npos);
-        EXPECT_NE(std::string(e.what()).find("unknown"), std::string::npos);
-    }
+    auto unknown = [] { readConfig("\nunknown\n"); };
+    EXPECT_THAT(unknown, testing::ThrowsMessage<ConfigFileError>(testing::HasSubstr("unknown")));
+    EXPECT_THAT(unknown, testing::Throws<ConfigFileError>(
+                             testing::Property(&ConfigFileError::file, testing::HasSubstr("cyusb.conf"))));
 }
 
 TEST(CyusbConfig, ReadingAgainStartsFromAnEmptyTable)

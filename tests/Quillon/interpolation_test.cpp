@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-Blob at(double x, double y, int sessionId, int state = 2)
+static Blob at(double x, double y, int sessionId, int state = 2)
 {
     Blob b(x, y, 4, 4, 0);
     b.sessionId = sessionId;
@@ -100,5 +98,3 @@ TEST(DensityClustering, GroupsDenseRunsAndKeepsEntryZeroEmpty)
     EXPECT_TRUE(dc.regionQuery(&twins, &twins[0], 10.0f).empty()) << "same place is no neighbour";
     EXPECT_EQ(dc.cluster(&twins, 10.0f, 0).size(), 4u) << "minPoints 0: every point starts one";
 }
-
-} // namespace

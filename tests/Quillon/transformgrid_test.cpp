@@ -8,15 +8,13 @@
 #include <tuple>
 #include <utility>
 
-namespace {
-
-EPolygon rect(double x0, double y0, double x1, double y1)
+static EPolygon rect(double x0, double y0, double x1, double y1)
 {
     return EPolygon({EVector(x0, y0), EVector(x1, y0), EVector(x1, y1), EVector(x0, y1)});
 }
 
 // An area over the cell whose map shifts every point by (dx, dy).
-TransformArea shiftingArea(EPolygon cell, double dx, double dy)
+static TransformArea shiftingArea(EPolygon cell, double dx, double dy)
 {
     EPolygon moved = cell.Clone();
     for (EVector& v : moved.points)
@@ -24,14 +22,12 @@ TransformArea shiftingArea(EPolygon cell, double dx, double dy)
     return TransformArea(cell, moved, cell);
 }
 
-void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> expected)
+static void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> expected)
 {
     ASSERT_EQ(p.size(), static_cast<int>(expected.size()));
     for (int i = 0; i < p.size(); ++i)
         EXPECT_THAT(p[i], IsNear(expected[i].first, expected[i].second, 1e-6)) << "vertex " << i;
 }
-
-} // namespace
 
 TEST(TransformArea, ExtendHitAreaMovesTheVerticesOfEachMode)
 {
