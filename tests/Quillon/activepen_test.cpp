@@ -172,8 +172,7 @@ TEST_F(Front, BlobFilterIsSharedByBothEnginesAndTooFewPointsRemoveIt)
     EXPECT_EQ(pen.fingerEngine->blobFilter, pen.stylusEngine->blobFilter);
     EXPECT_EQ(pen.fingerEngine->blobFilter->size(), 4);
     pen.setBlobFilter({EVector(0, 0), EVector(1, 1)});
-    EXPECT_EQ(pen.fingerEngine->blobFilter, nullptr);
-    EXPECT_EQ(pen.stylusEngine->blobFilter, nullptr);
+    EXPECT_EQ(std::tuple(pen.fingerEngine->blobFilter, pen.stylusEngine->blobFilter), std::tuple(nullptr, nullptr));
     EXPECT_DOUBLE_EQ(GS::instance()->windowTopLeft.x, 10) << "the window falls back to the configured one";
     EXPECT_DOUBLE_EQ(GS::instance()->windowBottomRight.y, 400);
 }

@@ -236,8 +236,7 @@ TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
     std::vector<unsigned char> plain = scene.frame({{600, 500}, {1400, 700}});
     std::vector<unsigned char> drawn = plain, original = plain;
     OwnedBlobs a = engine.processImage(plain.data(), false, false), b = engine.processImage(drawn.data(), false, true);
-    ASSERT_EQ(a.count(), 2);
-    ASSERT_EQ(b.count(), 2);
+    ASSERT_EQ(std::pair(a.count(), b.count()), std::pair(2, 2));
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(std::tuple(a[i]->x, a[i]->y), std::tuple(b[i]->x, b[i]->y)) << i;
     const cv::Mat plainM(H, W, CV_8UC1, plain.data()), drawnM(H, W, CV_8UC1, drawn.data()),

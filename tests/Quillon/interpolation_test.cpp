@@ -64,8 +64,7 @@ TEST(Filters, ResetListAndLongSessionsKeepTheHistoryBounded)
     f.ResetList(&unknown);
     EXPECT_EQ(f.ids.size(), 1u);
     f.ResetList(&b);
-    EXPECT_TRUE(f.ids.empty());
-    EXPECT_TRUE(f.history.empty());
+    EXPECT_TRUE(f.ids.empty() && f.history.empty());
 
     for (int frame = 0; frame < 100000; ++frame) {
         Blob live = at(frame % 500, 100, 1000);

@@ -41,6 +41,5 @@ TEST(BlobListToArray, CopiesCarryScreenPositionsOfTheShiftedSensorPoint)
     for (Blob* copy : out)
         delete copy;
 
-    EXPECT_EQ(list.size(), 2);
-    EXPECT_EQ(list[0], &a);
+    EXPECT_EQ(std::tuple(list.size(), list[0]), std::tuple(2, &a));
 }

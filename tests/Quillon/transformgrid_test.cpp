@@ -86,8 +86,7 @@ TEST(TransformGrid, UnclaimedPointMapsToOriginAndKeepsItsPayload)
     p.measureD = 9;
     const EVector q = grid.Filter(p);
     EXPECT_EQ(std::tuple(q.x, q.y, q.tag, q.measureD), std::tuple(0, 0, 3, 9));
-    EXPECT_EQ(grid.GetAreaIndex(p), -1);
-    EXPECT_EQ(grid.GetInterpolatedBlobsize(p), 0);
+    EXPECT_EQ(std::tuple(grid.GetAreaIndex(p), grid.GetInterpolatedBlobsize(p)), std::tuple(-1, 0.0));
 
     EXPECT_THAT(grid.Filter(EVector(2, 3)), IsPoint(7, 8));
 }

@@ -119,8 +119,7 @@ TEST(FisheyeUndistortion, FollowsTheTangentOfTheRadius)
     EVector p(576, 240);
     p.weight = 8;
     EXPECT_EQ(lens.undistort(p).weight, 8); // not initialised: unchanged
-    EXPECT_FALSE(lens.initByFiles("a", "b", 1, 1));
-    EXPECT_FALSE(lens.ready);
+    EXPECT_EQ((std::pair{lens.initByFiles("a", "b", 1, 1), bool(lens.ready)}), std::pair(false, false));
 
     ASSERT_TRUE(lens.initByIntrinsic(376, 240, 400, 300));
     const EVector q = lens.undistort(p);
