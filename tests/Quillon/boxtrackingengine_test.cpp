@@ -5,7 +5,6 @@
 #include "boxtrackingengine.h"
 #include "globalsettings.h"
 #include "scopedsetting.h"
-#include "transformgrid.h"
 
 #include <gtest/gtest.h>
 
@@ -228,26 +227,4 @@ TEST_F(FingerEngine, ShiftTablesApplyExceptInExtendedMode)
     ASSERT_EQ(extended.count(), 1);
     EXPECT_EQ(extended[0]->hasShift, 0);
     EXPECT_NEAR(extended[0]->x, normal[0]->x, 0.5);
-}
-
-TEST_F(FingerEngine, DebugOverlayDrawsOnTheFrameWithoutChangingTheResult)
-{
-    calibrate();
-    std::vector<unsigned char> plain = scene.frame({{600, 500}, {1400, 700}});
-    std::vector<unsigned char> drawn = plain, original = plain;
-    OwnedBlobs a = engine.processImage(plain.data(), false, false), b = engine.processImage(drawn.data(), false, true);
-    ASSERT_EQ(std::pair(a.count(), b.count()), std::pair(2, 2));
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(std::tuple(a[i]->x, a[i]->y), std::tuple(b[i]->x, b[i]->y)) << i;
-    const cv::Mat plainM(H, W, CV_8UC1, plain.data()), drawnM(H, W, CV_8UC1, drawn.data()),
-        originalM(H, W, CV_8UC1, original.data());
-    const int fx = int(a[0]->x), fy = int(a[0]->y);
-    // Without the overlay the firing boxes are blanked in the caller's frame.
-    EXPECT_EQ(plainM.at<unsigned char>(fy, fx), 0);
-    // With it the frame is the untouched one plus the drawing: labels above each blob.
-    EXPECT_EQ(drawnM.at<unsigned char>(fy, fx), 255) << "centre dot";
-    EXPECT_GT(cv::countNonZero(drawnM(cv::Rect(fx, fy - 30, 100, 12)) == 255), 20) << "label pixels";
-    const EVector quiet = scene.sensorOf(1600, 250);
-    const cv::Rect far(int(quiet.x) - 20, int(quiet.y) - 20, 40, 40);
-    EXPECT_EQ(cv::countNonZero(drawnM(far) != originalM(far)), 0) << "changed far away";
 }
