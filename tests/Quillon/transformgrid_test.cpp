@@ -61,9 +61,7 @@ TEST(TransformArea, BlobSizeIsBlendedByInverseDistance)
     EXPECT_DOUBLE_EQ(a.GetInterpolatedBlobsize(EVector(10, 10)), 3);
     EXPECT_NEAR(a.GetInterpolatedBlobsize(EVector(5, 5)), 2.5, 1e-12);
     // Closer to the vertex of size 4 than to any other.
-    const double nearFour = a.GetInterpolatedBlobsize(EVector(1, 9));
-    EXPECT_GT(nearFour, 3.0);
-    EXPECT_LT(nearFour, 4.0);
+    EXPECT_THAT(a.GetInterpolatedBlobsize(EVector(1, 9)), testing::AllOf(testing::Gt(3.0), testing::Lt(4.0)));
 }
 
 TEST(TransformArea, InterpolatedHitAreaWalksVertexPairsThroughTheCorrection)
