@@ -32,7 +32,8 @@ protected:
     BoxTrackingEngine engine{W, H, gs->boxFactor, gs->boxParameter};
 
     // Calibrates as the system does after a calibration: lays the boxes, orders a full
-    // refresh, and lets learning and the refresh run over frames of the empty scene.
+    // refresh, and when told to settle lets learning and the refresh run over frames of the
+    // empty scene.
     void calibrate(bool settle = true)
     {
         calibration = scene.calibration();
