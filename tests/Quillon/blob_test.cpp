@@ -7,8 +7,6 @@
 #include <tuple>
 #include <vector>
 
-namespace {
-
 // Blobs of a test, freed with it: lists never delete what they hold.
 struct Blobs {
     std::vector<std::unique_ptr<Blob>> owned;
@@ -25,8 +23,6 @@ struct Blobs {
             list.add(b);
     }
 };
-
-} // namespace
 
 TEST(BlobConstruction, DerivesBoxAndStartsUnmatched)
 {
@@ -45,8 +41,7 @@ TEST(BlobSessionIds, AreHandedOutOnceEachAndNeverReused)
     a.setSessionID();
     EXPECT_EQ(a.sessionId, first) << "a second call consumes nothing";
     b.setSessionID();
-    EXPECT_EQ(b.sessionId, first + 1);
-    EXPECT_EQ(Blob::incS_Id, first + 1);
+    EXPECT_EQ(std::tuple(b.sessionId, Blob::incS_Id), std::tuple(first + 1, first + 1));
 }
 
 TEST(BlobScreenTest, FirstRowAndColumnAreOutsideLastOnesInside)
@@ -108,8 +103,7 @@ TEST(BlobListStorage, IsCappedAtOneThousandAndNeverDeletes)
     EXPECT_NE(list[999], refused);
 
     list.removeAt(0);
-    EXPECT_EQ(list.size(), 999);
-    EXPECT_DOUBLE_EQ(list[0]->x, 1);
+    EXPECT_EQ(std::tuple(list.size(), list[0]->x), std::tuple(999, 1.0));
     list.clear();
     EXPECT_EQ(list.size(), 0);
     EXPECT_DOUBLE_EQ(pool.owned[0]->x, 0) << "removed blobs are still alive";
@@ -121,9 +115,8 @@ TEST(BlobListStorage, IsCappedAtOneThousandAndNeverDeletes)
     Blob* a = pool.make(1, 1);
     a->sessionId = 5;
     std::vector<Blob*> v{nullptr, a};
-    EXPECT_TRUE(BlobList::contains(v, 5));
-    EXPECT_FALSE(BlobList::contains(v, 6));
-    EXPECT_FALSE(BlobList::contains({}, 5));
+    EXPECT_EQ(std::tuple(BlobList::contains(v, 5), BlobList::contains(v, 6), BlobList::contains({}, 5)),
+              std::tuple(true, false, false));
 }
 
 TEST(BlobListQueries, FindExtremesAndCorners)
@@ -152,12 +145,11 @@ TEST(BlobListQueries, FindExtremesAndCorners)
 
     // Fewer than three blobs answer the first entry for corners.
     Blobs two;
-    EXPECT_EQ(two.list.getTopRightBlob(), nullptr);
-    EXPECT_EQ(two.list.getTopBlob(), nullptr);
-    EXPECT_EQ(two.list.getSortedBlob(-1), nullptr);
+    EXPECT_EQ((std::vector<Blob*>{two.list.getTopRightBlob(), two.list.getTopBlob(), two.list.getSortedBlob(-1)}),
+              (std::vector<Blob*>(3, nullptr)));
     Blob *low = two.make(5, 90), *high = two.make(95, 5);
     two.add({low, high});
-    EXPECT_EQ(two.list.getTopRightBlob(), low);
-    EXPECT_EQ(two.list.getBottomLeftBlob(), low);
-    EXPECT_EQ(two.list.getTopBlob(), high) << "the plain extremes still sort";
+    // The plain extremes still sort.
+    EXPECT_EQ((std::vector<Blob*>{two.list.getTopRightBlob(), two.list.getBottomLeftBlob(), two.list.getTopBlob()}),
+              (std::vector<Blob*>{low, low, high}));
 }

@@ -10,8 +10,6 @@
 #include <atomic>
 #include <thread>
 
-namespace {
-
 // The system resets the finger background from its main thread while frames arrive on the
 // image thread; the call returns once learning and the refresh have run on those frames.
 TEST(BoxBackgroundReset, ResetFromAnotherThreadWaitsForTheFramesThatDoIt)
@@ -51,5 +49,3 @@ TEST(BoxBackgroundReset, ResetFromAnotherThreadWaitsForTheFramesThatDoIt)
     for (const ScanBox& box : engine.boxes)
         ASSERT_GE(box.bgIntensity, scene.background) << "every box has learned the empty scene";
 }
-
-} // namespace

@@ -14,12 +14,10 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 constexpr int W = FingerScene::Width;
 constexpr int H = FingerScene::Height;
 
-std::string describe(const AllBlobs& all)
+static std::string describe(const AllBlobs& all)
 {
     std::ostringstream out;
     out.precision(17);
@@ -41,7 +39,7 @@ struct Sequence {
 
 // Fingers and stylus spots of many sizes and brightnesses wander over the screen; a reflection
 // stands still, and a patch of ambient light comes and goes, which starts region refreshes.
-Sequence synthetic(const char* name, bool extended, unsigned seed,
+static Sequence synthetic(const char* name, bool extended, unsigned seed,
                    std::array<double, 8> corners = FingerScene().corners, int frames = 1500)
 {
     auto scene = std::make_shared<FingerScene>(seed);
@@ -67,7 +65,7 @@ Sequence synthetic(const char* name, bool extended, unsigned seed,
 }
 
 // The emulated sensor's pictures: its background, noise, lens, and stylus and finger strokes.
-Sequence emulated(const char* name, bool extended)
+static Sequence emulated(const char* name, bool extended)
 {
     const char* text = R"(
 screen 1920 1080
@@ -89,10 +87,7 @@ tap stylus 4.0 2.0 size 12 brightness 100 at 20,20
     auto renderer = std::make_shared<FrameRenderer>(*scene);
     return {name, extended, 900, [renderer](int n, std::vector<unsigned char>& out) {
                 FrameGeometry g;
-                RenderState rs;
-                rs.time = n / 120.0;
-                rs.frame = static_cast<uint64_t>(n);
-                rs.laserOn = true;
+                const RenderState rs{.time = n / 120.0, .frame = static_cast<uint64_t>(n), .laserOn = true};
                 std::vector<SpotTruth> spots;
                 out.resize(std::size_t(g.bytes()));
                 renderer->render(out.data(), g, rs, spots);
@@ -148,5 +143,3 @@ TEST(BoxTrackingEquivalence, SameBlobsAndFramesAsTheReferenceLoop)
         EXPECT_GT(blobs, s.frames / 2);
     }
 }
-
-} // namespace

@@ -13,23 +13,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <csignal>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <tuple>
 
-namespace {
-
-std::unique_ptr<Calibration> parse(const std::string& text)
+static std::unique_ptr<Calibration> parse(const std::string& text)
 {
     std::istringstream in(text);
     return std::unique_ptr<Calibration>(Calibration::read(in));
 }
 
 // A file of cols x rows sensor points and nothing else.
-std::string gridFile(int cols, int rows, int points)
+static std::string gridFile(int cols, int rows, int points)
 {
     std::ostringstream out;
     out << cols << '\n' << rows << "\n0.1\n0.1\n0\n0\n0\n0\n";
@@ -39,20 +36,20 @@ std::string gridFile(int cols, int rows, int points)
 }
 
 // A camera that sees the screen at an angle: a fixed homography from screen to sensor.
-EVector cameraOf(const EVector& s, double width, double height)
+static EVector cameraOf(const EVector& s, double width, double height)
 {
     const double u = s.x / width, v = s.y / height;
     const double w = 1.0 + 0.25 * u + 0.1 * v;
     return EVector((60 + 600 * u + 40 * v) / w + 30, (50 + 30 * u + 380 * v) / w + 20);
 }
 
-std::string contents(const std::string& path)
+static std::string contents(const std::string& path)
 {
     std::ifstream in(path);
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-Calibration cameraCalibration(int n, double width, double height, double marginX, double marginY, double growth)
+static Calibration cameraCalibration(int n, double width, double height, double marginX, double marginY, double growth)
 {
     Calibration layout(n, n, {}, {}, marginX, marginY, growth, false, false);
     std::vector<EVector> src;
@@ -60,8 +57,6 @@ Calibration cameraCalibration(int n, double width, double height, double marginX
         src.push_back(cameraOf(d, width, height));
     return Calibration(n, n, src, {}, marginX, marginY, growth, false, false);
 }
-
-} // namespace
 
 TEST(Calibration, SaveWritesOneNumberALineAndReadGivesItBack)
 {
@@ -159,13 +154,10 @@ TEST(Calibration, FingerShiftsNeverGrowTheTable)
 TEST(Calibration, DestinationPointsSnakeThroughTheLayout)
 {
     const Calibration c(3, 3, {}, {}, 0.1, 0.2, 0.0, false, false);
-    const auto dst = c.calcDstPoints(1000, 500);
-    ASSERT_EQ(dst.size(), 9u);
-    const double xs[9] = {100, 100, 100, 500, 500, 500, 900, 900, 900};
-    const double ys[9] = {100, 250, 400, 400, 250, 100, 100, 250, 400};
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_THAT(dst[i], IsPoint(xs[i], ys[i])) << i;
-    }
+    EXPECT_THAT(c.calcDstPoints(1000, 500),
+                testing::ElementsAre(IsPoint(100, 100), IsPoint(100, 250), IsPoint(100, 400), IsPoint(500, 400),
+                                     IsPoint(500, 250), IsPoint(500, 100), IsPoint(900, 100), IsPoint(900, 250),
+                                     IsPoint(900, 400)));
     EXPECT_TRUE(c.calcDstPoints(0, 500).empty());
     EXPECT_FALSE(std::unique_ptr<TransformGrid>(c.getTransform(0, 500, false, nullptr))->IsReady());
     EXPECT_TRUE(Calibration(1, 3, {}, {}, 0.1, 0.1, 0, false, false).calcDstPoints(100, 100).empty());
@@ -191,8 +183,7 @@ TEST(Calibration, GridMapsEveryCalibrationPointToItsScreenPointAndBack)
             std::unique_ptr<TransformGrid> grid(c.getTransform(screen[0], screen[1], false, nullptr));
             std::unique_ptr<TransformGrid> inverse(c.getTransform(screen[0], screen[1], true, nullptr));
             ASSERT_EQ(grid->areas.size(), static_cast<std::size_t>((n - 1) * (n - 1)));
-            EXPECT_EQ(grid->screenWidth, width);
-            EXPECT_EQ(grid->screenHeight, height);
+            EXPECT_EQ(std::tuple(grid->screenWidth, grid->screenHeight), std::tuple(width, height));
             for (std::size_t i = 0; i < dst.size(); ++i) {
                 const EVector s = grid->Filter(c.srcPoints[i]);
                 ASSERT_THAT(s, IsNear(dst[i].x, dst[i].y, 1e-6 * width)) << "point " << i;

@@ -8,19 +8,17 @@
 
 using Cols = CalibrationHelper::Cols;
 
-namespace {
-
-std::vector<double> coords(const std::vector<EVector>& v, double EVector::*c)
+static std::vector<double> coords(const std::vector<EVector>& v, double EVector::*c)
 {
     std::vector<double> out;
     for (const EVector& p : v)
         out.push_back(p.*c);
     return out;
 }
-std::vector<double> xsOf(const std::vector<EVector>& v) { return coords(v, &EVector::x); }
-std::vector<double> ysOf(const std::vector<EVector>& v) { return coords(v, &EVector::y); }
+static std::vector<double> xsOf(const std::vector<EVector>& v) { return coords(v, &EVector::x); }
+static std::vector<double> ysOf(const std::vector<EVector>& v) { return coords(v, &EVector::y); }
 
-Cols threeByThree()
+static Cols threeByThree()
 {
     Cols grid(3);
     for (int c = 0; c < 3; ++c)
@@ -28,8 +26,6 @@ Cols threeByThree()
             grid[c].emplace_back(c * 10.0, r * 10.0);
     return grid;
 }
-
-} // namespace
 
 TEST(CalibrationHelper, RelativeMarginLayoutRunsDownEachColumnAndWidensPerRow)
 {

@@ -11,9 +11,7 @@
 #include <random>
 #include <tuple>
 
-namespace {
-
-std::vector<std::vector<cv::Point>> libraryContours(cv::Mat& binary)
+static std::vector<std::vector<cv::Point>> libraryContours(cv::Mat& binary)
 {
     std::vector<std::vector<cv::Point>> out;
     CvMemStorage* storage = cvCreateMemStorage(0);
@@ -34,7 +32,7 @@ std::vector<std::vector<cv::Point>> libraryContours(cv::Mat& binary)
 }
 
 // Blobs of random size, some with holes and islands in them, over sparse noise.
-cv::Mat picture(unsigned seed, cv::Size size, double noise)
+static cv::Mat picture(unsigned seed, cv::Size size, double noise)
 {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<double> u(0, 1);
@@ -97,5 +95,3 @@ TEST(ContourTracer, SameContoursAndMarksAsTheLibrary)
         }
     }
 }
-
-} // namespace

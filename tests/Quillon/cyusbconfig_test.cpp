@@ -1,7 +1,7 @@
 #include "configfileerror.h"
 #include "cyusbconfig.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <QDir>
 
@@ -10,34 +10,19 @@
 #include <string>
 #include <tuple>
 
-namespace {
-
-std::string writeFile(const std::string& content)
+static CyusbConfig readConfig(const std::string& content)
 {
     const std::string path = QDir::tempPath().toStdString() + "/cyusb.conf";
     std::ofstream(path) << content;
-    return path;
-}
-
-CyusbConfig readConfig(const std::string& content)
-{
-    const std::string path = writeFile(content);
     CyusbConfig config;
     config.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
     return config;
 }
 
-int lineOfError(const std::string& content)
+static auto failsOnLine(int line)
 {
-    try {
-        readConfig(content);
-    } catch (const ConfigFileError& e) {
-        return e.line();
-    }
-    return -1;
+    return testing::Throws<ConfigFileError>(testing::Property(&ConfigFileError::line, line));
 }
-
-} // namespace
 
 TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
 {
@@ -70,25 +55,13 @@ TEST(CyusbConfig, NinthDeviceIsTheLastAndSwallowsTheRestOfTheFile)
 
 TEST(CyusbConfig, MalformedLinesEndTheRunNamingFileAndLine)
 {
-    EXPECT_EQ(lineOfError("# ok\nLogFile x\nVerbose yes\n"), 3);
-    EXPECT_EQ(lineOfError("<VPD>\n1209 7e1a Sensor\n</VPD>\n</VPD>\n"), 4);
-    EXPECT_EQ(lineOfError("<VPD>\n1209 7e1a\n</VPD>\n"), 2);
+    EXPECT_THAT([] { readConfig("# ok\nLogFile x\nVerbose yes\n"); }, failsOnLine(3));
+    EXPECT_THAT([] { readConfig("<VPD>\n1209 7e1a Sensor\n</VPD>\n</VPD>\n"); }, failsOnLine(4));
+    EXPECT_THAT([] { readConfig("<VPD>\n1209 7e1a\n</VPD>\n"); }, failsOnLine(2));
     // A line longer than 99 characters goes on as a line of its own.
-    EXPECT_EQ(lineOfError("LogFile " + std::string(91, 'a') + "tail\n"), 1);
-    try {
-        readConfig("\nunknown\n");
-        FAIL() << "no error";
-    } catch (const ConfigFileError& e) {
-        EXPECT_NE(e.file().find("cyusb.conf"), std::string::npos);
-        EXPECT_NE(std::string(e.what()).find("unknown"), std::string::npos);
-    }
-}
-
-TEST(CyusbConfig, ReadingAgainStartsFromAnEmptyTable)
-{
-    const std::string path = writeFile("<VPD>\n1 2 a\n</VPD>\n");
-    CyusbConfig c;
-    c.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
-    c.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
-    EXPECT_EQ(c.maxdevices, 1);
+    EXPECT_THAT([] { readConfig("LogFile " + std::string(91, 'a') + "tail\n"); }, failsOnLine(1));
+    auto unknown = [] { readConfig("\nunknown\n"); };
+    EXPECT_THAT(unknown, testing::ThrowsMessage<ConfigFileError>(testing::HasSubstr("unknown")));
+    EXPECT_THAT(unknown, testing::Throws<ConfigFileError>(
+                             testing::Property(&ConfigFileError::file, testing::HasSubstr("cyusb.conf"))));
 }

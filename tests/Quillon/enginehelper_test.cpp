@@ -1,3 +1,5 @@
+#include "ownedblobs.h"
+
 #include "boxtrackingdebug.h"
 #include "enginehelper.h"
 #include "globalsettings.h"
@@ -11,8 +13,6 @@
 
 #include <tuple>
 
-namespace {
-
 class Regionals : public ::testing::Test {
 protected:
     GS* gs = GS::instance();
@@ -25,6 +25,8 @@ protected:
     {
         for (QList<double>* l : {&intensity, &background, &threshold, &hits})
             EngineHelper::resetRegionsList(l, 16);
+        for (int r = 0; r < 16; ++r)
+            frame(r, 15, 16);
     }
     // Sums as a frame of 160 boxes leaves them: 10 a region.
     void frame(int region, double meanIntensity, double meanBackground)
@@ -37,8 +39,6 @@ protected:
 
 TEST_F(Regionals, MeansThresholdsAndTheBrighterDoor)
 {
-    for (int r = 0; r < 16; ++r)
-        frame(r, 15, 16);
     frame(3, 24, 16);  // exactly at the limit: not breached
     frame(7, 24.5, 16);
     evaluate();
@@ -51,8 +51,6 @@ TEST_F(Regionals, MeansThresholdsAndTheBrighterDoor)
 
 TEST_F(Regionals, ManyHitsListARegionEvenTwice)
 {
-    for (int r = 0; r < 16; ++r)
-        frame(r, 15, 16);
     frame(7, 30, 16);
     hits[7] = gs->regionalRefreshLimit + 1;
     hits[2] = gs->regionalRefreshLimit;
@@ -127,22 +125,18 @@ TEST(MakingBlobs, PolygonShiftsAndPayload)
     const std::vector<std::vector<double>> xs = {{2, 2}, {2, 2}}, ys = {{-1, -1}, {-1, -1}};
     const std::vector<EVector> grid = {{0, 0}, {100, 0}, {100, 100}, {0, 100}};
     TransformGrid identity({TransformArea(EPolygon(grid), EPolygon(grid), EPolygon(grid))});
-    BlobList list;
-    EngineHelper::addBlobs({in, out}, &area, ys, xs, &identity, 100, true, &list, false);
-    ASSERT_EQ(list.size(), 1);
+    OwnedBlobs list, extended;
+    EngineHelper::addBlobs({in, out}, &area, ys, xs, &identity, 100, true, &list.blobs, false);
+    ASSERT_EQ(list.count(), 1);
     Blob* b = list[0];
     EXPECT_EQ(std::tuple(b->x, b->width, b->height, b->cellIndex, b->measureD, b->measureB, b->hasShift),
               std::tuple(50, 12, 14, 47, 180, 20, 1));
     EXPECT_EQ(std::tuple(b->xShift, b->yShift, b->radial), std::tuple(-2.0, 1.0, 0.0)) << "x shift inverted";
-    delete b;
 
-    BlobList extended;
-    EngineHelper::addBlobs({in, out}, nullptr, ys, xs, &identity, 100, false, &extended, true);
-    ASSERT_EQ(extended.size(), 2) << "no polygon, no filter";
+    EngineHelper::addBlobs({in, out}, nullptr, ys, xs, &identity, 100, false, &extended.blobs, true);
+    ASSERT_EQ(extended.count(), 2) << "no polygon, no filter";
     EXPECT_EQ(extended[0]->hasShift, 0);
     EXPECT_DOUBLE_EQ(extended[1]->radial, 1.0);
-    delete extended[0];
-    delete extended[1];
 }
 
 TEST(DebugReport, SavesBlocksOfSmoothedIntensities)
@@ -171,8 +165,7 @@ TEST(DebugReport, SavesBlocksOfSmoothedIntensities)
     EXPECT_DOUBLE_EQ(debug.intensities[0], 110);
 
     debug.saveIntensities();
-    EXPECT_EQ(debug.intensities, QList<double>({-1, -1}));
-    EXPECT_EQ(debug.reportNumber, 1);
+    EXPECT_EQ(std::tuple(debug.intensities, debug.reportNumber), std::tuple(QList<double>({-1, -1}), 1));
     debug.saveIntensities();
     QFile f(debug.reportPath);
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
@@ -191,5 +184,3 @@ TEST(DebugReport, RegionOverlayDrawsOnItsCanvasOnly)
     ASSERT_EQ(debug.canvas.type(), CV_8UC3);
     EXPECT_EQ(debug.canvas.at<cv::Vec3b>(100, 100), cv::Vec3b(0, 255, 0)) << "the region's rectangle";
 }
-
-} // namespace

@@ -35,11 +35,10 @@ public:
     static constexpr int Width = 752;
     static constexpr int Height = 480;
 
-    double screenWidth = 1920, screenHeight = 1080;
+    static constexpr double ScreenWidth = 1920, ScreenHeight = 1080;
     // Sensor positions of the screen's top left, top right, bottom right and bottom left.
     // The top edge is the longer one: the camera sits above the screen's top.
     std::array<double, 8> corners{40, 30, 712, 30, 684, 452, 68, 452};
-    bool factoryLens = true;
     int background = 12;
     int noise = 6; // uniform, 0..noise on top of the background
     std::vector<Reflection> reflections;
@@ -53,10 +52,9 @@ public:
         if (!projector) {
             LensModel lens;
             std::string error;
-            if (factoryLens)
-                lens.loadFiles(std::string(VELORA_SOURCE_DIR) + "/config/intrinsic.xml",
-                               std::string(VELORA_SOURCE_DIR) + "/config/distortion.xml", error);
-            projector = std::make_unique<ScreenProjection>(screenWidth, screenHeight, corners.data(), lens);
+            lens.loadFiles(std::string(VELORA_SOURCE_DIR) + "/config/intrinsic.xml",
+                           std::string(VELORA_SOURCE_DIR) + "/config/distortion.xml", error);
+            projector = std::make_unique<ScreenProjection>(ScreenWidth, ScreenHeight, corners.data(), lens);
         }
         return *projector;
     }
@@ -69,16 +67,16 @@ public:
     }
     EVector sensorOf(const Finger& f) { return sensorOf(f.screenX, f.screenY); }
 
-    // What a calibration procedure would have recorded: the dots of a cols by cols layout,
-    // seen where the scene puts them.
-    std::unique_ptr<Calibration> calibration(int cols = 5, double margin = 0.05)
+    // What a calibration procedure would have recorded: the dots of a 5 by 5 layout, seen
+    // where the scene puts them.
+    std::unique_ptr<Calibration> calibration()
     {
-        std::vector<EVector> dummy(std::size_t(cols) * cols);
-        Calibration layout(cols, cols, dummy, {}, margin, margin, 0, false, false);
-        std::vector<EVector> src;
-        for (const EVector& d : layout.calcDstPoints(screenWidth, screenHeight))
-            src.push_back(sensorOf(d.x, d.y));
-        return std::make_unique<Calibration>(cols, cols, src, std::vector<EVector>{}, margin, margin, 0, false, true);
+        auto c =
+            std::make_unique<Calibration>(5, 5, std::vector<EVector>(25), std::vector<EVector>(), 0.05, 0.05, 0, false, true);
+        const std::vector<EVector> dst = c->calcDstPoints(ScreenWidth, ScreenHeight);
+        for (std::size_t i = 0; i < dst.size(); ++i)
+            c->srcPoints[i] = sensorOf(dst[i].x, dst[i].y);
+        return c;
     }
 
     std::vector<unsigned char> frame(const std::vector<Finger>& fingers = {})

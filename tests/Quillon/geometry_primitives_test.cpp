@@ -9,17 +9,13 @@
 #include <tuple>
 #include <vector>
 
-namespace {
-
-EPolygon poly(std::initializer_list<std::pair<double, double>> pts)
+static EPolygon poly(std::initializer_list<std::pair<double, double>> pts)
 {
     std::vector<EVector> v;
     for (auto [x, y] : pts)
         v.emplace_back(x, y);
     return EPolygon(v);
 }
-
-} // namespace
 
 TEST(EVectorArithmetic, ResultsCarryNoPayloadButCompoundAssignmentKeepsIt)
 {

@@ -8,42 +8,30 @@
 
 #include <cmath>
 
-namespace {
-
-EPolygon rect(double x0, double y0, double x1, double y1)
+static EPolygon rect(double x0, double y0, double x1, double y1)
 {
     return EPolygon({EVector(x0, y0), EVector(x1, y0), EVector(x1, y1), EVector(x0, y1)});
 }
 
 // A grid whose one big area shifts every point by (dx, dy).
-TransformGrid shiftingGrid(double dx, double dy)
+static TransformGrid shiftingGrid(double dx, double dy)
 {
     const EPolygon src = rect(-10000, -10000, 10000, 10000);
     return TransformGrid({TransformArea(src, rect(-10000 + dx, -10000 + dy, 10000 + dx, 10000 + dy), src)});
 }
 
-void expectPoint(const EVector& p, double x, double y)
-{
-    EXPECT_THAT(p, IsNear(x, y, 1e-9));
-}
+static auto at(double x, double y) { return IsNear(x, y, 1e-9); }
 
-} // namespace
+static void expectPoint(const EVector& p, double x, double y) { EXPECT_THAT(p, at(x, y)); }
 
 TEST(GridHelper, VerticesComeColumnByColumnAndZigzag)
 {
-    const auto normal = GridHelper::CalcVerticesNormal(3, 3, 10, 20, 110, 220);
-    ASSERT_EQ(normal.size(), 9u);
-    expectPoint(normal[0], 10, 20);
-    expectPoint(normal[3], 55, 20);
-    expectPoint(normal[8], 100, 200);
-
-    const auto zigzag = GridHelper::CalcVertices(3, 3, 10, 20, 110, 220);
-    ASSERT_EQ(zigzag.size(), 9u);
-    expectPoint(zigzag[2], 10, 200);
-    expectPoint(zigzag[3], 55, 200); // the middle column runs bottom up
-    expectPoint(zigzag[5], 55, 20);
-    expectPoint(zigzag[6], 100, 20);
-
+    using testing::_;
+    EXPECT_THAT(GridHelper::CalcVerticesNormal(3, 3, 10, 20, 110, 220),
+                testing::ElementsAre(at(10, 20), _, _, at(55, 20), _, _, _, _, at(100, 200)));
+    // The middle column runs bottom up.
+    EXPECT_THAT(GridHelper::CalcVertices(3, 3, 10, 20, 110, 220),
+                testing::ElementsAre(_, _, at(10, 200), at(55, 200), _, at(55, 20), at(100, 20), _, _));
     EXPECT_TRUE(GridHelper::CalcVertices(3, 1, 0, 0, 10, 10).empty());
 }
 
@@ -53,13 +41,8 @@ TEST(GridHelper, ZigzagVerticesBecomeQuadsDownEachColumnOfCells)
     ASSERT_EQ(quads.size(), 4u);
     const double topLeft[4][2] = {{0, 0}, {0, 1}, {1, 0}, {1, 1}};
     for (int i = 0; i < 4; ++i) {
-        SCOPED_TRACE(i);
-        ASSERT_EQ(quads[i].size(), 4u);
         const double x = topLeft[i][0], y = topLeft[i][1];
-        expectPoint(quads[i][0], x, y);
-        expectPoint(quads[i][1], x + 1, y);
-        expectPoint(quads[i][2], x + 1, y + 1);
-        expectPoint(quads[i][3], x, y + 1);
+        EXPECT_THAT(quads[i], testing::ElementsAre(at(x, y), at(x + 1, y), at(x + 1, y + 1), at(x, y + 1))) << i;
     }
     EXPECT_EQ(GridHelper::VerticesToPolygons(GridHelper::CalcVertices(5, 5, 0, 0, 4, 4), 5).size(), 16u);
     EXPECT_TRUE(GridHelper::VerticesToQuads({EVector(0, 0), EVector(1, 0), EVector(1, 1)}, 2).empty());

@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-Blob at(double x, double y, int sessionId, int state = 2)
+static Blob at(double x, double y, int sessionId, int state = 2)
 {
     Blob b(x, y, 4, 4, 0);
     b.sessionId = sessionId;
@@ -66,8 +64,7 @@ TEST(Filters, ResetListAndLongSessionsKeepTheHistoryBounded)
     f.ResetList(&unknown);
     EXPECT_EQ(f.ids.size(), 1u);
     f.ResetList(&b);
-    EXPECT_TRUE(f.ids.empty());
-    EXPECT_TRUE(f.history.empty());
+    EXPECT_TRUE(f.ids.empty() && f.history.empty());
 
     for (int frame = 0; frame < 100000; ++frame) {
         Blob live = at(frame % 500, 100, 1000);
@@ -100,5 +97,3 @@ TEST(DensityClustering, GroupsDenseRunsAndKeepsEntryZeroEmpty)
     EXPECT_TRUE(dc.regionQuery(&twins, &twins[0], 10.0f).empty()) << "same place is no neighbour";
     EXPECT_EQ(dc.cluster(&twins, 10.0f, 0).size(), 4u) << "minPoints 0: every point starts one";
 }
-
-} // namespace

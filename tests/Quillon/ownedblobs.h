@@ -10,20 +10,12 @@ struct OwnedBlobs : AllBlobs {
     OwnedBlobs(AllBlobs all) : AllBlobs(std::move(all)) {}
     OwnedBlobs(std::vector<Blob*> v) { blobs.blobs = std::move(v); }
     OwnedBlobs(const OwnedBlobs&) = delete;
-    OwnedBlobs& operator=(AllBlobs all)
-    {
-        release();
-        AllBlobs::operator=(std::move(all));
-        return *this;
-    }
-    ~OwnedBlobs() { release(); }
-    Blob* operator[](int i) { return blobs[i]; }
-    int count() const { return blobs.size(); }
-    void release()
+    ~OwnedBlobs()
     {
         for (BlobList* l : {&blobs, &outsideBlobs})
             for (Blob* b : l->blobs)
                 delete b;
-        clear();
     }
+    Blob* operator[](int i) { return blobs[i]; }
+    int count() const { return blobs.size(); }
 };

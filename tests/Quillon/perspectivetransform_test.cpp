@@ -7,11 +7,10 @@
 
 #include <cmath>
 #include <random>
-
-namespace {
+#include <tuple>
 
 // Four points of an ellipse in angular order always form a convex quad.
-EPolygon randomConvexQuad(std::mt19937& rng, double width, double height)
+static EPolygon randomConvexQuad(std::mt19937& rng, double width, double height)
 {
     std::uniform_real_distribution<double> unit(0.0, 1.0);
     const double cx = width * (0.3 + 0.4 * unit(rng)), cy = height * (0.3 + 0.4 * unit(rng));
@@ -26,15 +25,13 @@ EPolygon randomConvexQuad(std::mt19937& rng, double width, double height)
     return EPolygon(v);
 }
 
-std::vector<cv::Point2f> toCv(const EPolygon& p)
+static std::vector<cv::Point2f> toCv(const EPolygon& p)
 {
     std::vector<cv::Point2f> out;
     for (const EVector& v : p.points)
         out.emplace_back(static_cast<float>(v.x), static_cast<float>(v.y));
     return out;
 }
-
-} // namespace
 
 TEST(PerspectiveTransform, QuadToQuadAgreesWithOpenCvOnCornersAndInterior)
 {
@@ -75,8 +72,7 @@ TEST(PerspectiveTransform, QuadToQuadAgreesWithOpenCvOnCornersAndInterior)
 TEST(PerspectiveTransform, ParallelogramTakesTheAffinePath)
 {
     const auto a = PerspectiveTransform::getSquareToQuad(10, 10, 110, 30, 130, 130, 30, 110);
-    EXPECT_EQ(a.m20, 0.0);
-    EXPECT_EQ(a.m21, 0.0);
+    EXPECT_EQ(std::tuple(a.m20, a.m21), std::tuple(0.0, 0.0));
     EXPECT_THAT(a.Filter(EVector(1, 1)), IsPoint(130, 130));
 
     const auto p = PerspectiveTransform::getSquareToQuad(0, 0, 100, 0, 80, 50, 20, 50);

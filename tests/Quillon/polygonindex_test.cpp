@@ -8,8 +8,6 @@
 #include <limits>
 #include <random>
 
-namespace {
-
 TEST(PolygonIndex, SameAnswerAsThePolygon)
 {
     std::mt19937 rng(3);
@@ -45,5 +43,3 @@ TEST(PolygonIndex, SameAnswerAsThePolygon)
         }
     }
 }
-
-} // namespace

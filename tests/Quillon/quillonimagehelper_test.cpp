@@ -6,15 +6,9 @@
 
 #include <tuple>
 
-namespace {
-
-class Pixels : public ::testing::Test {
-protected:
-    cv::Mat image = cv::Mat::zeros(4, 6, CV_8UC1);
-};
-
-TEST_F(Pixels, AccessorsReadWriteAndKeepTheirRangeRules)
+TEST(Pixels, AccessorsReadWriteAndKeepTheirRangeRules)
 {
+    cv::Mat image = cv::Mat::zeros(4, 6, CV_8UC1);
     image.at<unsigned char>(0, 0) = 7;
     image.at<unsigned char>(1, 0) = 9;
     EXPECT_EQ(QuillonImageHelper::intensityAtByPos(&image, 0, -1), -1) << "position 0 is never readable";
@@ -29,8 +23,9 @@ TEST_F(Pixels, AccessorsReadWriteAndKeepTheirRangeRules)
     EXPECT_EQ(QuillonImageHelper::intensityAt(image.data, 2, 7, 6, -1), -1);
 }
 
-TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
+TEST(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
 {
+    cv::Mat image = cv::Mat::zeros(4, 6, CV_8UC1);
     double sum = -1;
     EVector none = QuillonImageHelper::subPix(&image, cv::Rect(0, 0, 6, 4), 0, false, &sum, 0);
     EXPECT_EQ(std::tuple(none.x, none.y, sum), std::tuple(-1, -1, 0));
@@ -47,5 +42,3 @@ TEST_F(Pixels, SubPixIsTheWeightedCentroidAboveTheThreshold)
     EXPECT_EQ(image.at<unsigned char>(2, 4), 1) << "erased";
     EXPECT_EQ(image.at<unsigned char>(0, 0), 10);
 }
-
-} // namespace

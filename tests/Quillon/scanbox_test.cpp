@@ -9,14 +9,12 @@
 #include <algorithm>
 #include <tuple>
 
-namespace {
-
-ScanBox boxAt(double x, double y, double size, int imageWidth, int threshold = 30)
+static ScanBox boxAt(double x, double y, double size, int imageWidth, int threshold = 30)
 {
     return ScanBox(x, y, size, size, imageWidth, threshold);
 }
 
-void fill(cv::Mat& m, int x, int y, int w, int h, int v) { m(cv::Rect(x, y, w, h)).setTo(v); }
+static void fill(cv::Mat& m, int x, int y, int w, int h, int v) { m(cv::Rect(x, y, w, h)).setTo(v); }
 
 TEST(ScanBoxTest, BrightCentreIsStrictlyAboveBackgroundPlusThreshold)
 {
@@ -56,8 +54,7 @@ TEST(ScanBoxTest, EdgeCheckAllowsTheSpotToEndWithinFourPixelsOfTheBox)
     // A plateau reaching 3 pixels past each side: dark at +4, where the last try looks.
     fill(image, 22, 22, 16, 16, 200);
     EXPECT_TRUE(box.hasBrightCenter(&image, true, 30, false, true));
-    EXPECT_EQ(box.x, 25) << "the box itself is not grown";
-    EXPECT_EQ(box.centerX, 30);
+    EXPECT_EQ(std::tuple(box.x, box.centerX), std::tuple(25, 30)) << "the box itself is not grown";
     // Bright still at +4: larger than a finger.
     fill(image, 21, 21, 18, 18, 200);
     EXPECT_FALSE(box.hasBrightCenter(&image, true, 30, false, true));
@@ -70,8 +67,7 @@ TEST(ScanBoxTest, EdgeCheckAllowsTheSpotToEndWithinFourPixelsOfTheBox)
     EXPECT_FALSE(box.hasBrightEdge(&dot, 30));
     ScanBox grown = box;
     grown.shrink(-1);
-    EXPECT_EQ(grown.width, 12);
-    EXPECT_EQ(grown.centerX, 30);
+    EXPECT_EQ(std::tuple(grown.width, grown.centerX), std::tuple(12, 30));
     dot.at<unsigned char>(24, 40) = 199; // beyond the grown top strip, which runs over x 24..35
     EXPECT_FALSE(grown.hasBrightEdge(&dot, 30));
     dot.at<unsigned char>(24, 35) = 199;
@@ -97,8 +93,7 @@ TEST(ScanBoxTest, GroupingJoinsOverlapsOnlyOnTheSecondRound)
         ScanBox::addOverlapping(&second, box);
     merged = ScanBox::mergeOverlapping(second);
     ASSERT_EQ(merged.size(), 1u);
-    EXPECT_EQ(merged[0].x, 0);
-    EXPECT_EQ(merged[0].width, 30);
+    EXPECT_EQ(std::tuple(merged[0].x, merged[0].width), std::tuple(0, 30));
 
     ScanBox p = boxAt(5, 5, 10, 100, 30), q = boxAt(8, 2, 10, 100, 31);
     std::tie(p.intensity, p.bgIntensity, p.region) = std::tuple(90, 3, 5);
@@ -106,9 +101,8 @@ TEST(ScanBoxTest, GroupingJoinsOverlapsOnlyOnTheSecondRound)
     const ScanBox m = ScanBox::merge({p, q});
     EXPECT_EQ(std::tuple(m.threshold, m.x, m.y, m.width, m.height, m.intensity, m.bgIntensity, m.region),
               std::tuple(30, 5, 2, 13, 13, 90, 9, 5));
-    EXPECT_EQ(m.children.size(), 2u);
-    EXPECT_EQ(ScanBox::merge({}).width, 0);
-    EXPECT_TRUE(ScanBox::mergeOverlapping({{}, {p}}).size() == 1);
+    EXPECT_EQ(std::tuple(m.children.size(), ScanBox::merge({}).width, ScanBox::mergeOverlapping({{}, {p}}).size()),
+              std::tuple(2u, 0, 1u));
 }
 
 TEST(ScanBoxTest, BlockSizeFollowsTheBoxWidth)
@@ -169,8 +163,7 @@ TEST_F(Contours, ShapeRulesDropLinesButKeepSmallShapes)
 {
     fill(image, 14, 8, 1, 15, 200); // 1 by 15: too tall for its width
     std::vector<ScanBox> out = run();
-    EXPECT_TRUE(found) << "a contour was there";
-    EXPECT_TRUE(out.empty());
+    EXPECT_TRUE(found && out.empty()) << "a contour was there";
 
     image.setTo(0);
     for (int i = 0; i < 4; ++i) // a diagonal within 4 by 4: small, passes whatever its shape
@@ -192,8 +185,7 @@ TEST_F(Contours, TwoSpotsAndALearnedBackground)
     std::vector<ScanBox> out = run();
     ASSERT_EQ(out.size(), 2u);
     std::sort(out.begin(), out.end(), [](const ScanBox& a, const ScanBox& b) { return a.x < b.x; });
-    EXPECT_EQ(out[0].x, 8);
-    EXPECT_EQ(out[1].x, 17);
+    EXPECT_EQ(std::tuple(out[0].x, out[1].x), std::tuple(8, 17));
     EXPECT_DOUBLE_EQ(out[1].centroidY, 18.5);
 
     cv::Mat background = cv::Mat::zeros(40, 40, CV_8UC1);
@@ -231,5 +223,3 @@ TEST(ScanBoxLayout, BoxesFollowTheMapAndStayInsideTheFrame)
     std::vector<ScanBox> wide = GridHelper::getScanBoxes(5.0, 10, 100, 100, &map, 752, 480);
     EXPECT_NEAR(wide[8 * 5 + 3].width, std::sqrt(80.0 * 80.0 + 40.0 * 40.0), 1e-6);
 }
-
-} // namespace

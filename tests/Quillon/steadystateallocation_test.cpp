@@ -11,9 +11,7 @@
 #include <cstdlib>
 #include <new>
 
-namespace {
-std::atomic<long> allocations{0};
-}
+static std::atomic<long> allocations{0};
 
 void* operator new(std::size_t n)
 {
@@ -24,8 +22,6 @@ void* operator new(std::size_t n)
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-
-namespace {
 
 TEST(SteadyState, AFrameAllocatesOnlyItsBlobsAndTheListThatCarriesThem)
 {
@@ -74,5 +70,3 @@ TEST(SteadyState, AFrameAllocatesOnlyItsBlobsAndTheListThatCarriesThem)
         EXPECT_EQ(used, 0) << "an idle frame allocates nothing";
     }
 }
-
-} // namespace

@@ -8,15 +8,13 @@
 #include <tuple>
 #include <utility>
 
-namespace {
-
-EPolygon rect(double x0, double y0, double x1, double y1)
+static EPolygon rect(double x0, double y0, double x1, double y1)
 {
     return EPolygon({EVector(x0, y0), EVector(x1, y0), EVector(x1, y1), EVector(x0, y1)});
 }
 
 // An area over the cell whose map shifts every point by (dx, dy).
-TransformArea shiftingArea(EPolygon cell, double dx, double dy)
+static TransformArea shiftingArea(EPolygon cell, double dx, double dy)
 {
     EPolygon moved = cell.Clone();
     for (EVector& v : moved.points)
@@ -24,14 +22,12 @@ TransformArea shiftingArea(EPolygon cell, double dx, double dy)
     return TransformArea(cell, moved, cell);
 }
 
-void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> expected)
+static void expectVertices(const EPolygon& p, std::vector<std::pair<double, double>> expected)
 {
     ASSERT_EQ(p.size(), static_cast<int>(expected.size()));
     for (int i = 0; i < p.size(); ++i)
         EXPECT_THAT(p[i], IsNear(expected[i].first, expected[i].second, 1e-6)) << "vertex " << i;
 }
-
-} // namespace
 
 TEST(TransformArea, ExtendHitAreaMovesTheVerticesOfEachMode)
 {
@@ -65,9 +61,7 @@ TEST(TransformArea, BlobSizeIsBlendedByInverseDistance)
     EXPECT_DOUBLE_EQ(a.GetInterpolatedBlobsize(EVector(10, 10)), 3);
     EXPECT_NEAR(a.GetInterpolatedBlobsize(EVector(5, 5)), 2.5, 1e-12);
     // Closer to the vertex of size 4 than to any other.
-    const double nearFour = a.GetInterpolatedBlobsize(EVector(1, 9));
-    EXPECT_GT(nearFour, 3.0);
-    EXPECT_LT(nearFour, 4.0);
+    EXPECT_THAT(a.GetInterpolatedBlobsize(EVector(1, 9)), testing::AllOf(testing::Gt(3.0), testing::Lt(4.0)));
 }
 
 TEST(TransformArea, InterpolatedHitAreaWalksVertexPairsThroughTheCorrection)
@@ -90,8 +84,7 @@ TEST(TransformGrid, UnclaimedPointMapsToOriginAndKeepsItsPayload)
     p.measureD = 9;
     const EVector q = grid.Filter(p);
     EXPECT_EQ(std::tuple(q.x, q.y, q.tag, q.measureD), std::tuple(0, 0, 3, 9));
-    EXPECT_EQ(grid.GetAreaIndex(p), -1);
-    EXPECT_EQ(grid.GetInterpolatedBlobsize(p), 0);
+    EXPECT_EQ(std::tuple(grid.GetAreaIndex(p), grid.GetInterpolatedBlobsize(p)), std::tuple(-1, 0.0));
 
     EXPECT_THAT(grid.Filter(EVector(2, 3)), IsPoint(7, 8));
 }

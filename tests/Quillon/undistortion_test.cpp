@@ -13,14 +13,12 @@
 #include <string>
 #include <tuple>
 
-namespace {
-
-std::string factoryFile(const char* name)
+static std::string factoryFile(const char* name)
 {
     return (QCoreApplication::applicationDirPath() + "/config/" + name).toStdString();
 }
 
-cv::Mat readMatrix(const std::string& path, const char* node)
+static cv::Mat readMatrix(const std::string& path, const char* node)
 {
     cv::FileStorage fs(path, cv::FileStorage::READ);
     cv::Mat m;
@@ -35,8 +33,6 @@ protected:
     cv::Mat K = readMatrix(intrinsic, "Intrinsics");
     cv::Mat D = readMatrix(distortion, "Distortion");
 };
-
-} // namespace
 
 TEST_F(FactoryLens, NormalUndistortionMovesPointsAsOpenCvDoes)
 {
@@ -67,8 +63,7 @@ TEST_F(FactoryLens, NormalUndistortionMovesPointsAsOpenCvDoes)
                 std::vector<cv::Point2d> in{{x, y}}, out;
                 cv::undistortPoints(in, out, k, d, cv::noArray(), k);
                 const EVector got = lens.undistort(EVector(x, y));
-                ASSERT_EQ(got.x, out[0].x) << x << "," << y;
-                ASSERT_EQ(got.y, out[0].y) << x << "," << y;
+                ASSERT_EQ(std::tuple(got.x, got.y), std::tuple(out[0].x, out[0].y)) << x << "," << y;
             }
         }
     }
@@ -124,8 +119,7 @@ TEST(FisheyeUndistortion, FollowsTheTangentOfTheRadius)
     EVector p(576, 240);
     p.weight = 8;
     EXPECT_EQ(lens.undistort(p).weight, 8); // not initialised: unchanged
-    EXPECT_FALSE(lens.initByFiles("a", "b", 1, 1));
-    EXPECT_FALSE(lens.ready);
+    EXPECT_EQ((std::pair{lens.initByFiles("a", "b", 1, 1), bool(lens.ready)}), std::pair(false, false));
 
     ASSERT_TRUE(lens.initByIntrinsic(376, 240, 400, 300));
     const EVector q = lens.undistort(p);
