@@ -32,8 +32,7 @@ struct Frame {
 class TestFacade : public BlobFacade {
 public:
     using BlobFacade::BlobFacade;
-    std::atomic<int> made{0};
-    std::atomic<int> searched{0};
+    std::atomic<int> made{0}, searched{0};
 
     std::vector<Blob*> process(unsigned char* frame, bool) override
     {
