@@ -18,6 +18,8 @@
 #include "isensorviewer.h"
 #include "isensorviewerui.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -52,11 +54,12 @@ struct Script {
     }
 };
 
-// Runs the end of a procedure on a thread of its own; the procedure keeps it, and so joins it
-// when it goes.
-inline std::jthread finishLater(int delayMs, std::function<void()> end)
+// Runs the end of a procedure on a thread of its own, which the procedure keeps and so joins
+// when it goes. A procedure is started once.
+inline void finishLater(std::jthread& thread, int delayMs, std::function<void()> end)
 {
-    return std::jthread([delayMs, end] {
+    EXPECT_FALSE(thread.joinable()) << "a procedure was started twice";
+    thread = std::jthread([delayMs, end] {
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
         end();
     });
@@ -76,7 +79,7 @@ public:
         Calibration* made = setsResult && (status == 1 || status == -2) && script->result
             ? new Calibration(*script->result)
             : nullptr;
-        finisher = finishLater(script->delayMs(), [this, status, made] {
+        finishLater(finisher, script->delayMs(), [this, status, made] {
             if (made)
                 emitter->setCalibration(made);
             emit this->finished(status);
@@ -118,7 +121,7 @@ public:
     void start(int) override
     {
         const int status = script->next(script->alignment, {0, -1});
-        finisher = finishLater(script->delayMs(), [this, status] { emit finished(status); });
+        finishLater(finisher, script->delayMs(), [this, status] { emit finished(status); });
     }
 
 private:
@@ -135,7 +138,7 @@ public:
 class StandInViewer : public ISensorViewer {
 public:
     explicit StandInViewer(Script* script) : script(script) {}
-    void start() override { finisher = finishLater(script->delayMs(), [this] { emit exitted(); }); }
+    void start() override { finishLater(finisher, script->delayMs(), [this] { emit exitted(); }); }
 
 private:
     Script* script;
