@@ -117,15 +117,6 @@ TEST_F(SettingsFile, WholeNumbersBeyondTheRangeOfAnIntStopAtItsEnds)
     EXPECT_EQ(gs->frameSize, INT_MAX);
 }
 
-TEST_F(SettingsFile, NumbersAreReadInTheCLocaleWhateverTheProcessLocale)
-{
-    auto lines = factoryLines();
-    lines[6] = "bezier=0.75";
-    setlocale(LC_ALL, "de_DE.UTF-8"); // may not exist; load sets "C" itself either way
-    auto gs = load(lines);
-    EXPECT_DOUBLE_EQ(gs->bezierFactor, 0.75);
-}
-
 TEST_F(SettingsFile, AShortFileZeroesTheFirstMemberPastItsEndWhenItEndsWithALineFeed)
 {
     auto lines = factoryLines();
@@ -138,15 +129,18 @@ TEST_F(SettingsFile, AShortFileZeroesTheFirstMemberPastItsEndWhenItEndsWithALine
     EXPECT_EQ(gs->stylusExposure, 80);
 }
 
-TEST_F(SettingsFile, LinesPast120AreIgnoredAndLine33SetsNothing)
+TEST_F(SettingsFile, LinesPast120AreIgnoredLine33SetsNothingAndNumbersAreReadInTheCLocale)
 {
     auto lines = factoryLines();
+    lines[6] = "bezier=0.75";
     lines[33] = "ignored=12345";
     lines.push_back("extra=1");
     lines.push_back("more=2");
+    setlocale(LC_ALL, "de_DE.UTF-8"); // may not exist; load sets "C" itself either way
     auto gs = load(lines);
     ASSERT_TRUE(gs);
-    EXPECT_THAT(std::tuple(gs->scanBoxLargeCheck, gs->disturbanceCheckMs), FieldsAre(false, 2000));
+    EXPECT_THAT(std::tuple(gs->scanBoxLargeCheck, gs->disturbanceCheckMs, gs->bezierFactor),
+                FieldsAre(false, 2000, DoubleEq(0.75)));
 }
 
 TEST_F(SettingsFile, PerUserPathsAreMadeUnderDocumentsVelora)
