@@ -224,17 +224,15 @@ TEST_F(Dispatch, PauseFlipsWithAnAnswerAndANewCalibrationClearsIt)
 
 // Commands that change a setting or a device output and answer (or not), with the statuses
 // they write.
-struct Setting {
-    int id;
-    bool answers;
-    std::function<bool()> done;
-    std::vector<int> statuses = {};
-};
-
 TEST_F(Dispatch, SettingCommandsDoTheirOneThing)
 {
     arrange(1, true);
-    const std::vector<Setting> table{
+    const struct {
+        int id;
+        bool answers;
+        std::function<bool()> done;
+        std::vector<int> statuses = {};
+    } table[] = {
         {22, false, [&] { return gs->pointerMode == 0 && userSettings().value(3) == "0"; }},
         {23, false, [&] { return gs->pointerMode == 1 && userSettings().value(3) == "1"; }},
         {100, true, [&] { return gs->profile == 1 && userSettings().value(1) == "1"; }},
@@ -249,7 +247,7 @@ TEST_F(Dispatch, SettingCommandsDoTheirOneThing)
         // A left-over command is answered with its status only.
         {1000, true, [&] { return facade->activePen->inputMode == 1; }, {-13}},
     };
-    for (const Setting& s : table) {
+    for (const auto& s : table) {
         QFile::remove(gs->answerFilePath);
         EmulatedFacade::clearStatuses();
         facade->onIpcMessageReceived(s.id);

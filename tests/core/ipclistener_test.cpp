@@ -81,15 +81,13 @@ protected:
     QObject receiver;
 };
 
-struct Byte {
-    char byte;
-    int id;
-    const char* log;
-};
-
 TEST_F(Channel, EveryCommandByteGivesItsIdAndLogText)
 {
-    const Byte table[] = {
+    const struct {
+        char byte;
+        int id;
+        const char* log;
+    } table[] = {
         {'0', 16, "IPC: b"},   {'1', 110, "IPC: 1"}, {'2', 111, "IPC: 2"}, {'3', 112, "IPC: 3"}, {'4', 21, "IPC: 21"},
         {'5', 22, "IPC: 22"},  {'6', 23, "IPC: 23"}, {'7', 24, "IPC: 24"}, {'8', 17, "IPC: d"},  {'Q', 25, "IPC: 25"},
         {'a', 1, "IPC: a"},    {'b', 108, "IPC: b"}, {'c', 107, "IPC: c"}, {'d', 104, "IPC: d"}, {'e', 7, "IPC: e"},
@@ -99,7 +97,7 @@ TEST_F(Channel, EveryCommandByteGivesItsIdAndLogText)
         {'u', 102, "IPC: u"},  {'v', 5, "IPC: v"},   {'w', 11, "IPC: w"},  {'x', 13, "IPC: x"},  {'y', 10, "IPC: i"},
         {'z', 106, "IPC: z"},
     };
-    for (const Byte& b : table) {
+    for (const auto& b : table) {
         ids.clear();
         send(QByteArray(1, b.byte) + "\n");
         // The file is taken; a byte without a log text logs nothing of its own.
