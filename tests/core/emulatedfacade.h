@@ -12,7 +12,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -45,13 +44,13 @@ public:
 
     static std::vector<int> statuses()
     {
-        std::lock_guard hold(logLock());
-        return written();
+        std::lock_guard hold(logLock);
+        return written;
     }
     static void clearStatuses()
     {
-        std::lock_guard hold(logLock());
-        written().clear();
+        std::lock_guard hold(logLock);
+        written.clear();
     }
 
     // Handles events until no procedure has run for quietMs of rounds of events: a slot that
@@ -93,16 +92,8 @@ private:
         const char* t = std::getenv("TMPDIR");
         return t ? t : "/tmp";
     }
-    static std::mutex& logLock()
-    {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<int>& written()
-    {
-        static std::vector<int> w;
-        return w;
-    }
+    static inline std::mutex logLock;
+    static inline std::vector<int> written;
 
     static EmulatedFacade* make()
     {
@@ -111,8 +102,8 @@ private:
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
             const auto m = status->match(text);
             if (m.hasMatch()) {
-                std::lock_guard hold(logLock());
-                written().push_back(m.captured(1).toInt());
+                std::lock_guard hold(logLock);
+                written.push_back(m.captured(1).toInt());
             }
         });
         const std::string dir = tmp();

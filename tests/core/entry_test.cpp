@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -13,7 +12,6 @@
 #include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QTemporaryDir>
-#include <QThread>
 
 namespace {
 
@@ -22,6 +20,7 @@ class Program : public ::testing::Test {
 protected:
     QTemporaryDir dir;
     QString program = dir.filePath("velora");
+    // Killed and awaited, if still running, as it goes.
     QProcess process;
 
     void SetUp() override
@@ -36,29 +35,21 @@ protected:
         process.setWorkingDirectory(dir.path());
         process.setProcessChannelMode(QProcess::SeparateChannels);
     }
-    void TearDown() override
-    {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished();
-        }
-    }
     void start(const QStringList& args)
     {
         process.setArguments(args);
         process.start();
         ASSERT_TRUE(process.waitForStarted());
     }
-    // Waits until the program's output holds text, collecting it.
-    bool waitForOutput(QString* out, const QString& text, int ms = 10000)
+    // Collects the program's output until it holds text (for ms at most), or for all of ms
+    // without a text: QProcess reads only while somebody waits on it.
+    bool collect(QString* out, const QString& text, int ms = 10000)
     {
         QElapsedTimer t;
         t.start();
-        while (!out->contains(text) && t.elapsed() < ms) {
-            process.waitForReadyRead(100);
+        while ((text.isEmpty() || !out->contains(text)) && t.elapsed() < ms && process.state() == QProcess::Running) {
+            process.waitForReadyRead(50);
             *out += QString::fromLocal8Bit(process.readAllStandardOutput());
-            if (process.state() == QProcess::NotRunning)
-                break;
         }
         *out += QString::fromLocal8Bit(process.readAllStandardOutput());
         return out->contains(text);
@@ -71,24 +62,20 @@ protected:
         EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
         return QString::fromLocal8Bit(process.readAllStandardError());
     }
-    // Adds a line at the end of a file of config/; the number of that line.
-    int appendTo(const QString& name, const QByteArray& line)
+    // Puts text in place of a line of a file of config/, or after its last line when at is -1;
+    // the number of that line, as editors count.
+    int editConfig(const QString& name, int at, const QByteArray& text)
     {
         QFile file(dir.filePath("config/" + name));
-        EXPECT_TRUE(file.open(QIODevice::ReadWrite));
-        const int lines = int(file.readAll().count('\n'));
-        file.write(line);
-        return lines + 1;
-    }
-    // Collects the program's output for a while; QProcess reads only while somebody waits on it.
-    void collectFor(QString* out, int ms)
-    {
-        QElapsedTimer t;
-        t.start();
-        while (t.elapsed() < ms && process.state() == QProcess::Running) {
-            process.waitForReadyRead(50);
-            *out += QString::fromLocal8Bit(process.readAllStandardOutput());
-        }
+        EXPECT_TRUE(file.open(QIODevice::ReadOnly));
+        QList<QByteArray> lines = file.readAll().split('\n');
+        file.close();
+        if (at < 0)
+            at = int(lines.size()) - 1, lines.append("");
+        lines[at] = text;
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(lines.join('\n'));
+        return at + 1;
     }
 };
 
@@ -99,8 +86,7 @@ TEST_F(Program, WithoutTheMenuAndWithoutVerboseItSaysSoAndEndsCleanly)
     runToExit({});
     const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
     EXPECT_EQ(process.exitCode(), 0);
-    EXPECT_TRUE(out.contains("velora-menu is not running. Run with -v flag or run with velora-menu.")) << qPrintable(out);
-    // date time: Type: text (file:line, function)
+    // The line says so as date time: Type: text (file:line, function).
     const QRegularExpression line(
         R"(^\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d: Debug: velora-menu is not running\. Run with -v flag or run with velora-menu\. \(.+blobfacade\.cpp:\d+, .*start.*\)$)",
         QRegularExpression::MultilineOption);
@@ -115,8 +101,8 @@ TEST_F(Program, VerboseFlagCountsOnlyInFirstPlace)
 
     start({" -v "});
     QString out;
-    EXPECT_TRUE(waitForOutput(&out, "Verbose Flag found")) << qPrintable(out);
-    collectFor(&out, 1500);
+    EXPECT_TRUE(collect(&out, "Verbose Flag found")) << qPrintable(out);
+    collect(&out, {}, 1500);
     EXPECT_EQ(process.state(), QProcess::Running) << "with -v it runs without the menu";
 }
 
@@ -127,8 +113,8 @@ TEST_F(Program, WaitsForTheDeviceWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes
     start({});
     QString out;
     // No camera here: it waits, saying so once a second.
-    ASSERT_TRUE(waitForOutput(&out, "No device connected.")) << qPrintable(out);
-    collectFor(&out, 1500);
+    ASSERT_TRUE(collect(&out, "No device connected.")) << qPrintable(out);
+    collect(&out, {}, 1500);
     ASSERT_EQ(process.state(), QProcess::Running) << qPrintable(out);
     EXPECT_GE(out.count("No device connected."), 2) << qPrintable(out);
     EXPECT_FALSE(out.contains("velora-menu is not running"));
@@ -140,26 +126,17 @@ TEST_F(Program, WaitsForTheDeviceWhileTheMenuHoldsItsGuardAndEndsWhenTheMenuGoes
 
 TEST_F(Program, ABlankSettingEndsTheProgramNamingFileAndLine)
 {
-    const QString conf = dir.filePath("config/velora.conf");
-    QFile file(conf);
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    QList<QByteArray> lines = file.readAll().split('\n');
-    file.close();
-    lines[5] = "stylusThreshold=    ";
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(lines.join('\n'));
-    file.close();
-
+    const int line = editConfig("velora.conf", 5, "stylusThreshold=    ");
     const QString err = runToExit();
     EXPECT_NE(process.exitCode(), 0);
-    EXPECT_TRUE(err.contains(conf + ":6:")) << qPrintable(err);
+    EXPECT_TRUE(err.contains(dir.filePath("config/velora.conf") + QString(":%1:").arg(line))) << qPrintable(err);
 }
 
 // The device list is read while the program waits for the camera, after the settings:
 // a bad key still ends it once, with status 1, naming the file and line.
 TEST_F(Program, AnUnknownKeyInTheDeviceListEndsTheProgramWithStatusOne)
 {
-    const int line = appendTo("cyusb.conf", "Devices 3\n");
+    const int line = editConfig("cyusb.conf", -1, "Devices 3");
     const QString err = runToExit();
     EXPECT_EQ(process.exitCode(), 1);
     EXPECT_TRUE(err.contains(QString("config/cyusb.conf:%1:").arg(line))) << qPrintable(err);
@@ -170,7 +147,7 @@ TEST_F(Program, AnUnknownKeyInTheDeviceListEndsTheProgramWithStatusOne)
 // the settings: a register line without a value ends the program the same way.
 TEST_F(Program, ARegisterLineWithoutValueEndsTheProgramOnceTheSensorStarts)
 {
-    const int line = appendTo("sensor.conf", "REG= 000B\n");
+    const int line = editConfig("sensor.conf", -1, "REG= 000B");
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     const QString emulator = QFileInfo(VELORA_BINARY).dir().filePath("libvelora_sensor_emulator.so");
     ASSERT_TRUE(QFile::exists(emulator));

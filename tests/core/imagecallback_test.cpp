@@ -7,10 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -32,8 +32,7 @@ struct Frame {
 class TestFacade : public BlobFacade {
 public:
     using BlobFacade::BlobFacade;
-    std::atomic<int> made{0};
-    std::atomic<int> searched{0};
+    std::atomic<int> made{0}, searched{0};
 
     std::vector<Blob*> process(unsigned char* frame, bool) override
     {
@@ -55,31 +54,36 @@ public:
     }
 };
 
-// Writes one line per call, so a test can compare the whole order at once.
+// What the listeners heard, one line per call, so that a test compares the whole order at once.
+struct Heard {
+    std::mutex lock;
+    std::vector<std::string> lines;
+    std::vector<std::string> take()
+    {
+        std::lock_guard hold(lock);
+        return std::exchange(lines, {});
+    }
+};
+
 class Recorder : public IBlobListener {
 public:
     std::string name;
-    std::vector<std::string>* log;
-    std::mutex* lock;
-    Recorder(std::string n, std::vector<std::string>* l, std::mutex* m) : name(std::move(n)), log(l), lock(m) {}
+    Heard* heard;
+    Recorder(std::string n, Heard* h) : name(std::move(n)), heard(h) {}
 
-    void note(const std::string& what)
+    void note(const std::string& what, std::vector<Blob*>& all, Blob* blob = nullptr)
     {
-        std::lock_guard<std::mutex> hold(*lock);
-        log->push_back(name + " " + what);
+        const std::string at = blob ? std::to_string(int(blob->x)) + "," + std::to_string(int(blob->y)) + " of " : "";
+        std::lock_guard hold(heard->lock);
+        heard->lines.push_back(name + " " + what + " " + at + std::to_string(all.size()));
     }
-    static std::string at(Blob* b) { return std::to_string(int(b->x)) + "," + std::to_string(int(b->y)); }
-
     void newBlob(Blob* blob, std::vector<Blob*> all, unsigned char* image) override
     {
-        note("blob " + at(blob) + " of " + std::to_string(all.size()) + (image ? "" : " noimage"));
+        note(image ? "blob" : "blob noimage", all, blob);
     }
-    void newBlobList(std::vector<Blob*> all) override { note("list " + std::to_string(all.size())); }
-    void newOutsideBlob(Blob* blob, std::vector<Blob*> all, unsigned char*) override
-    {
-        note("outside " + at(blob) + " of " + std::to_string(all.size()));
-    }
-    void newOutsideBlobList(std::vector<Blob*> all) override { note("outsideList " + std::to_string(all.size())); }
+    void newBlobList(std::vector<Blob*> all) override { note("list", all); }
+    void newOutsideBlob(Blob* blob, std::vector<Blob*> all, unsigned char*) override { note("outside", all, blob); }
+    void newOutsideBlobList(std::vector<Blob*> all) override { note("outsideList", all); }
 };
 
 class CountingController : public IPointerController {
@@ -96,10 +100,9 @@ protected:
     char arg0[8] = "velora";
     char* argv[2] = {arg0, nullptr};
     TestFacade facade{1, argv};
-    std::vector<std::string> log;
-    std::mutex lock;
-    Recorder first{"A", &log, &lock};
-    Recorder second{"B", &log, &lock};
+    Heard heard;
+    Recorder first{"A", &heard};
+    Recorder second{"B", &heard};
     CountingController* output = new CountingController();
 
     void SetUp() override
@@ -120,59 +123,59 @@ protected:
         delete[] facade.image.exchange(nullptr);
     }
     void feed(Frame f = {}) { ImageCallback(&facade, f.data()); }
-    std::vector<std::string> take()
+    // Frames from a thread of their own, as the sensor's, while body runs on the test's.
+    template <typename Body> void whileFramesFlow(Frame f, Body body)
     {
-        std::lock_guard<std::mutex> hold(lock);
-        return std::exchange(log, {});
+        std::atomic<bool> stop{false};
+        std::thread imageThread([&] {
+            while (!stop)
+                ImageCallback(&facade, f.data());
+        });
+        body(f);
+        stop = true;
+        imageThread.join();
     }
 };
+
+using Lines = std::vector<std::string>;
 
 } // namespace
 
 TEST_F(FrameDispatch, SingleCallsComeBeforeListsAndInsideBeforeOutside)
 {
     feed(Frame().spot(10, 10).spot(400, 5, true).spot(20, 30));
-    const std::vector<std::string> expected{
-        "A blob 10,10 of 2", "B blob 10,10 of 2", "A blob 20,30 of 2", "B blob 20,30 of 2",
-        "A list 2", "B list 2",
-        "A outside 400,5 of 1", "B outside 400,5 of 1",
-        "A outsideList 1", "B outsideList 1",
-    };
-    EXPECT_EQ(take(), expected);
+    EXPECT_EQ(heard.take(), (Lines{"A blob 10,10 of 2", "B blob 10,10 of 2", "A blob 20,30 of 2", "B blob 20,30 of 2",
+                                   "A list 2", "B list 2", "A outside 400,5 of 1", "B outside 400,5 of 1",
+                                   "A outsideList 1", "B outsideList 1"}));
     EXPECT_EQ(output->resets, 0);
 }
 
 TEST_F(FrameDispatch, FramesWithoutABlobOnTheScreenResetThePointerOutput)
 {
+    // No listener hears an empty frame.
     feed();
-    EXPECT_TRUE(take().empty()) << "no listener hears an empty frame";
-    EXPECT_EQ(output->resets, 1);
+    EXPECT_EQ(std::tuple(heard.take(), output->resets.load()), std::tuple(Lines{}, 1));
 
     feed(Frame().spot(3, 3, true));
-    EXPECT_EQ(take(), (std::vector<std::string>{"A outside 3,3 of 1", "B outside 3,3 of 1",
-                                                "A outsideList 1", "B outsideList 1"}));
-    EXPECT_EQ(output->resets, 2);
+    EXPECT_EQ(std::tuple(heard.take(), output->resets.load()),
+              std::tuple(Lines{"A outside 3,3 of 1", "B outside 3,3 of 1", "A outsideList 1", "B outsideList 1"}, 2));
 }
 
 TEST_F(FrameDispatch, PausedFindsBlobsButTellsNobody)
 {
     facade.paused = true;
+    // A blob on the screen while paused resets nothing; the reset on an empty frame holds.
     feed(Frame().spot(50, 50));
-    EXPECT_EQ(facade.searched, 1);
-    EXPECT_TRUE(take().empty());
-    EXPECT_EQ(output->resets, 0) << "a blob on the screen while paused resets nothing";
-
+    EXPECT_EQ(std::tuple(facade.searched.load(), heard.take(), output->resets.load()), std::tuple(1, Lines{}, 0));
     feed();
-    EXPECT_EQ(output->resets, 1) << "the reset on an empty frame holds while paused";
+    EXPECT_EQ(output->resets, 1);
 }
 
 TEST_F(FrameDispatch, NotProcessingSearchesNothingButStillServesPictures)
 {
     facade.setProcessing(false);
     feed(Frame().spot(50, 50));
-    EXPECT_EQ(facade.searched, 0);
-    EXPECT_EQ(output->resets, 0);
-    EXPECT_TRUE(take().empty());
+    EXPECT_EQ(std::tuple(facade.searched.load(), heard.take(), output->resets.load()), std::tuple(0, Lines{}, 0));
 
     delete[] facade.image.exchange(nullptr);
     feed(Frame().spot(50, 50));
@@ -184,26 +187,26 @@ TEST_F(FrameDispatch, ListenersAreUniqueInOrderAndMayChangeTheListDuringACall)
 {
     facade.addBlobListener(&first);
     EXPECT_EQ(facade.blobListeners().size(), 2u) << "A and B, once each";
-    Recorder unknown{"U", &log, &lock};
+    Recorder unknown{"U", &heard};
     facade.removeBlobListener(&unknown);
     EXPECT_EQ(facade.blobListeners().size(), 2u);
 
     // A listener that removes itself, so that the one behind it moves up and is skipped.
     struct Leaver : Recorder {
         BlobFacade* facade;
-        Leaver(std::vector<std::string>* l, std::mutex* m, BlobFacade* f) : Recorder("L", l, m), facade(f) {}
+        Leaver(Heard* h, BlobFacade* f) : Recorder("L", h), facade(f) {}
         void newBlob(Blob* b, std::vector<Blob*> all, unsigned char* image) override
         {
             Recorder::newBlob(b, all, image);
             facade->removeBlobListener(this);
         }
-    } leaver(&log, &lock, &facade);
+    } leaver(&heard, &facade);
     facade.removeBlobListener(&first);
     facade.removeBlobListener(&second);
     facade.addBlobListener(&leaver);
     facade.addBlobListener(&second);
     feed(Frame().spot(7, 7));
-    EXPECT_EQ(take(), (std::vector<std::string>{"L blob 7,7 of 1", "B list 1"}))
+    EXPECT_EQ(heard.take(), (Lines{"L blob 7,7 of 1", "B list 1"}))
         << "B moved into L's place during L's call and missed the blob call";
     EXPECT_EQ(facade.blobListeners().size(), 1u);
 }
@@ -218,40 +221,18 @@ TEST_F(FrameDispatch, EveryBlobOfAFrameIsFreedAfterTheListeners)
 
 TEST_F(FrameDispatch, GetImageHandsOverAFreshCopyFromTheImageThread)
 {
-    std::atomic<bool> stop{false};
-    Frame f;
-    f.spot(100, 100);
-    std::thread imageThread([&] {
-        while (!stop) {
-            ImageCallback(&facade, f.data());
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    whileFramesFlow(Frame().spot(100, 100), [&](Frame& f) {
+        for (int i = 0; i < 20; ++i) {
+            unsigned char* picture = facade.getImage();
+            ASSERT_NE(picture, nullptr);
+            ASSERT_EQ(picture[100 * GS::instance()->sensorWidth + 100], 220);
+            EXPECT_NE(picture, f.data()) << "a copy, never the sensor's buffer";
         }
     });
-    for (int i = 0; i < 20; ++i) {
-        unsigned char* picture = facade.getImage();
-        ASSERT_NE(picture, nullptr);
-        ASSERT_EQ(picture[100 * GS::instance()->sensorWidth + 100], 220);
-        EXPECT_NE(picture, f.data()) << "a copy, never the sensor's buffer";
-    }
-    stop = true;
-    imageThread.join();
 }
 
-TEST_F(FrameDispatch, EmulateBlobMakesItsThreeCallsUnlessPaused)
-{
-    facade.emulateBlob(320, 200);
-    EXPECT_EQ(take(), (std::vector<std::string>{"A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
-                                                "A list 1", "B list 1",
-                                                "A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
-                                                "A list 1", "B list 1",
-                                                "A blob 320,200 of 1 noimage", "B blob 320,200 of 1 noimage",
-                                                "A list 1", "B list 1"}));
-    facade.paused = true;
-    facade.emulateBlob(320, 200);
-    EXPECT_TRUE(take().empty());
-}
-
-TEST_F(FrameDispatch, EmulatedTapReachesThePointerOutputAsDownMoveUp)
+// Three calls with one blob, which the pointer output takes as a tap.
+TEST_F(FrameDispatch, EmulateBlobMakesItsThreeCallsAndATapUnlessPaused)
 {
     struct Gestures : IPointerController {
         std::vector<std::string> seen;
@@ -267,32 +248,34 @@ TEST_F(FrameDispatch, EmulatedTapReachesThePointerOutputAsDownMoveUp)
     GS::instance()->screenWidth = 1920;
     GS::instance()->screenHeight = 1080;
     facade.emulateBlob(640, 480);
-    EXPECT_EQ(gestures->seen, (std::vector<std::string>{"down 640", "move", "up"}));
+    const Lines once{"A blob noimage 640,480 of 1", "B blob noimage 640,480 of 1", "A list 1", "B list 1"};
+    Lines thrice;
+    for (int i = 0; i < 3; ++i)
+        thrice.insert(thrice.end(), once.begin(), once.end());
+    EXPECT_EQ(heard.take(), thrice);
+    EXPECT_EQ(gestures->seen, (Lines{"down 640", "move", "up"}));
     EXPECT_GE(gestures->id, 0);
     EXPECT_LT(gestures->id, 1000);
+
+    facade.paused = true;
+    facade.emulateBlob(640, 480);
+    EXPECT_EQ(std::tuple(heard.take(), gestures->seen.size()), std::tuple(Lines{}, 3u));
 }
 
 TEST_F(FrameDispatch, ListenersMayComeAndGoWhileFramesFlow)
 {
-    std::atomic<bool> stop{false};
-    Frame f;
-    f.spot(30, 30);
-    std::thread imageThread([&] {
-        while (!stop)
-            ImageCallback(&facade, f.data());
+    Recorder extra{"X", &heard};
+    whileFramesFlow(Frame().spot(30, 30), [&](Frame&) {
+        for (int i = 0; i < 200; ++i) {
+            facade.addBlobListener(&extra);
+            facade.removeBlobListener(&extra);
+            facade.setProcessing(i % 2 == 0);
+            facade.paused = i % 3 == 0;
+        }
     });
-    Recorder extra{"X", &log, &lock};
-    for (int i = 0; i < 200; ++i) {
-        facade.addBlobListener(&extra);
-        facade.removeBlobListener(&extra);
-        facade.setProcessing(i % 2 == 0);
-        facade.paused = i % 3 == 0;
-    }
-    stop = true;
-    imageThread.join();
     facade.setProcessing(true);
     facade.paused = false;
-    take();
-    ImageCallback(&facade, f.data());
-    EXPECT_EQ(take().size(), 4u);
+    heard.take();
+    feed(Frame().spot(30, 30));
+    EXPECT_EQ(heard.take().size(), 4u);
 }

@@ -151,7 +151,7 @@ TEST(UpdaterStateListener, SignalsAnUpdateAndStopsWhenTheUpdaterLetsGo)
     EXPECT_EQ(updates, seen) << "after -1 the listener no longer looks";
 }
 
-TEST(RunGuard, TheHolderSeesNobodyElseAndOthersSeeTheHolder)
+TEST(RunGuard, TheHolderSeesNobodyElseOthersSeeTheHolderAndTheKeyStays)
 {
     const QString key = uniqueKey("velora-test-");
     RunGuard holder(key);
@@ -166,11 +166,8 @@ TEST(RunGuard, TheHolderSeesNobodyElseAndOthersSeeTheHolder)
     holder.release();
     EXPECT_FALSE(asker.isAnotherRunning());
     EXPECT_TRUE(asker.tryToRun());
-}
 
-// Another program finds the guard by this key: it must not change.
-TEST(RunGuard, KeysAreTheSha1OfKeyAndSuffix)
-{
+    // Another program finds the guard by its key, the SHA-1 of key and suffix: it must not change.
     EXPECT_EQ(RunGuard::generateKeyHash("velora", "_sharedmemKey"), "d121ce5f86c03e0793bb4a8051b00599df4f2a27");
 }
 

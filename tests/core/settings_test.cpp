@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QFile>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -37,7 +36,8 @@ protected:
     QTemporaryDir dir;
     QString path = dir.filePath("velora.conf");
 
-    void writeLines(const std::vector<std::string>& lines, bool finalLineFeed)
+    // The file of these lines, loaded.
+    std::unique_ptr<GS> load(const std::vector<std::string>& lines, bool finalLineFeed = true)
     {
         std::string s;
         for (const std::string& line : lines)
@@ -45,8 +45,8 @@ protected:
         if (!finalLineFeed && !s.empty())
             s.pop_back();
         std::ofstream(path.toStdString(), std::ios::binary) << s;
+        return std::unique_ptr<GS>(GS::load(path));
     }
-    std::unique_ptr<GS> load() { return std::unique_ptr<GS>(GS::load(path)); }
 };
 
 } // namespace
@@ -55,8 +55,7 @@ TEST_F(SettingsFile, FactoryFileHas121LinesAndLoadsEveryMember)
 {
     auto lines = factoryLines();
     ASSERT_EQ(lines.size(), 121u);
-    writeLines(lines, true);
-    auto gs = load();
+    auto gs = load(lines);
     ASSERT_TRUE(gs);
     EXPECT_THAT(std::tuple(gs->cyusbConfPath, gs->acConfPath, gs->intrinsicPath, gs->language),
                 FieldsAre("config/cyusb.conf", StrEq("config/ac.conf"), StrEq("config/intrinsic.xml"), StrEq("en")));
@@ -84,8 +83,7 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
     lines[24] = "marginX=abc";                    // text in a numeric line is 0
     lines[52] = "language=de";
     lines[0] = "device list=  my/cyusb.conf";
-    writeLines(lines, true);
-    auto gs = load();
+    auto gs = load(lines);
     ASSERT_TRUE(gs);
     // The width's value after the first '=' is ' sign=640'.
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->frameSize, gs->stylusThreshold, gs->inputMode.load(),
@@ -97,8 +95,7 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
 
     lines[2] = "width=640";
     lines[49] = "inputMode=0.0";
-    writeLines(lines, true);
-    gs = load();
+    gs = load(lines);
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->frameSize, gs->inputMode.load()), FieldsAre(640, 640 * 400, 0));
 }
 
@@ -109,61 +106,46 @@ TEST_F(SettingsFile, WholeNumbersBeyondTheRangeOfAnIntStopAtItsEnds)
     lines[2] = "width=5e30";
     lines[3] = "height=-1e300";
     lines[5] = "stylusThreshold=nan";
-    writeLines(lines, true);
-    auto gs = load();
+    auto gs = load(lines);
     ASSERT_TRUE(gs);
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->stylusThreshold, gs->frameSize),
                 FieldsAre(INT_MAX, INT_MIN, 0, INT_MIN));
 
     lines[2] = "width=70000";
     lines[3] = "height=70000";
-    writeLines(lines, true);
-    gs = load();
+    gs = load(lines);
     EXPECT_EQ(gs->frameSize, INT_MAX);
-}
-
-TEST_F(SettingsFile, NumbersAreReadInTheCLocaleWhateverTheProcessLocale)
-{
-    auto lines = factoryLines();
-    lines[6] = "bezier=0.75";
-    writeLines(lines, true);
-    setlocale(LC_ALL, "de_DE.UTF-8"); // may not exist; load sets "C" itself either way
-    auto gs = load();
-    EXPECT_DOUBLE_EQ(gs->bezierFactor, 0.75);
 }
 
 TEST_F(SettingsFile, AShortFileZeroesTheFirstMemberPastItsEndWhenItEndsWithALineFeed)
 {
     auto lines = factoryLines();
     lines.resize(4);
-    writeLines(lines, true);
-    auto gs = load();
-    EXPECT_EQ(gs->sensorHeight, 480);
-    EXPECT_EQ(gs->stylusExposure, 0) << "line 4 is the empty line after the last line feed";
-    EXPECT_EQ(gs->stylusThreshold, 230) << "later members keep the constructor's values";
+    // Line 4 is the empty line after the last line feed; later members keep the constructor's values.
+    auto gs = load(lines);
+    EXPECT_THAT(std::tuple(gs->sensorHeight, gs->stylusExposure, gs->stylusThreshold), FieldsAre(480, 0, 230));
 
-    writeLines(lines, false);
-    gs = load();
+    gs = load(lines, false);
     EXPECT_EQ(gs->stylusExposure, 80);
 }
 
-TEST_F(SettingsFile, LinesPast120AreIgnoredAndLine33SetsNothing)
+TEST_F(SettingsFile, LinesPast120AreIgnoredLine33SetsNothingAndNumbersAreReadInTheCLocale)
 {
     auto lines = factoryLines();
+    lines[6] = "bezier=0.75";
     lines[33] = "ignored=12345";
     lines.push_back("extra=1");
     lines.push_back("more=2");
-    writeLines(lines, true);
-    auto gs = load();
+    setlocale(LC_ALL, "de_DE.UTF-8"); // may not exist; load sets "C" itself either way
+    auto gs = load(lines);
     ASSERT_TRUE(gs);
-    EXPECT_FALSE(gs->scanBoxLargeCheck);
-    EXPECT_EQ(gs->disturbanceCheckMs, 2000);
+    EXPECT_THAT(std::tuple(gs->scanBoxLargeCheck, gs->disturbanceCheckMs, gs->bezierFactor),
+                FieldsAre(false, 2000, DoubleEq(0.75)));
 }
 
 TEST_F(SettingsFile, PerUserPathsAreMadeUnderDocumentsVelora)
 {
-    writeLines(factoryLines(), true);
-    auto gs = load();
+    auto gs = load(factoryLines());
     const QString docs = QStandardPaths::locate(QStandardPaths::DocumentsLocation, QString(),
                                                 QStandardPaths::LocateDirectory);
     ASSERT_FALSE(docs.isEmpty()) << "the isolated home has a Documents folder";
@@ -180,58 +162,44 @@ TEST_F(SettingsFile, AMissingFileGivesNullAndTheDefaultsStayUnderVarVelora)
     EXPECT_EQ(GS::load(dir.filePath("absent.conf")), nullptr);
     GS defaults;
     EXPECT_THAT(std::tuple(defaults.userSettingsPath, defaults.guardKey.toStdString(),
-                           defaults.updaterKey.toStdString(), defaults.frameSize, defaults.boxStride),
-                FieldsAre("/var/velora/user.ini", "velora", "velora-updater", 752 * 480, 4));
-    EXPECT_TRUE(defaults.commandFilePath.isEmpty());
+                           defaults.updaterKey.toStdString(), defaults.frameSize, defaults.boxStride,
+                           defaults.commandFilePath.isEmpty()),
+                FieldsAre("/var/velora/user.ini", "velora", "velora-updater", 752 * 480, 4, true));
 }
 
 TEST_F(SettingsFile, ABlankValueIsRejectedWithTheFileAndTheLine)
 {
     auto lines = factoryLines();
     lines[41] = "boxParameter=   ";
-    writeLines(lines, true);
     try {
-        GS::load(path);
+        load(lines);
         FAIL() << "a value of blanks only must not load";
     } catch (const ConfigFileError& e) {
-        EXPECT_EQ(e.file(), path.toStdString());
-        EXPECT_EQ(e.line(), 42) << "reported as editors count lines";
+        // The line as editors count them.
+        EXPECT_THAT(std::tuple(e.file(), e.line()), FieldsAre(path.toStdString(), 42));
         EXPECT_NE(std::string(e.what()).find(path.toStdString() + ":42:"), std::string::npos) << e.what();
         EXPECT_NE(e.exitStatus(), 0);
     }
 }
 
-TEST(UserSettings, AreWrittenAsElevenBareValuesAndReadBack)
+TEST(UserSettings, AreElevenBareValuesReadAndWrittenBackAlike)
 {
     QTemporaryDir dir;
+    const std::string path = dir.filePath("user.ini").toStdString();
+    const std::string content = "1\n3\n0\n1\n2\n0.98\n1.02\n-3.5\n4.25\n0.5\n1.5";
+    std::ofstream(path) << content;
     GS gs;
-    gs.userSettingsPath = dir.filePath("user.ini").toStdString();
-    gs.inputMode = 1;
-    gs.profile = 3;
-    gs.autostart = false;
-    gs.pointerMode = 1;
-    gs.performanceLevel = 2;
-    gs.offsetLeft = 0.98;
-    gs.offsetRight = 1.02;
-    gs.offsetC = -3.5;
-    gs.offsetD = 4.25;
-    gs.offsetTop = 0.5;
-    gs.offsetBottom = 1.5;
+    gs.userSettingsPath = path;
+    gs.loadUserSettings();
+    EXPECT_THAT(std::tuple(gs.inputMode.load(), gs.profile, gs.autostart, gs.pointerMode.load(), gs.performanceLevel,
+                           gs.offsetLeft.load(), gs.offsetRight.load(), gs.offsetC.load(), gs.offsetD.load(),
+                           gs.offsetTop.load(), gs.offsetBottom.load()),
+                FieldsAre(1, 3, false, 1, 2, DoubleEq(0.98), DoubleEq(1.02), DoubleEq(-3.5), DoubleEq(4.25),
+                          DoubleEq(0.5), DoubleEq(1.5)));
+    gs.userSettingsPath = path + ".saved";
     gs.saveUserSettings();
-
-    QFile file(QString::fromStdString(gs.userSettingsPath));
-    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-    const QByteArray content = file.readAll();
-    EXPECT_EQ(content, QByteArray("1\n3\n0\n1\n2\n0.98\n1.02\n-3.5\n4.25\n0.5\n1.5"));
-
-    GS other;
-    other.userSettingsPath = gs.userSettingsPath;
-    other.loadUserSettings();
-    EXPECT_THAT(std::tuple(other.inputMode.load(), other.profile, other.autostart, other.pointerMode.load(),
-                           other.performanceLevel),
-                FieldsAre(1, 3, false, 1, 2));
-    EXPECT_DOUBLE_EQ(other.offsetC, -3.5);
-    EXPECT_DOUBLE_EQ(other.offsetBottom, 1.5);
+    std::ifstream saved(gs.userSettingsPath);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(saved), {}), content);
 }
 
 TEST(UserSettings, UnparsableLinesGiveZeroAndTheUserFileWinsOverTheFactoryMode)

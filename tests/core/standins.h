@@ -18,7 +18,8 @@
 #include "isensorviewer.h"
 #include "isensorviewerui.h"
 
-#include <atomic>
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -53,31 +54,20 @@ struct Script {
     }
 };
 
-// Runs the end of a procedure on a thread of its own, joined when the procedure goes.
-class Finisher {
-public:
-    ~Finisher()
-    {
-        if (thread.joinable())
-            thread.join();
-    }
-
-protected:
-    void finishLater(int delayMs, std::function<void()> end)
-    {
-        thread = std::thread([delayMs, end] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
-            end();
-        });
-    }
-
-private:
-    std::thread thread;
-};
+// Runs the end of a procedure on a thread of its own, which the procedure keeps and so joins
+// when it goes. A procedure is started once.
+inline void finishLater(std::jthread& thread, int delayMs, std::function<void()> end)
+{
+    EXPECT_FALSE(thread.joinable()) << "a procedure was started twice";
+    thread = std::jthread([delayMs, end] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        end();
+    });
+}
 
 // Calibrations: 1 and -2 leave a new calibration in force, 0 and -3 do not.
 template <class Interface>
-class StandInCalibration : public Interface, private Finisher {
+class StandInCalibration : public Interface {
 public:
     StandInCalibration(Script* script, std::deque<int>* queue, IBlobEmitter* emitter, bool setsResult)
         : script(script), queue(queue), emitter(emitter), setsResult(setsResult)
@@ -89,7 +79,7 @@ public:
         Calibration* made = setsResult && (status == 1 || status == -2) && script->result
             ? new Calibration(*script->result)
             : nullptr;
-        finishLater(script->delayMs(), [this, status, made] {
+        finishLater(finisher, script->delayMs(), [this, status, made] {
             if (made)
                 emitter->setCalibration(made);
             emit this->finished(status);
@@ -101,6 +91,7 @@ private:
     std::deque<int>* queue;
     IBlobEmitter* emitter;
     bool setsResult;
+    std::jthread finisher;
 };
 
 class StandInAuto : public StandInCalibration<IAutoCalibration> {
@@ -124,17 +115,18 @@ public:
     void start(ActivePen*) override { begin(); }
 };
 
-class StandInAlignment : public ILaserAlignment, private Finisher {
+class StandInAlignment : public ILaserAlignment {
 public:
     explicit StandInAlignment(Script* script) : script(script) {}
     void start(int) override
     {
         const int status = script->next(script->alignment, {0, -1});
-        finishLater(script->delayMs(), [this, status] { emit finished(status); });
+        finishLater(finisher, script->delayMs(), [this, status] { emit finished(status); });
     }
 
 private:
     Script* script;
+    std::jthread finisher;
 };
 
 // Nothing hears its end, and it stays until the next run: it ends at once.
@@ -143,16 +135,14 @@ public:
     void start() override { emit finished(); }
 };
 
-class StandInViewer : public ISensorViewer, private Finisher {
+class StandInViewer : public ISensorViewer {
 public:
     explicit StandInViewer(Script* script) : script(script) {}
-    void start() override
-    {
-        finishLater(script->delayMs(), [this] { emit exitted(); });
-    }
+    void start() override { finishLater(finisher, script->delayMs(), [this] { emit exitted(); }); }
 
 private:
     Script* script;
+    std::jthread finisher;
 };
 
 // One screen for every procedure; it shows nothing.

@@ -14,6 +14,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 struct Ev {
@@ -48,21 +49,10 @@ inline std::vector<Ev> operator+(std::vector<Ev> a, const std::vector<Ev>& b)
 
 class DevicePipe {
 public:
-    struct Call {
-        enum Kind { Open, Control, Close } kind;
-        unsigned long request = 0;
-        int value = 0;
-        int fd = 0;
-        // Bytes written to the device by the time of the call.
-        int written = 0;
-        std::string path = {};
-        bool operator==(const Call&) const = default;
-        friend std::ostream& operator<<(std::ostream& os, const Call& c)
-        {
-            return os << "{" << c.kind << "," << c.request << "," << c.value << "," << c.fd << "," << c.written << ","
-                      << c.path << "}";
-        }
-    };
+    enum Kind { Open, Control, Close };
+    // A device call: its kind, request, value, descriptor, the bytes written to the device by
+    // the time of the call, and the path opened.
+    using Call = std::tuple<Kind, unsigned long, int, int, int, std::string>;
 
     std::vector<Call> calls;
     // Descriptor that openDevice hands out; -1 or 0 stand for a missing device.
@@ -124,15 +114,15 @@ private:
         explicit Calls(DevicePipe* p) : pipe(p) {}
         int openDevice(const char* path, int flags) override
         {
-            pipe->calls.push_back({Call::Open, 0, flags, 0, pipe->pendingBytes(), path});
+            pipe->calls.push_back({Open, 0, flags, 0, pipe->pendingBytes(), path});
             return pipe->openResult;
         }
         int control(int fd, unsigned long request, int value) override
         {
-            pipe->calls.push_back({Call::Control, request, value, fd, pipe->pendingBytes()});
+            pipe->calls.push_back({Control, request, value, fd, pipe->pendingBytes(), ""});
             return pipe->failControls ? -1 : 0;
         }
-        void closeDevice(int fd) override { pipe->calls.push_back({Call::Close, 0, 0, fd, 0}); }
+        void closeDevice(int fd) override { pipe->calls.push_back({Close, 0, 0, fd, 0, ""}); }
 
     private:
         DevicePipe* pipe;

@@ -86,10 +86,8 @@ TEST_F(MouseOnDesktop, TheMouseMovesToWholePixelsAndPressesEachButton)
                       &LinuxMouse::MiddleRelease, &LinuxMouse::RightPress, &LinuxMouse::RightRelease,
                       &LinuxMouse::WheelUp, &LinuxMouse::WheelDown})
         (mouse->*call)();
-    std::vector<B> want;
-    for (unsigned number : {1u, 2u, 3u, 4u, 5u})
-        want = want + click(number, 210, 160);
-    EXPECT_EQ(next(10), want);
+    EXPECT_EQ(next(10), click(1, 210, 160) + click(2, 210, 160) + click(3, 210, 160) + click(4, 210, 160)
+                            + click(5, 210, 160));
 }
 
 TEST_F(MouseOnDesktop, ATapFollowsWithoutAButtonAndClicksAtTheLift)

@@ -37,6 +37,14 @@ public:
     void reset() override { log->push_back(name + " reset"); }
 };
 
+// A blob in a state at a screen position, handed over as inside or outside the screen.
+struct Delivery {
+    int state;
+    double fx, fy;
+    int id = 4;
+    bool outside = false;
+};
+
 class PointerFanOut : public ::testing::Test {
 protected:
     std::vector<std::string> log;
@@ -53,66 +61,53 @@ protected:
         multi.enablePrimary();
         multi.enabled = true;
     }
-    void deliver(int state, double fx, double fy, int id = 4, bool outsideCall = false)
+    void deliver(const std::vector<Delivery>& blobs)
     {
-        Blob b(10, 10, 2, 2, 0);
-        b.state = state;
-        b.fx = fx;
-        b.fy = fy;
-        b.sessionId = id;
-        if (outsideCall)
-            multi.newOutsideBlob(&b, {&b}, nullptr);
-        else
-            multi.newBlob(&b, {&b}, nullptr);
+        for (const Delivery& d : blobs) {
+            Blob b(10, 10, 2, 2, 0);
+            b.state = d.state;
+            b.fx = d.fx;
+            b.fy = d.fy;
+            b.sessionId = d.id;
+            d.outside ? multi.newOutsideBlob(&b, {&b}, nullptr) : multi.newBlob(&b, {&b}, nullptr);
+        }
     }
 };
 
 } // namespace
 
-TEST_F(PointerFanOut, BlobStatesBecomeGesturesAtTheScreenPosition)
+TEST_F(PointerFanOut, BlobStatesBecomeGesturesAtTheScreenPositionOrOutsideCallsWithoutTheScreenTest)
 {
-    deliver(0, 100, 200, 9);
-    deliver(2, 110, 210, 9);
-    deliver(1, 120, 220, 9);
-    deliver(3, 120, 220, 9);
-    deliver(-1, 120, 220, 9);
-    EXPECT_EQ(log, (std::vector<std::string>{"P down 100,200 #9", "P move 110,210 #9", "P up 120,220 #9"}));
-}
-
-TEST_F(PointerFanOut, OffScreenBlobsSendNeitherDownNorMoveButAlwaysTheirUp)
-{
-    deliver(0, 0.5, 500);
-    deliver(2, 1921, 500);
-    deliver(2, 500, 0.9);
-    EXPECT_TRUE(log.empty());
-    deliver(2, 1, 1);
-    deliver(2, 1920, 1080);
-    deliver(1, -5, 300);
-    EXPECT_EQ(log, (std::vector<std::string>{"P move 1,1 #4", "P move 1920,1080 #4", "P up -5,300 #4"}));
+    const struct {
+        std::vector<Delivery> blobs;
+        std::vector<std::string> log;
+    } cases[] = {
+        {{{0, 100, 200, 9}, {2, 110, 210, 9}, {1, 120, 220, 9}, {3, 120, 220, 9}, {-1, 120, 220, 9}},
+         {"P down 100,200 #9", "P move 110,210 #9", "P up 120,220 #9"}},
+        // Off the screen a blob sends neither down nor move, but always its up.
+        {{{0, 0.5, 500}, {2, 1921, 500}, {2, 500, 0.9}, {2, 1, 1}, {2, 1920, 1080}, {1, -5, 300}},
+         {"P move 1,1 #4", "P move 1920,1080 #4", "P up -5,300 #4"}},
+        {{{0, -50, 3000, 7, true}, {2, -40, 3000, 7, true}, {1, -30, 3000, 7, true}, {3, -30, 3000, 7, true}},
+         {"P downOut -50,3000 #7", "P moveOut -40,3000 #7", "P upOut -30,3000 #7"}},
+    };
+    for (const auto& c : cases) {
+        log.clear();
+        deliver(c.blobs);
+        EXPECT_EQ(log, c.log);
+    }
 }
 
 TEST_F(PointerFanOut, DisabledSwallowsEverythingEvenTheUpOfAnOpenContact)
 {
-    deliver(0, 100, 100);
+    deliver({{0, 100, 100}});
     multi.enabled = false;
-    deliver(1, 100, 100);
-    deliver(0, 100, 100, 5, true);
+    deliver({{1, 100, 100}, {0, 100, 100, 5, true}});
     EXPECT_EQ(log, (std::vector<std::string>{"P down 100,100 #4"}));
-}
-
-TEST_F(PointerFanOut, OutsideBlobsUseTheOutsideCallsWithoutTheScreenTest)
-{
-    deliver(0, -50, 3000, 7, true);
-    deliver(2, -40, 3000, 7, true);
-    deliver(1, -30, 3000, 7, true);
-    deliver(3, -30, 3000, 7, true);
-    EXPECT_EQ(log, (std::vector<std::string>{"P downOut -50,3000 #7", "P moveOut -40,3000 #7", "P upOut -30,3000 #7"}));
 }
 
 TEST_F(PointerFanOut, CallsGoToTheSelectedListButResetReachesBoth)
 {
-    auto* second = new Output("P2", &log);
-    multi.addPrimaryController(second);
+    multi.addPrimaryController(new Output("P2", &log));
     multi.addPrimaryController(nullptr);
     EXPECT_EQ(multi.primaryControllers.size(), 2);
 

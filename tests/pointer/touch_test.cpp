@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-using Kind = DevicePipe::Call::Kind;
 using ::testing::Each;
 using ::testing::ElementsAreArray;
 using ::testing::FieldsAre;
@@ -21,15 +20,15 @@ TEST(TouchDevice, CreationDeclaresTheSlottedDeviceThenWritesItsRecordThenCreates
     delete pipe.makeTouch();
     // Bytes written by each call tell the record's place: after the declarations, before creation.
     const int fd = pipe.writeEnd, record = int(sizeof(uinput_user_dev));
-    std::vector<DevicePipe::Call> want = {{Kind::Open, 0, O_WRONLY | O_NONBLOCK, 0, 0, "/dev/uinput"}};
+    std::vector<DevicePipe::Call> want = {{DevicePipe::Open, 0, O_WRONLY | O_NONBLOCK, 0, 0, "/dev/uinput"}};
     for (auto [request, value] : std::vector<std::pair<unsigned long, int>>{{UI_SET_EVBIT, EV_KEY},
              {UI_SET_KEYBIT, BTN_TOUCH}, {UI_SET_EVBIT, EV_ABS}, {UI_SET_ABSBIT, ABS_X}, {UI_SET_ABSBIT, ABS_Y},
              {UI_SET_ABSBIT, ABS_MT_POSITION_X}, {UI_SET_ABSBIT, ABS_MT_POSITION_Y},
              {UI_SET_ABSBIT, ABS_MT_TRACKING_ID}, {UI_SET_ABSBIT, ABS_MT_SLOT}})
-        want.push_back({Kind::Control, request, value, fd, 0});
-    want.push_back({Kind::Control, UI_DEV_CREATE, 0, fd, record});
-    want.push_back({Kind::Control, UI_DEV_DESTROY, 0, fd, record});
-    want.push_back({Kind::Close, 0, 0, fd, 0});
+        want.push_back({DevicePipe::Control, request, value, fd, 0, ""});
+    want.push_back({DevicePipe::Control, UI_DEV_CREATE, 0, fd, record, ""});
+    want.push_back({DevicePipe::Control, UI_DEV_DESTROY, 0, fd, record, ""});
+    want.push_back({DevicePipe::Close, 0, 0, fd, 0, ""});
     EXPECT_EQ(pipe.calls, want);
 
     uinput_user_dev dev;
@@ -80,13 +79,20 @@ TEST(TouchDevice, WithoutADeviceEveryStepIsLoggedAndTheTouchRunsOn)
     EXPECT_EQ(zero.pendingBytes(), 0);
 }
 
-TEST(TouchDevice, ContactsSpeakTheSlottedProtocolWithSixteenBitIds)
-{
+// A touch on a working device whose record has been read: what follows are events.
+class TouchContacts : public ::testing::Test {
+protected:
     DevicePipe pipe;
-    std::unique_ptr<Touch> touch(pipe.makeTouch());
-    uinput_user_dev dev;
-    ASSERT_TRUE(pipe.readRecord(&dev));
+    std::unique_ptr<Touch> touch{pipe.makeTouch()};
+    void SetUp() override
+    {
+        uinput_user_dev dev;
+        ASSERT_TRUE(pipe.readRecord(&dev));
+    }
+};
 
+TEST_F(TouchContacts, SpeakTheSlottedProtocolWithSixteenBitIds)
+{
     EXPECT_EQ(touch->down(100, 200, 7), 0);
     EXPECT_EQ(touch->down(300, 400, 70000), 1);
     touch->move(110, 210, 0, 7);
@@ -101,10 +107,8 @@ TEST(TouchDevice, ContactsSpeakTheSlottedProtocolWithSixteenBitIds)
     EXPECT_EQ(pipe.events()[1], (Ev{EV_ABS, ABS_MT_TRACKING_ID, -25536})) << "truncated, not clamped";
 }
 
-TEST(TouchDevice, SlotsAreTheFirstFreeOfAHundredAndTheHundredAndFirstTakesSlotZero)
+TEST_F(TouchContacts, SlotsAreTheFirstFreeOfAHundredAndTheHundredAndFirstTakesSlotZero)
 {
-    DevicePipe pipe;
-    std::unique_ptr<Touch> touch(pipe.makeTouch());
     for (int i = 0; i < 100; ++i)
         ASSERT_EQ(touch->down(i, i, 1000 + i), i);
     EXPECT_EQ(touch->down(5, 5, 555), 0);
@@ -121,12 +125,8 @@ TEST(TouchDevice, SlotsAreTheFirstFreeOfAHundredAndTheHundredAndFirstTakesSlotZe
     EXPECT_EQ(touch->down(1, 1, 79), 3);
 }
 
-TEST(TouchDevice, ResetFreesAllSlotsSilently)
+TEST_F(TouchContacts, ResetFreesAllSlotsSilently)
 {
-    DevicePipe pipe;
-    std::unique_ptr<Touch> touch(pipe.makeTouch());
-    uinput_user_dev dev;
-    ASSERT_TRUE(pipe.readRecord(&dev));
     touch->down(1, 1, 1);
     touch->down(2, 2, 2);
     pipe.events();

@@ -11,6 +11,7 @@
 
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 // Xlib's macros clash with Qt's names: last.
@@ -82,9 +83,8 @@ TEST_F(TouchGestures, AnUndecidedStrokeIsReplayedAtItsLiftWithEveryPoint)
     run({{'d', 100, 200, 70000}, {'u', 100, 200, 70000, contact(0, 4464, 100, 200) + lift(0)}});
     run({{'d', 500, 500, 4}, {'m', 501, 500, 4}, {'m', 502, 501, 4},
          {'u', 503, 501, 4, contact(0, 4, 500, 500) + contact(0, 4, 501, 500) + contact(0, 4, 502, 501) + lift(0)}});
-    EXPECT_EQ(log.count("flushing in handle up "), 2);
-    EXPECT_FALSE(tc->isPressed);
-    EXPECT_TRUE(tc->slotsById.empty());
+    EXPECT_EQ(std::tuple(log.count("flushing in handle up "), tc->isPressed.load(), tc->slotsById.size()),
+              std::tuple(2, false, 0u));
     // A stroke whose down was never seen (it began off the screen) comes out whole as well;
     // an up without a contact sends nothing.
     run({{'m', 10, 10, 9}, {'m', 20, 10, 9}, {'u', 30, 10, 9, contact(0, 9, 10, 10) + contact(0, 9, 20, 10) + lift(0)},
@@ -114,21 +114,41 @@ TEST_F(TouchGestures, ResetFreesTheSlotsButOpenContactsStillGetTheirUp)
     run({{'d', 3000, 3000, 2, contact(0, 2, 3000, 3000)}, {'u', 1100, 1000, 1, lift(0)}, {'u', 3000, 3000, 2, lift(0)}});
 }
 
-TEST_F(TouchGestures, PositionsScaleOverTheDesktopAndWrapBeyondIt)
+// Positions scale over the desktop, whose new size holds from the next conversion on. Each
+// side of the logical centre that the offset correction measured is stretched by its own
+// ratio (left, right, top, bottom); neutral values change nothing.
+TEST_F(TouchGestures, TapsScaleOverTheDesktopAndStretchAboutTheMeasuredCentre)
 {
     GS* gs = GS::instance();
+    const struct {
+        int width, height;
+        double centre, left, right, top, bottom, x, y;
+        int wantX, wantY;
+    } cases[] = {
+        {1920, 1080, 0, 1, 1, 1, 1, 1, 540, 17, 16384},
+        {1920, 1080, 0, 1, 1, 1, 1, 1920, 1080, 32767, 32767},
+        {3840, 1080, 0, 1, 1, 1, 1, 1920, 0, 16384, 0},
+        {32767, 32767, 1000, 1.25, 1.5, 0.5, 0.8, 1000, 1000, 1000, 1000},
+        {32767, 32767, 1000, 1.25, 1.5, 0.5, 0.8, 600, 700, 1000 - 500, 1000 - 150},
+        {32767, 32767, 1000, 1.25, 1.5, 0.5, 0.8, 1400, 1200, 1000 + 600, 1000 + 160},
+        {32767, 32767, 0, 1, 1, 1, 1, 600, 700, 600, 700},
+    };
+    int id = 0;
+    for (const auto& c : cases) {
+        gs->screenWidth = c.width;
+        gs->screenHeight = c.height;
+        gs->offsetC = gs->offsetD = c.centre;
+        gs->offsetLeft = c.left;
+        gs->offsetRight = c.right;
+        gs->offsetTop = c.top;
+        gs->offsetBottom = c.bottom;
+        tap(c.x, c.y, ++id);
+        EXPECT_EQ(pipe.events(), contact(0, id, c.wantX, c.wantY) + lift(0)) << c.x << "," << c.y << " on " << c.width;
+    }
+    // Beyond the desktop the position wraps.
     gs->screenWidth = 1920;
-    gs->screenHeight = 1080;
-    tap(1, 540, 1);
-    tap(1920, 1080, 2);
-    EXPECT_EQ(pipe.events(), contact(0, 1, 17, 16384) + lift(0) + contact(0, 2, 32767, 32767) + lift(0));
     EXPECT_EQ(TouchController::toDeviceX(-5), -85);
     EXPECT_EQ(TouchController::toDeviceX(3000), -14338);
-
-    // A new desktop size holds from the next conversion on.
-    gs->screenWidth = 3840;
-    tap(1920, 0, 3);
-    EXPECT_EQ(pipe.events(), contact(0, 3, 16384, 0) + lift(0));
 }
 
 namespace {
@@ -168,10 +188,10 @@ TEST_F(TouchOnDesktop, AStillPressBecomesOneRightClickThroughTheMouseAndNoContac
     EXPECT_THAT(nextButtons(2), ElementsAre(B{true, 3, 302, 301}, B{false, 3, 302, 301}));
     EXPECT_TRUE(tc->isRightDown);
 
+    // No contact, neither then nor at the lift.
     onImageThread([&] { move(400, 400, 1), up(400, 400, 1); });
-    EXPECT_TRUE(pipe.events().empty()) << "neither then nor at the lift";
-    EXPECT_FALSE(tc->isPressed);
-    EXPECT_FALSE(tc->isRightDown);
+    EXPECT_EQ(std::tuple(pipe.events(), tc->isPressed.load(), tc->isRightDown.load()),
+              std::tuple(std::vector<Ev>{}, false, false));
 
     onImageThread([&] { tap(500, 500, 2); });
     EXPECT_EQ(pipe.events(), contact(0, 2, TouchController::toDeviceX(500), TouchController::toDeviceY(500)) + lift(0))
@@ -182,8 +202,7 @@ TEST_F(TouchOnDesktop, NoRightClickOnceASecondFingerIsDown)
 {
     onImageThread([&] { down(300, 300, 1), down(600, 300, 2); });
     QTest::qWait(400);
-    EXPECT_FALSE(tc->isRightDown);
-    EXPECT_TRUE(desk->pendingButtons().empty());
+    EXPECT_EQ(std::tuple(tc->isRightDown.load(), desk->pendingButtons()), std::tuple(false, std::vector<B>{}));
     onImageThread([&] { up(300, 300, 1), up(600, 300, 2); });
 }
 
@@ -192,34 +211,7 @@ TEST_F(TouchOnDesktop, InSinglePointerModeGesturesGoToTheMouseAndTheDeviceStaysS
     GS::instance()->pointerMode = 0;
     onImageThread([&] { tap(200, 150, 1); });
     EXPECT_THAT(nextButtons(2), ElementsAre(B{true, 1, 200, 150}, B{false, 1, 200, 150}));
-    EXPECT_TRUE(pipe.events().empty());
-    EXPECT_FALSE(tc->isPressed) << "the touch state is not touched";
+    // Nor is the touch state touched.
+    EXPECT_EQ(std::tuple(pipe.events(), tc->isPressed.load()), std::tuple(std::vector<Ev>{}, false));
     GS::instance()->pointerMode = 1;
-}
-
-// The desktop's scaling as the offset correction measured it: each side of the logical centre
-// is stretched by its own ratio; neutral values change nothing.
-TEST_F(TouchGestures, TapsAreStretchedAboutTheMeasuredCentreBySidesRatio)
-{
-    GS* gs = GS::instance();
-    struct Case { double x, y; int wantX, wantY; } cases[] = {
-        {1000, 1000, 1000 + (1000 - 1000), 1000}, // at the centre nothing moves
-        {600, 700, 1000 - 500, 1000 - 150},       // left and top ratios
-        {1400, 1200, 1000 + 600, 1000 + 160},     // right and bottom ratios
-    };
-    gs->offsetC = 1000;
-    gs->offsetD = 1000;
-    gs->offsetLeft = 1.25;
-    gs->offsetRight = 1.5;
-    gs->offsetTop = 0.5;
-    gs->offsetBottom = 0.8;
-    int id = 10;
-    for (const Case& c : cases) {
-        tap(c.x, c.y, ++id);
-        EXPECT_EQ(pipe.events(), contact(0, id, c.wantX, c.wantY) + lift(0)) << c.x << "," << c.y;
-    }
-    gs->offsetC = gs->offsetD = 0.0;
-    gs->offsetLeft = gs->offsetRight = gs->offsetTop = gs->offsetBottom = 1.0;
-    tap(600, 700, ++id);
-    EXPECT_EQ(pipe.events(), contact(0, id, 600, 700) + lift(0));
 }

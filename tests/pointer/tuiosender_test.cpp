@@ -10,17 +10,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <memory>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-// One frame's bundle as text: each message as its command and arguments, floats to 4 digits.
-std::vector<std::string> decodeBundle(const std::vector<char>& datagram)
+// The next frame's bundle as text: each message as its command and arguments, floats to 4 digits.
+std::vector<std::string> nextBundle(int receiver)
 {
+    char datagram[65536];
+    const ssize_t size = recv(receiver, datagram, sizeof datagram, 0);
     std::vector<std::string> messages;
     const std::string socketPath = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/decode";
     unlink(socketPath.c_str());
@@ -28,24 +30,19 @@ std::vector<std::string> decodeBundle(const std::vector<char>& datagram)
     lo_server_add_method(
         decoder, "/tuio/2Dcur", nullptr,
         [](const char*, const char* types, lo_arg** argv, int argc, lo_message, void* out) {
-            std::string text;
+            std::ostringstream text;
+            text << std::setprecision(4);
             for (int i = 0; i < argc; ++i) {
-                char part[64];
                 // OSC aligns arguments to 4 bytes, less than the union liblo hands them in.
                 const char* raw = reinterpret_cast<const char*>(argv[i]);
                 int32_t number;
                 float real;
                 std::memcpy(&number, raw, sizeof number);
                 std::memcpy(&real, raw, sizeof real);
-                if (types[i] == 's')
-                    std::snprintf(part, sizeof part, i ? " %s" : "%s", raw);
-                else if (types[i] == 'i')
-                    std::snprintf(part, sizeof part, " %d", number);
-                else
-                    std::snprintf(part, sizeof part, " %.4g", double(real));
-                text += part;
+                text << (i ? " " : "");
+                types[i] == 's' ? text << raw : types[i] == 'i' ? text << number : text << real;
             }
-            static_cast<std::vector<std::string>*>(out)->push_back(text);
+            static_cast<std::vector<std::string>*>(out)->push_back(text.str());
             return 0;
         },
         &messages);
@@ -53,26 +50,12 @@ std::vector<std::string> decodeBundle(const std::vector<char>& datagram)
     lo_server_add_bundle_handlers(
         decoder, [](lo_timetag, void* n) { return ++*static_cast<int*>(n), 0; }, [](void*) { return 0; },
         &bundles);
-    lo_server_dispatch_data(decoder, const_cast<char*>(datagram.data()), datagram.size());
+    if (size > 0)
+        lo_server_dispatch_data(decoder, datagram, size_t(size));
     lo_server_free(decoder);
-    EXPECT_EQ(bundles, 1);
+    EXPECT_EQ(bundles, 1) << "one bundle a frame";
     return messages;
 }
-
-// The desktop size for one test, put back at its end; ScopedSetting cannot hold atomics.
-struct ScreenSize {
-    int width, height;
-    ScreenSize(int w, int h) : width(GS::instance()->screenWidth), height(GS::instance()->screenHeight)
-    {
-        GS::instance()->screenWidth = w;
-        GS::instance()->screenHeight = h;
-    }
-    ~ScreenSize()
-    {
-        GS::instance()->screenWidth = width;
-        GS::instance()->screenHeight = height;
-    }
-};
 
 struct Spot {
     int id;
@@ -83,7 +66,8 @@ struct Spot {
 
 TEST(TuioSender, EachFrameIsOneBundleOfItsCursors)
 {
-    const ScreenSize screen(1000, 500);
+    GS::instance()->screenWidth = 1000;
+    GS::instance()->screenHeight = 500;
 
     const int receiver = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in at{};
@@ -118,27 +102,22 @@ TEST(TuioSender, EachFrameIsOneBundleOfItsCursors)
         {{{7, 1, 250, 50}}, {source, "alive", "fseq 5"}},
     };
     for (const auto& frame : frames) {
-        std::vector<std::unique_ptr<Blob>> owned;
-        std::vector<Blob*> all;
+        std::vector<Blob> blobs;
         for (const Spot& s : frame.spots) {
-            owned.push_back(std::make_unique<Blob>(0, 0, 4, 4, 0));
-            Blob* b = owned.back().get();
-            b->sessionId = s.id;
-            b->state = s.state;
-            b->fx = s.fx;
-            b->fy = s.fy;
-            b->outside = s.outside;
-            all.push_back(b);
+            Blob& b = blobs.emplace_back(0, 0, 4, 4, 0);
+            b.sessionId = s.id;
+            b.state = s.state;
+            b.fx = s.fx;
+            b.fy = s.fy;
+            b.outside = s.outside;
         }
+        std::vector<Blob*> all;
+        for (Blob& b : blobs)
+            all.push_back(&b);
         for (Blob* b : all)
             sender.newBlob(b, all, nullptr);
         sender.newBlobList(all);
-
-        std::vector<char> datagram(65536);
-        const ssize_t n = recv(receiver, datagram.data(), datagram.size(), 0);
-        ASSERT_GT(n, 0) << "no bundle for frame " << frame.messages.back();
-        datagram.resize(size_t(n));
-        EXPECT_EQ(decodeBundle(datagram), frame.messages);
+        EXPECT_EQ(nextBundle(receiver), frame.messages);
     }
     close(receiver);
 }

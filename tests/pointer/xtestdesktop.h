@@ -10,7 +10,6 @@
 #include <poll.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -32,7 +31,6 @@ public:
 
     Display* dpy = nullptr;
     Window window = 0;
-    std::string display;
     std::string failure;
 
     // The window covers (left, top) to (left + width, top + height) of a 1280x1024 screen.
@@ -41,23 +39,20 @@ public:
     bool start()
     {
         if (!server.start("1280x1024x24"))
-            return fail(server.failure);
-        display = server.display;
-        dpy = XOpenDisplay(display.c_str());
-        if (!dpy)
-            return fail("cannot open " + display);
-        return openWindow();
+            failure = server.failure;
+        else if (!(dpy = XOpenDisplay(server.display.c_str())))
+            failure = "cannot open " + server.display;
+        else if (!openWindow())
+            failure = "the window never showed";
+        return failure.empty();
     }
 
-    void stop()
+    ~XTestDesktop()
     {
         if (dpy)
             XCloseDisplay(dpy);
-        dpy = nullptr;
         server.stop();
     }
-
-    ~XTestDesktop() { stop(); }
 
     // Where the server has the pointer, once it has reached (x, y) or after a time-out.
     std::pair<int, int> pointerAt(int x, int y, unsigned int* mask = nullptr)
@@ -111,12 +106,6 @@ public:
 private:
     XvfbServer server;
 
-    bool fail(const std::string& why)
-    {
-        failure = why;
-        return false;
-    }
-
     bool openWindow()
     {
         XSetWindowAttributes attrs{};
@@ -134,7 +123,7 @@ private:
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        return fail("the window never showed");
+        return false;
     }
 };
 
