@@ -40,9 +40,8 @@ public:
         setenv("VELORA_EMU_LOG", (dir + "/log.txt").c_str(), 1);
         setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
         initResult = libusb_init(nullptr);
-        if (initResult == 0 && open) {
+        if (initResult == 0 && open)
             handle = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7E1A);
-        }
     }
 
     ~EmulatorSession()
