@@ -83,13 +83,7 @@ TEST(EmulatorFaults, UnplugEmptiesRunningTransfersThenRefusesSubmits)
     s.start();
     auto f = s.grab(752 * 480, 0);
     ASSERT_EQ(std::tuple(f.status, f.length, f.onHandlerThread), std::tuple(int(LIBUSB_TRANSFER_NO_DEVICE), 0, true));
-    f = s.grab();
-    EXPECT_EQ(f.status, -2) << "submit after the unplug must fail";
-    libusb_transfer* t = libusb_alloc_transfer(0);
-    unsigned char buf[512];
-    libusb_fill_bulk_transfer(t, s.handle, 0x82, buf, sizeof buf, [](libusb_transfer*) {}, nullptr, 100);
-    EXPECT_EQ(libusb_submit_transfer(t), LIBUSB_ERROR_NO_DEVICE);
-    libusb_free_transfer(t);
+    EXPECT_EQ(s.grab().status, LIBUSB_ERROR_NO_DEVICE) << "submit after the unplug must fail";
     EXPECT_EQ(s.writeRegister(11, 10), LIBUSB_ERROR_NO_DEVICE);
     libusb_device** list = nullptr;
     EXPECT_EQ(libusb_get_device_list(nullptr, &list), 0);

@@ -102,8 +102,10 @@ public:
                 c->done = 1;
             },
             &ctx, timeoutMs);
-        f.status = libusb_submit_transfer(t) == 0 ? -1 : -2;
-        while (f.status == -1 && !ctx.done) {
+        // A refused submit leaves its error as the status.
+        const int submitted = libusb_submit_transfer(t);
+        f.status = submitted == 0 ? -1 : submitted;
+        while (submitted == 0 && !ctx.done) {
             timeval tv{1, 0};
             libusb_handle_events_timeout_completed(nullptr, &tv, &ctx.done);
         }
