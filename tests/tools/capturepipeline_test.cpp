@@ -201,14 +201,11 @@ TEST(CapturePipeline, StreamsAtNormalPriorityWithoutTheRightToRaiseIt)
 TEST(CapturePipeline, TwoThousandFramesWithWindowChangesAndACleanStop)
 {
     EmulatedRun run("stamp on\nfps 240\n");
-    const QStringList windows[] = {{"window", "100", "50", "200", "100"},
-                                   {"binning", "2", "2"},
-                                   {"window", "0", "0", "752", "480"},
-                                   {"window", "300", "200", "400", "240"},
-                                   {"binning", "1", "1"}};
+    const char* changes[] = {"window 100 50 200 100", "binning 2 2", "window 0 0 752 480", "window 300 200 400 240",
+                             "binning 1 1"};
     QStringList script;
     for (int k = 0; k < 20; ++k)
-        script << windows[k % 5] << "frames" << "100";
+        script << QString(changes[k % 5]).split(' ') << "frames" << "100";
     script << "stop";
     ASSERT_NO_FATAL_FAILURE(probe(run, {}, script, 300000));
     EXPECT_TRUE(run.output.contains("cleaned up!"));

@@ -95,8 +95,7 @@ TEST(EmulatorFaults, CancelledTransferCompletesInTheNextEventCall)
     EmulatorSession s(sceneWith(""));
     std::vector<unsigned char> buf(752 * 480);
     struct Ctx {
-        int calls = 0;
-        int status = -1;
+        int calls = 0, status = -1;
     } ctx;
     libusb_transfer* t = libusb_alloc_transfer(0);
     libusb_fill_bulk_transfer(
@@ -141,11 +140,8 @@ TEST(EmulatorFaults, ControlWritesWhileAnotherThreadHandlesEvents)
         int actual = -1;
         std::thread::id thread;
     } ctx;
-    unsigned char buf[11];
+    unsigned char buf[11] = {0, 0, 0, 0, 0, 0, 0, 0, 11, 0, 77};  // the setup, then register 11 gets 77
     libusb_fill_control_setup(buf, 0x40, 0xFE, 0, 0, 3);
-    buf[8] = 11;
-    buf[9] = 0;
-    buf[10] = 77;
     libusb_transfer* t = libusb_alloc_transfer(0);
     libusb_fill_control_transfer(
         t, s.handle, buf,

@@ -186,28 +186,25 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
         s.finish();
 
         struct Press {
-            double time;
-            int id;
-            double targetX, targetY, x, y, sensorX, sensorY;
-            double released = -1;
+            double time, id, targetX, targetY, x, y, sensorX, sensorY, released = -1;
         };
         std::vector<Press> presses;
         std::map<uint32_t, double> frameTime;
-        std::map<uint32_t, int> spotId;
+        std::map<uint32_t, double> spotId;
         for (const auto& l : s.lines("truth.txt")) {
             const auto d = [&l](size_t i) { return std::stod(l[i]); };
             if (l[0] == "P") {
                 ASSERT_EQ(l.size(), 10u);
                 EXPECT_EQ(l[3], "stylus");
-                presses.push_back({d(1), std::stoi(l[2]), d(4), d(5), d(6), d(7), d(8), d(9)});
+                presses.push_back({d(1), d(2), d(4), d(5), d(6), d(7), d(8), d(9)});
             } else if (l[0] == "R") {
                 ASSERT_FALSE(presses.empty());
-                EXPECT_EQ(std::stoi(l[2]), presses.back().id);
+                EXPECT_EQ(d(2), presses.back().id);
                 presses.back().released = d(1);
             } else if (l[0] == "F") {
                 frameTime[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
             } else if (l[0] == "S") {
-                spotId[static_cast<uint32_t>(std::stoul(l[1]))] = std::stoi(l[2]);
+                spotId[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
             }
         }
         ASSERT_EQ(presses.size(), 2u);

@@ -21,8 +21,7 @@ class EmulatorSession
 {
 public:
     struct Frame {
-        int status = -1;
-        int length = 0;
+        int status = -1, length = 0;
         std::vector<unsigned char> data;
         bool onHandlerThread = false;
         // The device's frame number, in the first bytes when the scene stamps its frames.
