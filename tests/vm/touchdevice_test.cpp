@@ -9,11 +9,12 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <sstream>
@@ -60,46 +61,26 @@ std::string findNode()
     return {};
 }
 
-// A program started with its standard output and error on one pipe.
+// A command of the shell with its standard output and error on one pipe. The shell first
+// tells its process id, which exec hands on to the program.
 class Child {
 public:
-    explicit Child(std::vector<std::string> argv)
+    explicit Child(const std::string& command) : out(popen(("echo $$; exec " + command + " 2>&1").c_str(), "r"))
     {
-        int fds[2];
-        if (pipe(fds) != 0)
-            return;
-        // Built before the fork: the child may only call async-signal-safe functions.
-        std::vector<char*> args;
-        for (auto& a : argv)
-            args.push_back(a.data());
-        args.push_back(nullptr);
-        pid = fork();
-        if (pid == 0) {
-            dup2(fds[1], 1);
-            dup2(fds[1], 2);
-            close(fds[0]);
-            close(fds[1]);
-            execvp(args[0], args.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out = fds[0];
+        readUntil([](const std::string& t) { return t.find('\n') != std::string::npos; });
+        pid = std::atoi(text.c_str());
+        text.erase(0, text.find('\n') + 1);
     }
-    ~Child()
-    {
-        stop();
-        if (out >= 0)
-            close(out);
-    }
+    ~Child() { stop(); }
 
     // Reads what is there, waiting at most `ms` for more; false once the program closed its end.
     bool readFor(int ms)
     {
-        pollfd p{out, POLLIN, 0};
-        if (out < 0 || poll(&p, 1, ms) <= 0)
-            return out >= 0;
+        pollfd p{out ? fileno(out) : -1, POLLIN, 0};
+        if (!out || poll(&p, 1, ms) <= 0)
+            return out != nullptr;
         char buf[4096];
-        const ssize_t n = read(out, buf, sizeof buf);
+        const ssize_t n = read(p.fd, buf, sizeof buf);
         if (n > 0)
             text.append(buf, size_t(n));
         return n > 0;
@@ -119,25 +100,26 @@ public:
     // Asks the program to end, killing it if it goes on writing for 20 seconds.
     void stop()
     {
-        if (pid <= 0)
+        if (!out)
             return;
-        kill(pid, SIGINT);
+        if (pid > 0)
+            kill(pid, SIGINT);
         for (int rounds = 0; readFor(200); ++rounds)
-            if (rounds == 100)
+            if (rounds == 100 && pid > 0)
                 kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
+        pclose(out);
+        out = nullptr;
     }
 
+    FILE* out;
     pid_t pid = -1;
-    int out = -1;
     std::string text;
 };
 
 // Its output once it closed it; stop() then reaps it.
-std::string runToEnd(std::vector<std::string> argv)
+std::string runToEnd(const std::string& command)
 {
-    Child child(std::move(argv));
+    Child child(command);
     while (child.readFor(1000)) {
     }
     return child.text;
@@ -300,13 +282,13 @@ protected:
     void SetUp() override
     {
         ASSERT_NO_FATAL_FAILURE(TouchOnTheKernel::SetUp());
-        runToEnd({"udevadm", "settle", "--timeout=30"});
+        runToEnd("udevadm settle --timeout=30");
     }
 };
 
 TEST_F(TouchOnTheDesktop, UdevTagsATouchscreen)
 {
-    const std::string props = runToEnd({"udevadm", "info", "--query=property", "--name=" + node});
+    const std::string props = runToEnd("udevadm info --query=property --name=" + node);
     for (const auto& [line, set] : {std::pair{"ID_INPUT=1", true}, {"ID_INPUT_TOUCHSCREEN=1", true},
              {"ID_INPUT_TOUCHPAD=1", false}, {"ID_INPUT_MOUSE=1", false}, {"ID_INPUT_TABLET=1", false}})
         EXPECT_EQ(props.find(std::string("\n") + line + "\n") != std::string::npos, set) << line << "\n" << props;
@@ -336,7 +318,7 @@ std::vector<std::pair<std::string, std::vector<double>>> touchLines(const std::s
 
 TEST_F(TouchOnTheDesktop, LibinputReportsTouchesWhereTheyWereSent)
 {
-    Child libinput({"libinput", "debug-events", "--verbose", "--device", node});
+    Child libinput("libinput debug-events --verbose --device " + node);
     ASSERT_TRUE(libinput.readUntil([](const std::string& t) { return t.find("DEVICE_ADDED") != std::string::npos; }))
         << "libinput did not take the device\n" << libinput.text;
     const size_t seen = libinput.text.size();
