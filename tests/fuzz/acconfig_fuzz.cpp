@@ -5,18 +5,14 @@
 #include "fuzzfile.h"
 #include "quietqt.h"
 
-#include <cstdint>
-#include <cstdlib>
+#include <algorithm>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static MemoryFile input("ac-conf");
     input.write(data, size);
-    size_t lines = 0;
-    for (size_t i = 0; i < size; ++i)
-        lines += data[i] == '\n';
-    if (size > 0 && data[size - 1] != '\n')
-        ++lines;
+    // A last line without its end counts too.
+    const auto lines = std::count(data, data + size, '\n') + (size > 0 && data[size - 1] != '\n');
 
     AutoCalibration ac(nullptr, nullptr);
     ac.configPath = input.path();

@@ -5,7 +5,6 @@
 #include "quietqt.h"
 #include "transformgrid.h"
 
-#include <cstdint>
 #include <memory>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

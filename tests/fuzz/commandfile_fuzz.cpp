@@ -10,9 +10,6 @@
 #include <QByteArray>
 #include <QFile>
 
-#include <cstdint>
-#include <cstdlib>
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static DiskFile file("fifo1");

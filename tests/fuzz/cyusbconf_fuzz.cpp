@@ -5,18 +5,9 @@
 #include "fuzzfile.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-
-namespace {
-
-bool terminated(const char* text, size_t size) { return memchr(text, '\0', size) != nullptr; }
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -24,6 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     input.write(data, size);
     const int lines = static_cast<int>(std::count(data, data + size, '\n')) + 1;
 
+    const auto terminated = [](const char* text, size_t size) { return memchr(text, '\0', size) != nullptr; };
     CyusbConfig config;
     const int fd = open(input.path(), O_RDONLY);
     if (fd < 0)

@@ -7,8 +7,6 @@
 
 #include <libusb.h>
 
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 class EmulatedBus {
@@ -51,10 +49,7 @@ public:
 private:
     void open()
     {
-        if (libusb_init(nullptr) != 0)
-            std::abort();
-        handle_ = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7e1a);
-        if (!handle_)
+        if (libusb_init(nullptr) != 0 || !(handle_ = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7e1a)))
             std::abort();
     }
 

@@ -2,7 +2,7 @@
 
 // Files for the readers and writers under test: an in-memory one with a path, which a reader
 // opens as it opens any file, and one on disk for a writer that puts a new file in place by
-// renaming, which an in-memory file's /proc path cannot take.
+// renaming, which an in-memory file's /proc path cannot take. Either aborts on a failed write.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,65 +14,50 @@
 #include <sstream>
 #include <string>
 
-class FuzzFile {
+class MemoryFile {
 public:
-    FuzzFile(const FuzzFile&) = delete;
-    FuzzFile& operator=(const FuzzFile&) = delete;
-
-    std::string contents() const
+    explicit MemoryFile(const char* name) : fd(memfd_create(name, 0)), name("/proc/self/fd/" + std::to_string(fd))
     {
-        std::ifstream in(path_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    const char* path() const { return path_.c_str(); }
-
-protected:
-    explicit FuzzFile(std::string path) : path_(std::move(path)) {}
-    std::string path_;
-};
-
-class MemoryFile : public FuzzFile {
-public:
-    explicit MemoryFile(const char* name) : FuzzFile(""), fd_(memfd_create(name, 0))
-    {
-        if (fd_ < 0)
+        if (fd < 0)
             std::abort();
-        path_ = "/proc/self/fd/" + std::to_string(fd_);
     }
+    const char* path() const { return name.c_str(); }
 
     void write(const uint8_t* data, size_t size)
     {
-        if (ftruncate(fd_, 0) != 0)
+        if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
             std::abort();
-        size_t done = 0;
-        while (done < size) {
-            const ssize_t n = pwrite(fd_, data + done, size - done, static_cast<off_t>(done));
-            if (n <= 0)
-                std::abort();
-            done += static_cast<size_t>(n);
-        }
     }
 
 private:
-    int fd_;
+    int fd;
+    std::string name;
 };
 
-class DiskFile : public FuzzFile {
+class DiskFile {
 public:
-    explicit DiskFile(const char* name)
-        : FuzzFile((std::filesystem::temp_directory_path()
-                    / (std::string("velora-fuzz-") + name + "-" + std::to_string(getpid())))
-                       .string())
+    explicit DiskFile(const char* stem)
+        : name(std::filesystem::temp_directory_path() / ("velora-fuzz-" + (stem + ("-" + std::to_string(getpid())))))
     {
     }
+    DiskFile(const DiskFile&) = delete;
     ~DiskFile() { std::remove(path()); }
+    const char* path() const { return name.c_str(); }
+
+    std::string contents() const
+    {
+        std::stringstream text;
+        text << std::ifstream(name).rdbuf();
+        return text.str();
+    }
 
     void write(const uint8_t* data, size_t size)
     {
-        std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+        std::ofstream out(name, std::ios::binary | std::ios::trunc);
         if (!out.write(reinterpret_cast<const char*>(data), std::streamsize(size)) || !out.flush())
             std::abort();
     }
+
+private:
+    std::string name;
 };

@@ -3,14 +3,9 @@
 // must be in the device's memory afterwards.
 #include "cyusb.h"
 #include "emulatedbus.h"
-#include "fuzzfile.h"
 #include "nosettle.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdint>
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 namespace {

@@ -3,12 +3,9 @@
 // loaded image must be in the device's memory.
 #include "cyusb.h"
 #include "emulatedbus.h"
-#include "fuzzfile.h"
 #include "nosettle.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 namespace {

@@ -8,8 +8,6 @@
 #include <QString>
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

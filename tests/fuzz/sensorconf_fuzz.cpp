@@ -3,12 +3,9 @@
 // short to hold a value.
 #include "configfileerror.h"
 #include "emulatedbus.h"
-#include "fuzzfile.h"
 #include "quietqt.h"
 #include "sensor.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace {

@@ -5,10 +5,7 @@
 #include "fuzzfile.h"
 #include "quietqt.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
-#include <string>
 
 namespace {
 

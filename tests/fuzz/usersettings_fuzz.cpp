@@ -4,10 +4,6 @@
 #include "fuzzfile.h"
 #include "quietqt.h"
 
-#include <cstdint>
-#include <cstdlib>
-#include <string>
-
 namespace {
 
 std::string loadAndSave(const char* from, const DiskFile& to)

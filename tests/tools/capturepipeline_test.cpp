@@ -15,16 +15,8 @@
 namespace {
 
 using Write = EmulatedRun::Write;
-
-Write reg(int r, int v)
-{
-    return {0, false, "reg", r, v, 0};
-}
-
-Write out(int mask, int level, int length)
-{
-    return {0, false, "out", mask, level, length};
-}
+constexpr auto reg = &Write::reg;
+constexpr auto out = &Write::out;
 
 // Where `part` occurs in `all` as a contiguous run from `from` on, or npos.
 size_t findRun(const std::vector<Write>& all, const std::vector<Write>& part, size_t from = 0)
@@ -55,10 +47,10 @@ void expectSeenFramesMatchWhatWasSent(const EmulatedRun& run, size_t atLeast, si
             ++cleared;
             continue;
         }
+        // Bytes sent, and the callback's size: a short frame must not be delivered.
         const auto& s = it->second;
-        EXPECT_EQ(s.bytes, (s.w / s.binX) * (s.h / s.binY)) << "a short frame was delivered: " << r.stamp;
-        EXPECT_EQ(r.w, s.w / s.binX) << r.stamp;
-        EXPECT_EQ(r.h, s.h / s.binY) << r.stamp;
+        EXPECT_EQ(std::tuple(s.bytes, r.w, r.h), std::tuple((s.w / s.binX) * (s.h / s.binY), s.w / s.binX, s.h / s.binY))
+            << r.stamp;
         // The ring is served in index order, so a late frame may overtake; none comes twice.
         EXPECT_TRUE(once.insert(r.stamp).second) << "frame " << r.stamp << " delivered twice";
     }
@@ -83,9 +75,9 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     // 0.4 rounds to 0: window minima and the blanking formula, yet not exactly 0, so the
     // once-a-second regulator stays out of the way of the writes checked here.
     ASSERT_NO_FATAL_FAILURE(probe(run, {"--sensor", QString::fromStdString(run.path("sensor.conf")), "--factor", "0.4"},
-                                  {"minimum", "100", "100", "window", "-5", "-5", "3", "3", "window", "745", "0", "100",
-                                   "100", "binning", "3", "0", "exposure", "45", "laser", "1", "laser", "0", "filter",
-                                   "1", "filter", "0", "frames", "3", "stop"}));
+                                  QString("minimum 100 100 window -5 -5 3 3 window 745 0 100 100 binning 3 0 exposure 45 "
+                                          "laser 1 laser 0 filter 1 filter 0 frames 3 stop")
+                                      .split(' ')));
 
     const auto all = run.writes();
     ASSERT_FALSE(all.empty());
@@ -93,14 +85,12 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     const auto w = run.pairedWrites();
 
     // The device always runs with the fixed blanking, whatever was asked.
-    for (const Write& x : w) {
+    for (const Write& x : w)
         if (x.kind == "reg" && (x.a == 5 || x.a == 6)) {
             EXPECT_EQ(x.b, x.a == 5 ? 999 : 47) << "register " << x.a;
         }
-    }
     // The register file, in its order, before the stream's threads ran.
-    const size_t conf = findRun(w, {reg(5, 999), reg(6, 47), reg(33, 123), reg(11, 30)});
-    ASSERT_EQ(conf, 0u);
+    ASSERT_EQ(findRun(w, {reg(5, 999), reg(6, 47), reg(33, 123), reg(11, 30)}), 0u);
     for (size_t i = 0; i < 8; ++i)
         EXPECT_FALSE(all[1 + i].async);
 
@@ -117,17 +107,14 @@ TEST(CapturePipeline, EveryWriteReachesTheDeviceTwiceWithFixedBlankingAndTheWind
     EXPECT_NE(findRun(w, {reg(11, 45), reg(27, 0), reg(27, 2)}, binning), std::string::npos);
     // Filter to the picture, then back to tracking: each a rising and a falling pulse, three
     // data bytes once the stream runs.
-    const size_t filter = findRun(w, {out(128, 1, 3), out(128, 0, 3), out(64, 1, 3), out(64, 0, 3)});
-    ASSERT_NE(filter, std::string::npos);
+    ASSERT_NE(findRun(w, {out(128, 1, 3), out(128, 0, 3), out(64, 1, 3), out(64, 0, 3)}), std::string::npos);
 
     // Pauses of the pulses: 50 ms after every output write, 100 ms after each level.
     std::vector<Write> outs;
     std::copy_if(all.begin(), all.end(), std::back_inserter(outs), [](const Write& x) { return x.kind == "out"; });
     ASSERT_EQ(outs.size(), 8u);
-    for (size_t i = 1; i < outs.size(); ++i) {
-        const double gap = outs[i].t - outs[i - 1].t;
-        EXPECT_GE(gap, i % 2 ? 0.049 : 0.149) << "before output write " << i;
-    }
+    for (size_t i = 1; i < outs.size(); ++i)
+        EXPECT_GE(outs[i].t - outs[i - 1].t, i % 2 ? 0.049 : 0.149) << "before output write " << i;
 
     // The device streams the last geometry: 100 x 100 at (652, 0), 4 rows binned to one.
     const auto sent = run.truth();
@@ -143,9 +130,9 @@ TEST(CapturePipeline, WindowAndBinningChangesWhileStreamingShowOnlyFramesOfTheNe
 {
     EmulatedRun run("stamp on\n");
     ASSERT_NO_FATAL_FAILURE(probe(run, {},
-                                  {"frames", "10", "window", "100", "50", "200", "100", "frames", "10", "binning", "2",
-                                   "2", "frames", "10", "window", "0", "0", "752", "480", "frames", "10", "binning", "1",
-                                   "4", "frames", "10", "stop"}));
+                                  QString("frames 10 window 100 50 200 100 frames 10 binning 2 2 frames 10 "
+                                          "window 0 0 752 480 frames 10 binning 1 4 frames 10 stop")
+                                      .split(' ')));
     expectSeenFramesMatchWhatWasSent(run, 40, 5);
 
     // Each geometry reached the callback.
@@ -168,8 +155,7 @@ TEST(CapturePipeline, ShortFramesAreDroppedWithTheirLogLine)
     EXPECT_TRUE(run.output.contains("low data: 180480  /  360960")) << qPrintable(run.output);
     expectSeenFramesMatchWhatWasSent(run, 10);
     // And the stream goes on after the fault.
-    const auto sent = run.truth();
-    EXPECT_GT(sent.at(run.records().back().stamp).t, 0.9);
+    EXPECT_GT(run.truth().at(run.records().back().stamp).t, 0.9);
 }
 
 TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
@@ -191,8 +177,7 @@ TEST(CapturePipeline, NewestFramesAreLostSilentlyWhileTheCallbackIsSlow)
     // Transfers kept running while the ring was full: frames came whole and went nowhere.
     size_t dropped = 0;
     for (const auto& [frame, s] : sent)
-        if (frame < newest && !delivered.count(frame) && s.bytes == 752 * 480)
-            ++dropped;
+        dropped += frame < newest && !delivered.count(frame) && s.bytes == 752 * 480;
     EXPECT_GE(dropped, 10u);
     EXPECT_FALSE(run.output.contains("low data:"));
 }
@@ -216,14 +201,11 @@ TEST(CapturePipeline, StreamsAtNormalPriorityWithoutTheRightToRaiseIt)
 TEST(CapturePipeline, TwoThousandFramesWithWindowChangesAndACleanStop)
 {
     EmulatedRun run("stamp on\nfps 240\n");
-    const QStringList windows[] = {{"window", "100", "50", "200", "100"},
-                                   {"binning", "2", "2"},
-                                   {"window", "0", "0", "752", "480"},
-                                   {"window", "300", "200", "400", "240"},
-                                   {"binning", "1", "1"}};
+    const char* changes[] = {"window 100 50 200 100", "binning 2 2", "window 0 0 752 480", "window 300 200 400 240",
+                             "binning 1 1"};
     QStringList script;
     for (int k = 0; k < 20; ++k)
-        script << windows[k % 5] << "frames" << "100";
+        script << QString(changes[k % 5]).split(' ') << "frames" << "100";
     script << "stop";
     ASSERT_NO_FATAL_FAILURE(probe(run, {}, script, 300000));
     EXPECT_TRUE(run.output.contains("cleaned up!"));

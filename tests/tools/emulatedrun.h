@@ -41,6 +41,8 @@ public:
         bool async = false;
         std::string kind; // reg, out, start, clear-halt, ...
         int a = 0, b = 0, c = 0;  // reg: register, value; out: mask, level, data length
+        static Write reg(int r, int v) { return {0, false, "reg", r, v, 0}; }
+        static Write out(int mask, int level, int length) { return {0, false, "out", mask, level, length}; }
         bool operator==(const Write& o) const { return kind == o.kind && a == o.a && b == o.b && c == o.c; }
         friend void PrintTo(const Write& w, std::ostream* os) { *os << w.kind << " " << w.a << " " << w.b << " " << w.c; }
     };
@@ -169,10 +171,8 @@ public:
     // Register and output writes, which the sensor sends twice each.
     std::vector<Write> controlWrites() const
     {
-        std::vector<Write> w;
-        for (const Write& x : writes())
-            if (x.kind == "reg" || x.kind == "out")
-                w.push_back(x);
+        std::vector<Write> w = writes();
+        std::erase_if(w, [](const Write& x) { return x.kind != "reg" && x.kind != "out"; });
         return w;
     }
 
@@ -186,9 +186,7 @@ public:
             EXPECT_TRUE(killed || i + 1 < w.size()) << "a lone last write";
             if (i + 1 >= w.size())
                 break;
-            EXPECT_TRUE(w[i] == w[i + 1]) << "write " << i << " (" << w[i].kind << " " << w[i].a << " " << w[i].b
-                                          << ") not repeated: next is " << w[i + 1].kind << " " << w[i + 1].a
-                                          << " " << w[i + 1].b;
+            EXPECT_EQ(w[i], w[i + 1]) << "write " << i << " not repeated";
             once.push_back(w[i]);
         }
         return once;

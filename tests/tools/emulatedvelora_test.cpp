@@ -57,11 +57,10 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
     // exposure, binning with the whole window and the laser on; beside them, the filter's pulse
     // to tracking. Each write's two copies stay together.
     using W = EmulatedRun::Write;
-    auto r = [](int reg, int value) { return W{0, false, "reg", reg, value, 0}; };
-    auto o = [](int mask, int level) { return W{0, false, "out", mask, level, 3}; };
+    const auto r = &W::reg;
     const std::vector<W> registers{r(5, 999), r(6, 47), r(11, 30), r(13, 0), r(27, 2), r(11, 30), r(13, 0), r(5, 999),
                                    r(6, 47),  r(1, 1),  r(2, 4),   r(3, 480), r(4, 752), r(27, 0)};
-    const std::vector<W> outputs{o(64, 1), o(64, 0)};
+    const std::vector<W> outputs{W::out(64, 1, 3), W::out(64, 0, 3)};
     const auto all = run.writes();
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front().kind, "start");
@@ -70,9 +69,7 @@ TEST(EmulatedVelora, WaitsForTheDeviceWithStatusMinusOneThenStartsItAndStreams)
         (w.kind == "out" ? outs : regs).push_back(w);
     for (const auto& [seen, expected] : {std::pair{&regs, &registers}, std::pair{&outs, &outputs}}) {
         ASSERT_GE(seen->size(), expected->size());
-        for (size_t i = 0; i < expected->size(); ++i)
-            EXPECT_TRUE((*seen)[i] == (*expected)[i])
-                << "write " << i << ": " << (*seen)[i].kind << " " << (*seen)[i].a << " " << (*seen)[i].b;
+        EXPECT_EQ(std::vector<W>(seen->begin(), seen->begin() + std::ssize(*expected)), *expected);
     }
     EXPECT_FALSE(run.truth().empty());
 }

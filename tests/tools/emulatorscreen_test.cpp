@@ -7,8 +7,6 @@
 #include "scene.h"
 #include "screenprojection.h"
 
-#include <X11/Xutil.h>
-
 #include <cmath>
 #include <functional>
 #include <map>
@@ -16,13 +14,12 @@
 namespace {
 
 constexpr int screenW = 1280, screenH = 1024;  // XTestDesktop's screen
-constexpr double corners[8] = {80, 50, 680, 60, 690, 430, 70, 420};
-const char* lens = "lens 600 600 376 240 -0.1 0.02";
 
 std::string sceneWith(const std::string& more)
 {
-    return "sensor 752 480\nfps 120\nscreen 1280 1024\ncorners 80 50 680 60 690 430 70 420\n" + std::string(lens)
-        + "\nbackground 10\nnoise 0\nstamp on\npicture 200\n" + more;
+    return "sensor 752 480\nfps 120\nscreen 1280 1024\ncorners 80 50 680 60 690 430 70 420\n"
+           "lens 600 600 376 240 -0.1 0.02\nbackground 10\nnoise 0\nstamp on\npicture 200\n"
+        + more;
 }
 
 ScreenProjection sceneProjection()
@@ -30,26 +27,15 @@ ScreenProjection sceneProjection()
     Scene s;
     std::string error;
     EXPECT_TRUE(Scene::parse(sceneWith(""), "test", ".", s, error)) << error;
-    return ScreenProjection(screenW, screenH, corners, s.lens);
+    return ScreenProjection(s.screenWidth, s.screenHeight, s.corners, s.lens);
 }
 
-int64_t monotonicNs()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+using Frames = std::map<uint32_t, std::vector<unsigned char>>;
 
 // A black window over the whole private screen to draw targets on.
-class EmulatorScreen : public ::testing::Test
+class EmulatorScreen : public OnSuiteDesktop<>
 {
 protected:
-    static void SetUpTestSuite() { desk = startSuiteDesktop(); }
-    static void TearDownTestSuite()
-    {
-        delete desk;
-        desk = nullptr;
-    }
-
     void SetUp() override
     {
         ASSERT_TRUE(desk->dpy) << desk->failure;
@@ -82,7 +68,7 @@ protected:
 
     // Frames for a while, or until one shows what is waited for (a busy or instrumented
     // machine looks at the screen later), by their stamp (the device's frame number).
-    static void stream(EmulatorSession& s, double seconds, std::map<uint32_t, std::vector<unsigned char>>& frames,
+    static void stream(EmulatorSession& s, double seconds, Frames& frames,
                        const std::function<bool(const std::vector<unsigned char>&)>& done = {})
     {
         const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -95,31 +81,23 @@ protected:
         }
     }
 
-    static inline XTestDesktop* desk = nullptr;
     Window canvas = 0;
     GC gc{};
 };
 
-struct Blob {
+// Pixels brighter than the threshold: how many, and their mean column and row.
+std::tuple<int, double, double> brightRegion(const std::vector<unsigned char>& frame, int threshold)
+{
     int pixels = 0;
     double x = 0, y = 0;
-};
-
-Blob brightRegion(const std::vector<unsigned char>& frame, int threshold)
-{
-    Blob b;
     for (int i = 752; i < 752 * 480; ++i) {  // row 0 holds the stamp
         if (frame[static_cast<size_t>(i)] > threshold) {
-            ++b.pixels;
-            b.x += i % 752;
-            b.y += i / 752;
+            ++pixels;
+            x += i % 752;
+            y += i / 752;
         }
     }
-    if (b.pixels) {
-        b.x /= b.pixels;
-        b.y /= b.pixels;
-    }
-    return b;
+    return {pixels, pixels ? x / pixels : 0, pixels ? y / pixels : 0};
 }
 
 void showPicture(EmulatorSession& s, bool picture)
@@ -133,19 +111,19 @@ TEST_F(EmulatorScreen, ProjectorShowsTheScreenThroughTheGeometryOnlyWithThePictu
     fill(0xFFFFFF, 400, 300, 160, 120);
     EmulatorSession s(sceneWith("projector display latency 0.05 rate 60\n"));
     ASSERT_EQ(s.start(), 0);
-    std::map<uint32_t, std::vector<unsigned char>> frames;
+    Frames frames;
     stream(s, 0.2, frames);
-    EXPECT_EQ(brightRegion(frames.rbegin()->second, 60).pixels, 0) << "seen through the tracking filter";
+    EXPECT_EQ(std::get<0>(brightRegion(frames.rbegin()->second, 60)), 0) << "seen through the tracking filter";
 
     showPicture(s, true);
     frames.clear();
-    stream(s, 10, frames, [](const std::vector<unsigned char>& f) { return brightRegion(f, 110).pixels > 100; });
-    const Blob b = brightRegion(frames.rbegin()->second, 110);
+    stream(s, 10, frames, [](const std::vector<unsigned char>& f) { return std::get<0>(brightRegion(f, 110)) > 100; });
+    const auto [pixels, x, y] = brightRegion(frames.rbegin()->second, 110);
     double wantX, wantY;
     sceneProjection().toSensor(480, 360, wantX, wantY);
-    ASSERT_GT(b.pixels, 100);
-    EXPECT_NEAR(b.x, wantX, 1.0);
-    EXPECT_NEAR(b.y, wantY, 1.0);
+    ASSERT_GT(pixels, 100);
+    EXPECT_NEAR(x, wantX, 1.0);
+    EXPECT_NEAR(y, wantY, 1.0);
     // White is the picture level over the background; black adds nothing.
     EXPECT_NEAR(frames.rbegin()->second[static_cast<size_t>(std::lround(wantY)) * 752 + std::lround(wantX)], 210, 2);
     EXPECT_EQ(frames.rbegin()->second[752 * 240 + 150], 10);
@@ -153,7 +131,7 @@ TEST_F(EmulatorScreen, ProjectorShowsTheScreenThroughTheGeometryOnlyWithThePictu
     showPicture(s, false);
     frames.clear();
     stream(s, 0.1, frames);
-    EXPECT_EQ(brightRegion(frames.rbegin()->second, 60).pixels, 0);
+    EXPECT_EQ(std::get<0>(brightRegion(frames.rbegin()->second, 60)), 0);
 }
 
 TEST_F(EmulatorScreen, ProjectedChangeReachesTheCameraNoSoonerThanTheLatency)
@@ -162,20 +140,21 @@ TEST_F(EmulatorScreen, ProjectedChangeReachesTheCameraNoSoonerThanTheLatency)
     EmulatorSession s(sceneWith("projector display latency 0.15 rate 100\n"));
     ASSERT_EQ(s.start(), 0);
     showPicture(s, true);
-    std::map<uint32_t, std::vector<unsigned char>> frames;
+    Frames frames;
     stream(s, 0.2, frames);
-    const int64_t changedAt = monotonicNs();
+    const int64_t changedAt =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
     fill(0xFFFFFF, 600, 500, 100, 100);
-    stream(s, 10, frames, [](const std::vector<unsigned char>& f) { return brightRegion(f, 110).pixels > 0; });
+    stream(s, 10, frames, [](const std::vector<unsigned char>& f) { return std::get<0>(brightRegion(f, 110)) > 0; });
     stream(s, 0.1, frames);
     s.finish();
 
     int before = 0, after = 0;
     for (const auto& l : s.lines("truth.txt")) {
-        if (l[0] != "F" || !frames.count(static_cast<uint32_t>(std::stoul(l[1])))) {
+        const auto frame = l[0] == "F" ? frames.find(static_cast<uint32_t>(std::stoul(l[1]))) : frames.end();
+        if (frame == frames.end())
             continue;
-        }
-        const bool seen = brightRegion(frames[static_cast<uint32_t>(std::stoul(l[1]))], 110).pixels > 0;
+        const bool seen = std::get<0>(brightRegion(frame->second, 110)) > 0;
         const bool early = std::stoll(l[3]) < changedAt + static_cast<int64_t>(latency * 1e9);
         EXPECT_FALSE(seen && early) << "frame " << l[1] << " shows the change before the latency";
         before += early;
@@ -185,30 +164,20 @@ TEST_F(EmulatorScreen, ProjectedChangeReachesTheCameraNoSoonerThanTheLatency)
     EXPECT_GT(after, 0);
 }
 
-struct Press {
-    double time;
-    int id;
-    double targetX, targetY, x, y, sensorX, sensorY;
-    double released = -1;
-};
-
 // Two red squares one after the other; the user presses each once, near its centre, and the
 // stylus spot is in exactly the frames between press and release, where the projection puts it.
 TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
 {
-    struct Case {
-        const char* hold;
-        double showSecond;  // seconds after the first square
-    };
-    for (const Case& c : {Case{"hold 0.3", 0.9}, Case{"hold change", 0.6}}) {
-        SCOPED_TRACE(c.hold);
+    // The hold, and when the second square comes, in seconds after the first.
+    for (const auto& [hold, showSecond] : {std::pair{"hold 0.3", 0.9}, {"hold change", 0.6}}) {
+        SCOPED_TRACE(hold);
         fill(0x000000, 0, 0, screenW, screenH);
         fill(0xFF0000, 295, 195, 11, 11);  // centre (300, 200)
         EmulatorSession s(sceneWith("user stylus 0 target #ff0000 tolerance 30 reaction 0.1 accuracy 6 count 2 "
-                                    + std::string(c.hold) + " size 6\n"));
+                                    + std::string(hold) + " size 6\n"));
         ASSERT_EQ(s.start(), 0);
-        std::map<uint32_t, std::vector<unsigned char>> frames;
-        stream(s, c.showSecond, frames);
+        Frames frames;
+        stream(s, showSecond, frames);
         fill(0x000000, 295, 195, 11, 11);
         fill(0xF01010, 896, 696, 9, 9);  // centre (900, 700), a near red
         stream(s, 0.8, frames);
@@ -216,23 +185,26 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
         stream(s, 0.3, frames);
         s.finish();
 
+        struct Press {
+            double time, id, targetX, targetY, x, y, sensorX, sensorY, released = -1;
+        };
         std::vector<Press> presses;
         std::map<uint32_t, double> frameTime;
-        std::map<uint32_t, std::vector<std::string>> spotOfFrame;
+        std::map<uint32_t, double> spotId;
         for (const auto& l : s.lines("truth.txt")) {
+            const auto d = [&l](size_t i) { return std::stod(l[i]); };
             if (l[0] == "P") {
                 ASSERT_EQ(l.size(), 10u);
                 EXPECT_EQ(l[3], "stylus");
-                presses.push_back({std::stod(l[1]), std::stoi(l[2]), std::stod(l[4]), std::stod(l[5]),
-                                   std::stod(l[6]), std::stod(l[7]), std::stod(l[8]), std::stod(l[9])});
+                presses.push_back({d(1), d(2), d(4), d(5), d(6), d(7), d(8), d(9)});
             } else if (l[0] == "R") {
                 ASSERT_FALSE(presses.empty());
-                EXPECT_EQ(std::stoi(l[2]), presses.back().id);
-                presses.back().released = std::stod(l[1]);
+                EXPECT_EQ(d(2), presses.back().id);
+                presses.back().released = d(1);
             } else if (l[0] == "F") {
-                frameTime[static_cast<uint32_t>(std::stoul(l[1]))] = std::stod(l[2]);
+                frameTime[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
             } else if (l[0] == "S") {
-                spotOfFrame[static_cast<uint32_t>(std::stoul(l[1]))] = l;
+                spotId[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
             }
         }
         ASSERT_EQ(presses.size(), 2u);
@@ -248,15 +220,14 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
             EXPECT_NEAR(p.sensorX, sx, 1e-2);
             EXPECT_NEAR(p.sensorY, sy, 1e-2);
             ASSERT_GT(p.released, p.time);
-            if (std::string(c.hold) == "hold 0.3") {
+            if (std::string_view(hold) == "hold 0.3") {
                 // Lifted on the first frame tick after the hold; a busy machine may skip ticks.
                 EXPECT_GE(p.released - p.time, 0.3 - 1e-6);
                 EXPECT_LT(p.released - p.time, 1.0);
             }
             for (const auto& [stamp, t] : frameTime) {
-                auto spot = spotOfFrame.find(stamp);
                 const bool held = t >= p.time && t < p.released;
-                const bool mine = spot != spotOfFrame.end() && std::stoi(spot->second[2]) == p.id;
+                const bool mine = spotId.count(stamp) && spotId[stamp] == p.id;
                 EXPECT_EQ(held, mine) << "frame at " << t << " s";
                 if (mine && frames.count(stamp)) {
                     auto [bx, by] = brightest(frames[stamp], 752);
@@ -272,29 +243,17 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
 
 TEST(EmulatorScreenScene, BadStatementsNameTheirLine)
 {
-    const char* bad[] = {
-        "projector on",
-        "projector display latency",
-        "projector display rate 0",
-        "projector display speed 3",
-        "user stylus 1",
-        "user pen 1 target #ff0000",
-        "user stylus 1 target red",
-        "user stylus 1 target #ff0000 hold soon",
-        "user finger 1 target #ff0000 accuracy -2",
-        "user stylus 1 hold 2",
-        "reflection 10 10 5 100 from",
-        "reflection 10 10 5 100 from 3 until 2",
-        "reflection 10 10 5 100 at 3",
-    };
-    for (const char* statement : bad) {
-        Scene s;
-        std::string error;
-        EXPECT_FALSE(Scene::parse(std::string("fps 60\n") + statement + "\n", "x.scene", ".", s, error)) << statement;
-        EXPECT_EQ(error.rfind("x.scene:2: ", 0), 0u) << error;
+    std::string error;
+    for (const char* statement :
+         {"projector on", "projector display latency", "projector display rate 0", "projector display speed 3",
+          "user stylus 1", "user pen 1 target #ff0000", "user stylus 1 target red",
+          "user stylus 1 target #ff0000 hold soon", "user finger 1 target #ff0000 accuracy -2", "user stylus 1 hold 2",
+          "reflection 10 10 5 100 from", "reflection 10 10 5 100 from 3 until 2", "reflection 10 10 5 100 at 3"}) {
+        Scene bad;
+        EXPECT_FALSE(Scene::parse(std::string("fps 60\n") + statement + "\n", "x.scene", ".", bad, error)) << statement;
+        EXPECT_TRUE(error.starts_with("x.scene:2: ")) << error;
     }
     Scene s;
-    std::string error;
     ASSERT_TRUE(Scene::parse("projector display latency 0.2\nuser finger 2 target #00ff00 hold change count 3\n"
                              "reflection 1 2 3 4 from 5 until 6\n",
                              "x.scene", ".", s, error))
@@ -302,9 +261,7 @@ TEST(EmulatorScreenScene, BadStatementsNameTheirLine)
     EXPECT_TRUE(s.projector);
     EXPECT_DOUBLE_EQ(s.projectorLatency, 0.2);
     ASSERT_EQ(s.users.size(), 1u);
-    EXPECT_LT(s.users[0].hold, 0);
-    EXPECT_EQ(s.users[0].target.g, 255);
-    EXPECT_EQ(s.users[0].count, 3);
+    EXPECT_EQ(std::tuple(s.users[0].hold < 0, s.users[0].target.g, s.users[0].count), std::tuple(true, 255, 3));
     ASSERT_EQ(s.reflections.size(), 1u);
     EXPECT_DOUBLE_EQ(s.reflections[0].until, 6);
 }

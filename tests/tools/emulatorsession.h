@@ -21,8 +21,7 @@ class EmulatorSession
 {
 public:
     struct Frame {
-        int status = -1;
-        int length = 0;
+        int status = -1, length = 0;
         std::vector<unsigned char> data;
         bool onHandlerThread = false;
         // The device's frame number, in the first bytes when the scene stamps its frames.
@@ -40,9 +39,8 @@ public:
         setenv("VELORA_EMU_LOG", (dir + "/log.txt").c_str(), 1);
         setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
         initResult = libusb_init(nullptr);
-        if (initResult == 0 && open) {
+        if (initResult == 0 && open)
             handle = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7E1A);
-        }
     }
 
     ~EmulatorSession()
@@ -103,8 +101,10 @@ public:
                 c->done = 1;
             },
             &ctx, timeoutMs);
-        f.status = libusb_submit_transfer(t) == 0 ? -1 : -2;
-        while (f.status == -1 && !ctx.done) {
+        // A refused submit leaves its error as the status.
+        const int submitted = libusb_submit_transfer(t);
+        f.status = submitted == 0 ? -1 : submitted;
+        while (submitted == 0 && !ctx.done) {
             timeval tv{1, 0};
             libusb_handle_events_timeout_completed(nullptr, &tv, &ctx.done);
         }

@@ -4,24 +4,22 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/input.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
-#include <iostream>
-#include <optional>
+#include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -29,114 +27,63 @@ namespace {
 constexpr const char* DeviceName = "velora-multitouch";
 
 struct Ev {
-    int type;
-    int code;
-    int value;
+    int type, code, value;
     bool operator==(const Ev&) const = default;
+    friend void PrintTo(const Ev& e, std::ostream* os) { *os << e.type << ':' << e.code << '=' << e.value; }
 };
-
-void PrintTo(const Ev& e, std::ostream* os)
-{
-    static const std::pair<int, const char*> names[] = {{ABS_MT_SLOT, "SLOT"}, {ABS_MT_TRACKING_ID, "TRACKING_ID"},
-        {ABS_MT_POSITION_X, "X"}, {ABS_MT_POSITION_Y, "Y"}};
-    if (e.type == EV_SYN && e.code == SYN_REPORT) {
-        *os << "SYN";
-        return;
-    }
-    for (const auto& [code, name] : names)
-        if (e.type == EV_ABS && e.code == code) {
-            *os << name << ' ' << e.value;
-            return;
-        }
-    *os << "type " << e.type << " code " << e.code << ' ' << e.value;
-}
 
 Ev slot(int v) { return {EV_ABS, ABS_MT_SLOT, v}; }
 Ev trackingId(int v) { return {EV_ABS, ABS_MT_TRACKING_ID, v}; }
 Ev x(int v) { return {EV_ABS, ABS_MT_POSITION_X, v}; }
 Ev y(int v) { return {EV_ABS, ABS_MT_POSITION_Y, v}; }
 Ev syn() { return {EV_SYN, SYN_REPORT, 0}; }
-
-bool testBit(const unsigned char* bits, int bit) { return bits[bit / 8] & (1u << (bit % 8)); }
+using Evs = std::vector<Ev>;
 
 std::string nameOf(int fd)
 {
     char name[256] = {};
-    if (ioctl(fd, EVIOCGNAME(sizeof name - 1), name) < 0)
-        return {};
-    return name;
+    return ioctl(fd, EVIOCGNAME(sizeof name - 1), name) < 0 ? std::string() : name;
 }
 
 // The event node of the device named DeviceName, or empty.
 std::string findNode()
 {
-    DIR* dir = opendir("/dev/input");
-    if (!dir)
-        return {};
-    std::string found;
-    while (dirent* entry = readdir(dir)) {
-        if (std::strncmp(entry->d_name, "event", 5) != 0)
-            continue;
-        const std::string path = std::string("/dev/input/") + entry->d_name;
-        const int fd = open(path.c_str(), O_RDONLY);
-        if (fd < 0)
-            continue;
-        if (nameOf(fd) == DeviceName)
-            found = path;
-        close(fd);
-        if (!found.empty())
-            break;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/input", error)) {
+        const std::string path = entry.path();
+        const int fd = entry.path().filename().string().starts_with("event") ? open(path.c_str(), O_RDONLY) : -1;
+        const bool mine = fd >= 0 && nameOf(fd) == DeviceName;
+        if (fd >= 0)
+            close(fd);
+        if (mine)
+            return path;
     }
-    closedir(dir);
-    return found;
+    return {};
 }
 
-// A program started with its standard output and error on one pipe.
+// A command of the shell with its standard output and error on one pipe. The shell first
+// tells its process id, which exec hands on to the program.
 class Child {
 public:
-    explicit Child(std::vector<std::string> argv)
+    explicit Child(const std::string& command) : out(popen(("echo $$; exec " + command + " 2>&1").c_str(), "r"))
     {
-        int fds[2];
-        if (pipe(fds) != 0)
-            return;
-        // Built before the fork: the child may only call async-signal-safe functions.
-        std::vector<char*> args;
-        for (auto& a : argv)
-            args.push_back(a.data());
-        args.push_back(nullptr);
-        pid = fork();
-        if (pid == 0) {
-            dup2(fds[1], 1);
-            dup2(fds[1], 2);
-            close(fds[0]);
-            close(fds[1]);
-            execvp(args[0], args.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out = fds[0];
+        readUntil([](const std::string& t) { return t.find('\n') != std::string::npos; });
+        pid = std::atoi(text.c_str());
+        text.erase(0, text.find('\n') + 1);
     }
-    ~Child()
-    {
-        stop();
-        if (out >= 0)
-            close(out);
-    }
+    ~Child() { stop(); }
 
     // Reads what is there, waiting at most `ms` for more; false once the program closed its end.
     bool readFor(int ms)
     {
-        if (out < 0)
-            return false;
-        pollfd p{out, POLLIN, 0};
-        if (poll(&p, 1, ms) <= 0)
-            return true;
+        pollfd p{out ? fileno(out) : -1, POLLIN, 0};
+        if (!out || poll(&p, 1, ms) <= 0)
+            return out != nullptr;
         char buf[4096];
-        const ssize_t n = read(out, buf, sizeof buf);
-        if (n <= 0)
-            return false;
-        text.append(buf, size_t(n));
-        return true;
+        const ssize_t n = read(p.fd, buf, sizeof buf);
+        if (n > 0)
+            text.append(buf, size_t(n));
+        return n > 0;
     }
 
     // Reads until `done` holds for the text so far, the program ends, or a generous guard
@@ -145,45 +92,37 @@ public:
     bool readUntil(Pred done)
     {
         const auto guard = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (!done(text) && std::chrono::steady_clock::now() < guard)
-            if (!readFor(200))
-                break;
+        while (!done(text) && std::chrono::steady_clock::now() < guard && readFor(200)) {
+        }
         return done(text);
     }
 
+    // Asks the program to end, killing it if it goes on writing for 20 seconds.
     void stop()
     {
-        if (pid <= 0)
+        if (!out)
             return;
-        kill(pid, SIGINT);
+        if (pid > 0)
+            kill(pid, SIGINT);
         for (int rounds = 0; readFor(200); ++rounds)
-            if (rounds == 100)
+            if (rounds == 100 && pid > 0)
                 kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
+        pclose(out);
+        out = nullptr;
     }
 
+    FILE* out;
     pid_t pid = -1;
-    int out = -1;
     std::string text;
 };
 
-std::string runToEnd(std::vector<std::string> argv)
+// Its output once it closed it; stop() then reaps it.
+std::string runToEnd(const std::string& command)
 {
-    Child child(std::move(argv));
+    Child child(command);
     while (child.readFor(1000)) {
     }
-    if (child.pid > 0)
-        waitpid(child.pid, nullptr, 0);
-    child.pid = -1;
     return child.text;
-}
-
-void record(const std::string& who, const std::string& text)
-{
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        std::cout << who << ": " << line << '\n';
 }
 
 // A fresh device and a reader on its event node. The kernel hands a written event to the
@@ -206,11 +145,10 @@ protected:
             close(fd);
     }
 
-    std::vector<Ev> take()
+    Evs take()
     {
-        std::vector<Ev> events;
-        input_event e;
-        while (read(fd, &e, sizeof e) == static_cast<ssize_t>(sizeof e))
+        Evs events;
+        for (input_event e; read(fd, &e, sizeof e) == static_cast<ssize_t>(sizeof e);)
             events.push_back({e.type, e.code, e.value});
         return events;
     }
@@ -221,18 +159,33 @@ protected:
         struct {
             __u32 code;
             __s32 values[Touch::SlotCount];
-        } request{};
-        request.code = static_cast<__u32>(code);
+        } request{static_cast<__u32>(code), {}};
         if (ioctl(fd, EVIOCGMTSLOTS(sizeof request), &request) < 0)
             return {};
         return {request.values, request.values + Touch::SlotCount};
     }
 
-    input_absinfo absInfo(int axis)
+    // The kernel's (id, x) of the first slots.
+    std::vector<std::pair<int, int>> contacts(size_t slots)
     {
-        input_absinfo info{};
-        EXPECT_EQ(ioctl(fd, EVIOCGABS(axis), &info), 0) << axis;
-        return info;
+        const std::vector<int> ids = slotValues(ABS_MT_TRACKING_ID), xs = slotValues(ABS_MT_POSITION_X);
+        std::vector<std::pair<int, int>> out;
+        for (size_t i = 0; i < slots && i < ids.size(); ++i)
+            out.emplace_back(ids[i], xs[i]);
+        return out;
+    }
+
+    // The numbers of the bits set in the device's bitmap of one event type (-1: its properties).
+    std::vector<int> setBits(int type, int max)
+    {
+        std::vector<unsigned char> bits(size_t(max) / 8 + 1);
+        const int size = static_cast<int>(bits.size());
+        EXPECT_GE(ioctl(fd, type < 0 ? EVIOCGPROP(size) : EVIOCGBIT(type, size), bits.data()), 0) << type;
+        std::vector<int> out;
+        for (int b = 0; b <= max; ++b)
+            if (bits[size_t(b) / 8] & (1u << (b % 8)))
+                out.push_back(b);
+        return out;
     }
 
     Touch touch;
@@ -245,124 +198,78 @@ TEST_F(TouchOnTheKernel, DeviceHasItsIdentityAxesAndKeyAndNothingElse)
     EXPECT_EQ(nameOf(fd), DeviceName);
     input_id id{};
     ASSERT_EQ(ioctl(fd, EVIOCGID, &id), 0);
-    EXPECT_EQ(id.bustype, BUS_VIRTUAL);
-    EXPECT_EQ(id.vendor, 0xCEEF);
-    EXPECT_EQ(id.product, 1);
-    EXPECT_EQ(id.version, 1);
+    EXPECT_EQ(std::tuple(id.bustype, id.vendor, id.product, id.version), std::tuple(BUS_VIRTUAL, 0xCEEF, 1, 1));
+    EXPECT_EQ(setBits(0, EV_MAX), (std::vector<int>{EV_SYN, EV_KEY, EV_ABS}));
+    EXPECT_EQ(setBits(EV_KEY, KEY_MAX), std::vector<int>{BTN_TOUCH});
+    EXPECT_EQ(setBits(-1, INPUT_PROP_MAX), std::vector<int>{});
 
-    unsigned char types[EV_MAX / 8 + 1] = {};
-    ASSERT_GE(ioctl(fd, EVIOCGBIT(0, sizeof types), types), 0);
-    for (int t = 0; t <= EV_MAX; ++t)
-        EXPECT_EQ(testBit(types, t), t == EV_SYN || t == EV_KEY || t == EV_ABS) << "event type " << t;
-
-    unsigned char keys[KEY_MAX / 8 + 1] = {};
-    ASSERT_GE(ioctl(fd, EVIOCGBIT(EV_KEY, sizeof keys), keys), 0);
-    for (int k = 0; k <= KEY_MAX; ++k)
-        EXPECT_EQ(testBit(keys, k), k == BTN_TOUCH) << "key " << k;
-
-    struct Axis {
-        int code, min, max;
-    };
     // The kernel gives every slotted device its own tracking id range, 0 to 65535, in
     // place of the declared -1 to 32767; a lift (-1) still passes, as the other tests show.
-    const Axis axes[] = {{ABS_X, 0, 32767}, {ABS_Y, 0, 32767}, {ABS_MT_SLOT, 0, 99}, {ABS_MT_POSITION_X, 0, 32767},
-        {ABS_MT_POSITION_Y, 0, 32767}, {ABS_MT_TRACKING_ID, 0, 65535}};
-    unsigned char abs[ABS_MAX / 8 + 1] = {};
-    ASSERT_GE(ioctl(fd, EVIOCGBIT(EV_ABS, sizeof abs), abs), 0);
-    for (int a = 0; a <= ABS_MAX; ++a) {
-        bool declared = false;
-        for (const Axis& axis : axes)
-            declared = declared || axis.code == a;
-        EXPECT_EQ(testBit(abs, a), declared) << "axis " << a;
+    const std::tuple<int, int, int> axes[] = {{ABS_X, 0, 32767}, {ABS_Y, 0, 32767}, {ABS_MT_SLOT, 0, 99},
+        {ABS_MT_POSITION_X, 0, 32767}, {ABS_MT_POSITION_Y, 0, 32767}, {ABS_MT_TRACKING_ID, 0, 65535}};
+    std::vector<int> codes;
+    for (const auto& [code, min, max] : axes) {
+        codes.push_back(code);
+        input_absinfo i{};
+        EXPECT_EQ(ioctl(fd, EVIOCGABS(code), &i), 0) << code;
+        EXPECT_EQ(std::tuple(i.minimum, i.maximum, i.fuzz, i.flat, i.resolution), std::tuple(min, max, 0, 0, 0)) << code;
     }
-    for (const Axis& axis : axes) {
-        const input_absinfo info = absInfo(axis.code);
-        EXPECT_EQ(info.minimum, axis.min) << "axis " << axis.code;
-        EXPECT_EQ(info.maximum, axis.max) << "axis " << axis.code;
-        EXPECT_EQ(info.fuzz, 0) << "axis " << axis.code;
-        EXPECT_EQ(info.flat, 0) << "axis " << axis.code;
-        EXPECT_EQ(info.resolution, 0) << "axis " << axis.code;
-    }
-
-    unsigned char props[INPUT_PROP_MAX / 8 + 1] = {};
-    ASSERT_GE(ioctl(fd, EVIOCGPROP(sizeof props), props), 0);
-    for (int p = 0; p <= INPUT_PROP_MAX; ++p)
-        EXPECT_FALSE(testBit(props, p)) << "property " << p;
+    EXPECT_EQ(setBits(EV_ABS, ABS_MAX), codes);
 
     EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID), std::vector<int>(Touch::SlotCount, -1)) << "no contact at the start";
-    EXPECT_TRUE(take().empty()) << "creation sends no events";
+    EXPECT_EQ(take(), Evs{}) << "creation sends no events";
 }
 
-TEST_F(TouchOnTheKernel, DragCarriesTheChangedAxesAndARepeatedPositionIsHarmless)
+// The kernel keeps the low sixteen bits of an id: 70000 is 4464, the same one in every move.
+TEST_F(TouchOnTheKernel, DragCarriesTheChangedAxesOfItsLowSixteenBitIdAndARepeatedPositionIsHarmless)
 {
-    const int s = touch.down(100, 200, 7);
-    take();
-    touch.move(300, 200, s, 7);
-    EXPECT_EQ(take(), (std::vector<Ev>{x(300), syn()}));
-    touch.move(300, 500, s, 7);
-    EXPECT_EQ(take(), (std::vector<Ev>{y(500), syn()}));
-    touch.move(300, 500, s, 7);
-    EXPECT_TRUE(take().empty()) << "the same position twice reaches no reader";
-    touch.move(32767, 32767, s, 7);
-    EXPECT_EQ(take(), (std::vector<Ev>{x(32767), y(32767), syn()}));
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], 7);
-    EXPECT_EQ(slotValues(ABS_MT_POSITION_X)[0], 32767);
+    const int s = touch.down(100, 200, 70000);
+    EXPECT_EQ(take(), (Evs{trackingId(4464), x(100), y(200), syn()}));
+    touch.move(300, 200, s, 70000);
+    EXPECT_EQ(take(), (Evs{x(300), syn()}));
+    touch.move(300, 500, s, 70000);
+    EXPECT_EQ(take(), (Evs{y(500), syn()}));
+    touch.move(300, 500, s, 70000);
+    EXPECT_EQ(take(), Evs{}) << "the same position twice reaches no reader";
+    touch.move(32767, 32767, s, 70000);
+    EXPECT_EQ(take(), (Evs{x(32767), y(32767), syn()}));
+    EXPECT_EQ(contacts(1), (std::vector<std::pair<int, int>>{{4464, 32767}}));
 
     touch.up(0, 0, s);
-    EXPECT_EQ(take(), (std::vector<Ev>{trackingId(-1), syn()}));
+    EXPECT_EQ(take(), (Evs{trackingId(-1), syn()}));
 }
 
 TEST_F(TouchOnTheKernel, TwoFingersHaveASlotEach)
 {
-    const int a = touch.down(1000, 1000, 1);
-    const int b = touch.down(2000, 3000, 2);
-    EXPECT_EQ(a, 0);
-    EXPECT_EQ(b, 1);
-    EXPECT_EQ(take(), (std::vector<Ev>{trackingId(1), x(1000), y(1000), syn(), slot(1), trackingId(2), x(2000),
-                          y(3000), syn()}));
+    // Braces: the two presses in their order.
+    EXPECT_EQ((std::pair{touch.down(1000, 1000, 1), touch.down(2000, 3000, 2)}), std::pair(0, 1));
+    EXPECT_EQ(take(), (Evs{trackingId(1), x(1000), y(1000), syn(), slot(1), trackingId(2), x(2000), y(3000), syn()}));
 
-    touch.move(1500, 1000, a, 1);
-    EXPECT_EQ(take(), (std::vector<Ev>{slot(0), x(1500), syn()}));
-    touch.up(0, 0, b);
-    EXPECT_EQ(take(), (std::vector<Ev>{slot(1), trackingId(-1), syn()}));
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], 1) << "the first finger stays down";
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[1], -1);
-    EXPECT_EQ(slotValues(ABS_MT_POSITION_X)[0], 1500);
+    touch.move(1500, 1000, 0, 1);
+    EXPECT_EQ(take(), (Evs{slot(0), x(1500), syn()}));
+    touch.up(0, 0, 1);
+    EXPECT_EQ(take(), (Evs{slot(1), trackingId(-1), syn()}));
+    EXPECT_EQ(contacts(2), (std::vector<std::pair<int, int>>{{1, 1500}, {-1, 2000}})) << "the first finger stays down";
 
-    touch.up(0, 0, a);
-    EXPECT_EQ(take(), (std::vector<Ev>{slot(0), trackingId(-1), syn()}));
-}
-
-TEST_F(TouchOnTheKernel, TrackingIdKeepsItsLowSixteenBits)
-{
-    const int s = touch.down(10, 10, 70000);
-    EXPECT_EQ(take(), (std::vector<Ev>{trackingId(4464), x(10), y(10), syn()}));
-    touch.move(20, 10, s, 70000);
-    EXPECT_EQ(take(), (std::vector<Ev>{x(20), syn()})) << "the id is the same one in the move";
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], 4464);
-    touch.up(0, 0, s);
+    touch.up(0, 0, 0);
+    EXPECT_EQ(take(), (Evs{slot(0), trackingId(-1), syn()}));
 }
 
 TEST_F(TouchOnTheKernel, AHundredContactsFillTheSlotsAndTheNextTakesSlotZero)
 {
-    for (int i = 0; i < Touch::SlotCount; ++i)
-        ASSERT_EQ(touch.down(100 + i, 200 + i, 1000 + i), i);
-    const std::vector<int> ids = slotValues(ABS_MT_TRACKING_ID);
-    const std::vector<int> xs = slotValues(ABS_MT_POSITION_X);
-    ASSERT_EQ(ids.size(), size_t(Touch::SlotCount));
+    std::vector<std::pair<int, int>> held;
     for (int i = 0; i < Touch::SlotCount; ++i) {
-        EXPECT_EQ(ids[i], 1000 + i) << "slot " << i;
-        EXPECT_EQ(xs[i], 100 + i) << "slot " << i;
+        ASSERT_EQ(touch.down(100 + i, 200 + i, 1000 + i), i);
+        held.emplace_back(1000 + i, 100 + i);
     }
-    const std::vector<Ev> last = take();
+    EXPECT_EQ(contacts(Touch::SlotCount), held);
+    const Evs last = take();
     ASSERT_GE(last.size(), 5u);
-    EXPECT_EQ(std::vector<Ev>(last.end() - 5, last.end()),
-        (std::vector<Ev>{slot(99), trackingId(1099), x(199), y(299), syn()}));
+    EXPECT_EQ(Evs(last.end() - 5, last.end()), (Evs{slot(99), trackingId(1099), x(199), y(299), syn()}));
 
     EXPECT_EQ(touch.down(5, 6, 2000), 0);
-    EXPECT_EQ(take(), (std::vector<Ev>{slot(0), trackingId(2000), x(5), y(6), syn()}));
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[0], 2000);
-    EXPECT_EQ(slotValues(ABS_MT_TRACKING_ID)[1], 1001);
+    EXPECT_EQ(take(), (Evs{slot(0), trackingId(2000), x(5), y(6), syn()}));
+    EXPECT_EQ(contacts(2), (std::vector<std::pair<int, int>>{{2000, 5}, {1001, 101}}));
 
     for (int i = 0; i < Touch::SlotCount; ++i)
         touch.up(0, 0, i);
@@ -370,80 +277,50 @@ TEST_F(TouchOnTheKernel, AHundredContactsFillTheSlotsAndTheNextTakesSlotZero)
 }
 
 // udev and libinput, as a desktop meets the device.
-class TouchOnTheDesktop : public ::testing::Test {
+class TouchOnTheDesktop : public TouchOnTheKernel {
 protected:
     void SetUp() override
     {
-        ASSERT_GT(touch.fd, 0) << "no /dev/uinput";
-        node = findNode();
-        ASSERT_FALSE(node.empty()) << "no event node named " << DeviceName;
-        runToEnd({"udevadm", "settle", "--timeout=30"});
+        ASSERT_NO_FATAL_FAILURE(TouchOnTheKernel::SetUp());
+        runToEnd("udevadm settle --timeout=30");
     }
-
-    Touch touch;
-    std::string node;
 };
 
 TEST_F(TouchOnTheDesktop, UdevTagsATouchscreen)
 {
-    const std::string props = runToEnd({"udevadm", "info", "--query=property", "--name=" + node});
-    record("udevadm", props);
-    auto has = [&](const std::string& line) { return props.find("\n" + line + "\n") != std::string::npos; };
-    EXPECT_TRUE(has("ID_INPUT=1")) << props;
-    EXPECT_TRUE(has("ID_INPUT_TOUCHSCREEN=1")) << props;
-    EXPECT_FALSE(has("ID_INPUT_TOUCHPAD=1")) << props;
-    EXPECT_FALSE(has("ID_INPUT_MOUSE=1")) << props;
-    EXPECT_FALSE(has("ID_INPUT_TABLET=1")) << props;
+    const std::string props = runToEnd("udevadm info --query=property --name=" + node);
+    for (const auto& [line, set] : {std::pair{"ID_INPUT=1", true}, {"ID_INPUT_TOUCHSCREEN=1", true},
+             {"ID_INPUT_TOUCHPAD=1", false}, {"ID_INPUT_MOUSE=1", false}, {"ID_INPUT_TABLET=1", false}})
+        EXPECT_EQ(props.find(std::string("\n") + line + "\n") != std::string::npos, set) << line << "\n" << props;
 }
 
-struct TouchLine {
-    std::string kind;
-    int slot;
-    std::optional<double> xPercent, yPercent, xMm, yMm;
-};
-
 // Touch events as `libinput debug-events` prints them, e.g.
-// " event4   TOUCH_DOWN    +1.234s	0 (0) 25.00/75.00 (8192.00/24576.00mm)".
-std::vector<TouchLine> touchLines(const std::string& text)
+// " event4   TOUCH_DOWN    +1.234s	0 (0) 25.00/75.00 (8192.00/24576.00mm)": the kind, the
+// slot, and x and y in percent and in millimetres where the event has a position.
+std::vector<std::pair<std::string, std::vector<double>>> touchLines(const std::string& text)
 {
     static const std::regex event(R"((TOUCH_DOWN|TOUCH_MOTION|TOUCH_UP|TOUCH_CANCEL)\s+\+[0-9.]+s\s+(\d+)(.*))");
     static const std::regex position(R"(\(\d+\)\s+([0-9.]+)/\s*([0-9.]+)\s+\(\s*([0-9.]+)/\s*([0-9.]+)mm\))");
-    std::vector<TouchLine> out;
+    std::vector<std::pair<std::string, std::vector<double>>> out;
     std::istringstream lines(text);
+    std::smatch m, p;
     for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
         if (!std::regex_search(line, m, event))
             continue;
-        TouchLine t{m[1], std::stoi(m[2]), {}, {}, {}, {}};
+        out.push_back({m.str(1) + " " + m.str(2), {}});
         const std::string rest = m[3];
-        std::smatch p;
-        if (std::regex_search(rest, p, position)) {
-            t.xPercent = std::stod(p[1]);
-            t.yPercent = std::stod(p[2]);
-            t.xMm = std::stod(p[3]);
-            t.yMm = std::stod(p[4]);
-        }
-        out.push_back(t);
+        if (std::regex_search(rest, p, position))
+            for (int i = 1; i <= 4; ++i)
+                out.back().second.push_back(std::stod(p[i]));
     }
     return out;
 }
 
-size_t count(const std::string& text, const std::string& word)
-{
-    size_t n = 0;
-    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
-        ++n;
-    return n;
-}
-
 TEST_F(TouchOnTheDesktop, LibinputReportsTouchesWhereTheyWereSent)
 {
-    Child libinput({"libinput", "debug-events", "--verbose", "--device", node});
-    const bool added = libinput.readUntil([](const std::string& t) { return t.find("DEVICE_ADDED") != std::string::npos; });
-    if (!added)
-        libinput.stop();
-    record("libinput", libinput.text);
-    ASSERT_TRUE(added) << "libinput did not take the device";
+    Child libinput("libinput debug-events --verbose --device " + node);
+    ASSERT_TRUE(libinput.readUntil([](const std::string& t) { return t.find("DEVICE_ADDED") != std::string::npos; }))
+        << "libinput did not take the device\n" << libinput.text;
     const size_t seen = libinput.text.size();
 
     // A tap, a drag, and a second finger while the first is held.
@@ -457,34 +334,29 @@ TEST_F(TouchOnTheDesktop, LibinputReportsTouchesWhereTheyWereSent)
     touch.up(0, 0, b);
     touch.up(0, 0, a);
 
-    libinput.readUntil([](const std::string& t) { return count(t, "TOUCH_UP") >= 4; });
+    libinput.readUntil([](const std::string& t) {
+        return std::ranges::count_if(touchLines(t), [](const auto& l) { return l.first.starts_with("TOUCH_UP"); }) >= 4;
+    });
     libinput.stop();
     const std::string events = libinput.text.substr(seen);
-    record("libinput", events);
 
-    struct Expected {
-        const char* kind;
-        int slot;
-        int x, y;
-    };
-    const Expected expected[] = {{"TOUCH_DOWN", 0, 8192, 24576}, {"TOUCH_UP", 0, 0, 0}, {"TOUCH_DOWN", 0, 16384, 16384},
-        {"TOUCH_MOTION", 0, 24576, 8192}, {"TOUCH_UP", 0, 0, 0}, {"TOUCH_DOWN", 0, 4096, 4096},
-        {"TOUCH_DOWN", 1, 28672, 30000}, {"TOUCH_UP", 1, 0, 0}, {"TOUCH_UP", 0, 0, 0}};
-    const std::vector<TouchLine> got = touchLines(events);
+    // Kind and slot, and for all but a lift the position sent.
+    const std::tuple<const char*, int, int> expected[] = {{"TOUCH_DOWN 0", 8192, 24576}, {"TOUCH_UP 0", 0, 0},
+        {"TOUCH_DOWN 0", 16384, 16384}, {"TOUCH_MOTION 0", 24576, 8192}, {"TOUCH_UP 0", 0, 0},
+        {"TOUCH_DOWN 0", 4096, 4096}, {"TOUCH_DOWN 1", 28672, 30000}, {"TOUCH_UP 1", 0, 0}, {"TOUCH_UP 0", 0, 0}};
+    const auto got = touchLines(events);
     ASSERT_EQ(got.size(), std::size(expected)) << events;
     for (size_t i = 0; i < got.size(); ++i) {
-        const Expected& want = expected[i];
-        EXPECT_EQ(got[i].kind, want.kind) << i;
-        EXPECT_EQ(got[i].slot, want.slot) << i;
-        if (got[i].kind == "TOUCH_UP")
+        const auto& [kind, wantX, wantY] = expected[i];
+        EXPECT_EQ(got[i].first, kind) << i;
+        if (got[i].first.starts_with("TOUCH_UP"))
             continue;
-        ASSERT_TRUE(got[i].xPercent && got[i].xMm) << i << " has no position";
+        ASSERT_EQ(got[i].second.size(), 4u) << i << " has no position";
         // libinput scales the axis range, maximum - minimum + 1 units, to 100 % of the
         // screen; with no resolution declared it takes one unit for a millimetre.
-        EXPECT_NEAR(*got[i].xPercent, want.x * 100.0 / 32768, 0.006) << i;
-        EXPECT_NEAR(*got[i].yPercent, want.y * 100.0 / 32768, 0.006) << i;
-        EXPECT_NEAR(*got[i].xMm, want.x, 0.006) << i;
-        EXPECT_NEAR(*got[i].yMm, want.y, 0.006) << i;
+        const double want[] = {wantX * 100.0 / 32768, wantY * 100.0 / 32768, double(wantX), double(wantY)};
+        for (size_t k = 0; k < 4; ++k)
+            EXPECT_NEAR(got[i].second[k], want[k], 0.006) << i << " value " << k;
     }
 }
 
