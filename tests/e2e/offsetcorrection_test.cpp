@@ -127,7 +127,7 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
                          Qt::QueuedConnection);
     };
     run.idle = [&] {
-        PipeFacade* f = run.service();
+        PipeFacade* f = run.facade;
         relay.feed(run.events);
         if (phase == 0 && f->getCalibration() && f->pointerController->enabled) {
             userFile = run.dir + "/user.ini";
