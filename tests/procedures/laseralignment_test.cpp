@@ -46,10 +46,9 @@ public:
     bool checkIsDisturbanceOnScreen() override
     {
         std::lock_guard hold(lock);
-        if (verdicts.empty())
-            return false;
-        const bool v = verdicts.front();
-        verdicts.pop_front();
+        const bool v = !verdicts.empty() && verdicts.front();
+        if (!verdicts.empty())
+            verdicts.pop_front();
         return v;
     }
     bool checkIsDisturbanceAnywhere() override { return checkIsDisturbanceOnScreen(); }
