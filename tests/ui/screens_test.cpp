@@ -58,16 +58,8 @@ protected:
     static inline Display* dpy = nullptr;
     static inline xdo_t* xdo = nullptr;
 
-    static void SetUpTestSuite()
-    {
-        dpy = XOpenDisplay(nullptr);
-        xdo = xdo_new(nullptr);
-    }
-    static void TearDownTestSuite()
-    {
-        xdo_free(xdo);
-        XCloseDisplay(dpy);
-    }
+    static void SetUpTestSuite() { dpy = XOpenDisplay(nullptr), xdo = xdo_new(nullptr); }
+    static void TearDownTestSuite() { xdo_free(xdo), XCloseDisplay(dpy); }
 
     void SetUp() override { ASSERT_TRUE(dpy && xdo) << "no X server"; }
 
