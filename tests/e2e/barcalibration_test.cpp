@@ -11,9 +11,6 @@
 #include "streamclock.h"
 
 #include <atomic>
-#include <cmath>
-#include <fstream>
-#include <sstream>
 
 namespace {
 
@@ -91,7 +88,7 @@ TEST(BarCalibration, TheFourPointsBesideTheScreenAreStoredAndThenReported)
     std::vector<EVector> inForce;
     std::atomic<int> status{99};
     run.idle = [&] {
-        PipeFacade* f = run.service();
+        PipeFacade* f = run.facade;
         if (!asked && f->getCalibration() && f->pointerController->enabled
             && std::fmod(streamSeconds(run.dir + "/truth.txt"), loopSeconds) < 0.5) {
             asked = true;
@@ -109,7 +106,7 @@ TEST(BarCalibration, TheFourPointsBesideTheScreenAreStoredAndThenReported)
     };
     run.run(scene, 1, 1, 40.0, 1280, 800);
     ASSERT_TRUE(run.started);
-    if (PipeFacade* f = run.service())
+    if (PipeFacade* f = run.facade)
         f->removeBlobListener(&outside);
     ASSERT_TRUE(asked) << "the calibration never came into force";
     ASSERT_TRUE(listening) << "the bar calibration did not end";
@@ -120,12 +117,10 @@ TEST(BarCalibration, TheFourPointsBesideTheScreenAreStoredAndThenReported)
     std::unique_ptr<Calibration> saved(Calibration::read((run.dir + "/calibration.ini").c_str()));
     ASSERT_TRUE(saved);
     ASSERT_EQ(saved->refPoints.size(), 4u) << "the file carries them";
-    int first = -1;
+    const int first = barPointAt(inForce[0].x * 1280, inForce[0].y * 800, 12);
     for (size_t i = 0; i < 4; ++i) {
         const int at = barPointAt(inForce[i].x * 1280, inForce[i].y * 800, 12);
         ASSERT_NE(at, -1) << "point " << i << " at (" << inForce[i].x << ", " << inForce[i].y << ")";
-        if (i == 0)
-            first = at;
         EXPECT_EQ(at, (first + int(i)) % 4) << "point " << i;
         EXPECT_NEAR(saved->refPoints[i].x, inForce[i].x, 1e-6) << i;
         EXPECT_NEAR(saved->refPoints[i].y, inForce[i].y, 1e-6) << i;

@@ -39,13 +39,6 @@ public:
         }
     }
 
-    // After the run: the rest of the queue.
-    void finish()
-    {
-        XSync(dpy, False);
-        read();
-    }
-
     // Every stroke one left drag on its path, the pointer never off the drawn paths, no other
     // button, and the touch device silent.
     void expectStrokes(const EndToEndRun& run, size_t strokes, double tolerance) const
@@ -81,6 +74,8 @@ inline void expectLeftDragPerStroke(const char* scene, int inputMode, double sec
     run.idle = [&] { recorder.read(); };
     run.run(scene, inputMode, 0, seconds, 1280, 1024);
     ASSERT_TRUE(run.started);
-    recorder.finish();
+    // After the run: the rest of the queue.
+    XSync(desktop.dpy, False);
+    recorder.read();
     recorder.expectStrokes(run, strokes, tolerance);
 }

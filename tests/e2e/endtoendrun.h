@@ -83,19 +83,16 @@ inline std::map<unsigned, TruthFrame> readTruth(const std::string& path)
 {
     std::map<unsigned, TruthFrame> frames;
     std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         std::istringstream s(line);
-        std::string tag;
+        std::string tag, kind;
         unsigned frame;
         s >> tag >> frame;
+        double seconds, sensorX, sensorY, imageX, imageY;
         if (tag == "F") {
-            double seconds;
             s >> seconds >> frames[frame].completionNs;
         } else if (tag == "S") {
             TruthSpot spot;
-            std::string kind;
-            double sensorX, sensorY, imageX, imageY;
             int lit;
             s >> spot.id >> kind >> spot.x >> spot.y >> sensorX >> sensorY >> imageX >> imageY >> lit;
             if (lit)
@@ -206,6 +203,8 @@ public:
     bool enough = false;
     // The facade's procedures and screens, if the test wants any.
     IProcedureFactory* procedures = nullptr;
+    // The service, once run() has made it.
+    PipeFacade* facade = nullptr;
 
     // inputMode 1 is the stylus, 0 the finger; pointerMode 1 multi-touch, 0 the single pointer.
     void run(const std::string& scene, int inputMode, int pointerMode, double seconds, int width, int height)
@@ -278,10 +277,7 @@ public:
         return out;
     }
 
-    PipeFacade* service() const { return facade; }
-
 private:
-    PipeFacade* facade = nullptr;
     FrameClock clock;
 
     void drain()

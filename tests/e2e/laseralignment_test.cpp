@@ -4,16 +4,11 @@
 // square the test puts on the desktop before and after, where the pointer lands is read back.
 // A reflection comes on while the dots are pressed, far from all of them, so that only the
 // final check sees it.
-#include "calibration.h"
 #include "velorarun.h"
 
-#include <QImage>
-#include <QThread>
-
-#include <X11/Xlib.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
-#include <cmath>
 #include <thread>
 
 namespace {
@@ -31,25 +26,6 @@ user finger 0 target #00acea tolerance 12 reaction 0.3 hold change
 user finger 0 target #a000ff tolerance 12 reaction 0.3 hold 0.6
 reflection 270 170 6 160 from 26 until 46
 )";
-
-// The nine dots of the auto correction on this screen, column by column.
-std::vector<QPoint> dots()
-{
-    std::vector<QPoint> out;
-    for (int x : {128, 640, 1152})
-        for (int y : {80, 400, 720})
-            out.emplace_back(x, y);
-    return out;
-}
-
-bool doneGreen(QRgb c)
-{
-    return qGreen(c) >= 130 && qRed(c) <= 40 && qBlue(c) <= 50;
-}
-bool activeBlue(QRgb c)
-{
-    return qBlue(c) >= 200 && qGreen(c) >= 150 && qRed(c) <= 40;
-}
 
 class LaserAlignmentRun : public ::testing::Test, protected VeloraRun {
 protected:
@@ -84,9 +60,12 @@ protected:
         return false;
     }
 
-    // A purple square at a desktop point, over everything; the other person presses it.
-    Window showProbe(QPoint at)
+    // Shows the square until a new press of it has been released; where the pointer was left
+    // and where the finger touched.
+    std::pair<QPointF, QPointF> tapProbe(QPoint at)
     {
+        const size_t before = probePresses(at).size();
+        // A purple square at a desktop point, over everything; the other person presses it.
         XSetWindowAttributes a{};
         a.override_redirect = True;
         a.background_pixel = 0xa000ff;
@@ -95,28 +74,13 @@ protected:
                                        CWOverrideRedirect | CWBackPixel, &a);
         XMapRaised(dpy, w);
         XSync(dpy, False);
-        return w;
-    }
-
-    // Shows the square until a new press of it has been released; where the pointer was left
-    // and where the finger touched.
-    std::pair<QPointF, QPointF> tapProbe(QPoint at)
-    {
-        const size_t before = probePresses(at).size();
-        const Window w = showProbe(at);
-        QElapsedTimer t;
-        t.start();
         std::pair<QPointF, QPointF> result{{-1000, -1000}, {0, 0}};
-        while (t.elapsed() < 20000) {
-            QThread::msleep(20);
-            const auto ps = probePresses(at);
-            if (ps.size() <= before || !released(ps[before].id))
-                continue;
+        std::vector<Press> ps;
+        if (waitUntil([&] { return (ps = probePresses(at)).size() > before && released(ps[before].id); }, 20000)) {
             // The release reaches the desktop a frame or two after the emulator lifts.
             QThread::msleep(300);
             const auto [x0, y0] = pointer();
             result = {QPointF(x0, y0), QPointF(ps[before].pressX, ps[before].pressY)};
-            break;
         }
         XDestroyWindow(dpy, w);
         XSync(dpy, False);
@@ -124,12 +88,14 @@ protected:
     }
 };
 
+// Of the nine dots of the auto correction on this screen, those that match beside the centre,
+// where the check mark is drawn.
 int count(const QImage& img, bool (*match)(QRgb))
 {
     int n = 0;
-    for (const QPoint& d : dots())
-        // Beside the centre, where the check mark is drawn.
-        n += match(img.pixel(d.x() + 14, d.y()));
+    for (int x : {128, 640, 1152})
+        for (int y : {80, 400, 720})
+            n += match(img.pixel(x + 14, y));
     return n;
 }
 
@@ -157,7 +123,7 @@ TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalChec
     std::thread watch([&] {
         while (aligning) {
             const QImage img = grab();
-            const int green = count(img, doneGreen), blue = count(img, activeBlue);
+            const int green = count(img, doneDotGreen), blue = count(img, activeDotBlue);
             if (green > 0 && blue > 0 && someGreen.isNull())
                 someGreen = img;
             if (green == 9)
@@ -166,11 +132,8 @@ TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalChec
         }
     });
     std::thread cancel([&] {
-        QElapsedTimer t;
-        t.start();
-        while (run->fileText("velora.log").find("Light disturbance in laser alignment") == std::string::npos
-               && t.elapsed() < 90000)
-            QThread::msleep(50);
+        const std::string light = "Light disturbance in laser alignment";
+        waitUntil([&] { return run->fileText("velora.log").find(light) != std::string::npos; }, 90000);
         QThread::msleep(600);
         aligning = false;
         const QImage retry = grab();
@@ -201,11 +164,9 @@ TEST_F(LaserAlignmentRun, AutoCorrectionBringsTheFingerOntoTheDotAndTheFinalChec
     // Saved with the calibration in force: the shifts moved the way the curtain pushed.
     std::unique_ptr<Calibration> saved(Calibration::read((userDir() + "stylus-velora.ini").toLocal8Bit().constData()));
     ASSERT_TRUE(saved);
-    ASSERT_EQ(saved->shifts.size(), 9u);
-    int moved = 0;
-    for (const EVector& s : saved->shifts)
-        moved += std::hypot(s.x, s.y) > 1.0;
-    EXPECT_EQ(moved, 9) << "every dot's shift was corrected";
+    using namespace ::testing;
+    EXPECT_THAT(saved->shifts, AllOf(SizeIs(9), Each(Property(&EVector::length, Gt(1.0)))))
+        << "every dot's shift was corrected";
 
     const auto [afterAt, afterTouch] = tapProbe(probe);
     EXPECT_LE(std::hypot(afterAt.x() - afterTouch.x(), afterAt.y() - afterTouch.y()), 3.0)

@@ -6,6 +6,7 @@
 #include "ioffsetcorrection.h"
 #include "multipointercontroller.h"
 #include "procedurefactory.h"
+#include "useroffsets.h"
 
 #include <QFile>
 
@@ -83,26 +84,6 @@ std::pair<int, int> pointer()
     return {x, y};
 }
 
-// In the order of user.ini's lines 5 to 10.
-std::vector<double> inSettings()
-{
-    const GS* gs = GS::instance();
-    return {gs->offsetLeft, gs->offsetRight, gs->offsetC, gs->offsetD, gs->offsetTop, gs->offsetBottom};
-}
-
-// Lines 5 to 10 of user.ini.
-std::vector<double> inFile(const std::string& path)
-{
-    QFile f(QString::fromStdString(path));
-    std::vector<double> out;
-    if (!f.open(QIODevice::ReadOnly))
-        return out;
-    const QList<QByteArray> lines = f.readAll().split('\n');
-    for (int i = 5; i <= 10 && i < lines.size(); ++i)
-        out.push_back(lines[i].toDouble());
-    return out;
-}
-
 TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
 {
     EndToEndRun run;
@@ -127,7 +108,7 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
                          Qt::QueuedConnection);
     };
     run.idle = [&] {
-        PipeFacade* f = run.service();
+        PipeFacade* f = run.facade;
         relay.feed(run.events);
         if (phase == 0 && f->getCalibration() && f->pointerController->enabled) {
             userFile = run.dir + "/user.ini";
@@ -136,14 +117,14 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
             phase = 1;
             correct(f);
         } else if (phase == 1 && over) {
-            neutral = inSettings();
-            neutralFile = inFile(userFile);
+            neutral = offsetSettings();
+            neutralFile = savedOffsets(userFile);
             relay.desktop = scaling;
             phase = 2;
             correct(f);
         } else if (phase == 2 && over) {
-            measured = inSettings();
-            measuredFile = inFile(userFile);
+            measured = offsetSettings();
+            measuredFile = savedOffsets(userFile);
             phase = 3;
         } else if (phase >= 3 && phase < 3 + 2 * int(std::size(touches))) {
             const int k = (phase - 3) / 2;

@@ -4,17 +4,8 @@
 // the pointer output that was off meanwhile comes back. One velora run for all of it.
 #include "framerenderer.h"
 #include "scene.h"
-#include "streamclock.h"
 #include "velorarun.h"
 
-#include <QImage>
-
-#include <X11/Xatom.h>
-#include <X11/Xlib.h>
-
-#include <algorithm>
-#include <cmath>
-#include <memory>
 #include <optional>
 #include <thread>
 
@@ -51,26 +42,14 @@ protected:
         Window root, parent, *children = nullptr;
         unsigned n = 0;
         std::optional<QRect> found;
-        if (!XQueryTree(dpy, DefaultRootWindow(dpy), &root, &parent, &children, &n))
-            return found;
+        XQueryTree(dpy, DefaultRootWindow(dpy), &root, &parent, &children, &n);
         for (unsigned i = 0; i < n && !found; ++i) {
             XWindowAttributes a;
-            if (!XGetWindowAttributes(dpy, children[i], &a) || a.map_state != IsViewable)
-                continue;
-            Atom type;
-            int format;
-            unsigned long count, rest;
-            unsigned char* data = nullptr;
-            if (XGetWindowProperty(dpy, children[i], XInternAtom(dpy, "_NET_WM_NAME", False), 0, 256, False,
-                                   XInternAtom(dpy, "UTF8_STRING", False), &type, &format, &count, &rest, &data)
-                    == Success
-                && data) {
-                if (std::string(reinterpret_cast<char*>(data), count) == title) {
-                    found = QRect(a.x, a.y, a.width, a.height);
-                    if (id)
-                        *id = children[i];
-                }
-                XFree(data);
+            if (XGetWindowAttributes(dpy, children[i], &a) && a.map_state == IsViewable
+                && windowTitle(dpy, children[i]) == title) {
+                found = QRect(a.x, a.y, a.width, a.height);
+                if (id)
+                    *id = children[i];
             }
         }
         if (children)

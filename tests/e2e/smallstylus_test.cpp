@@ -3,8 +3,6 @@
 // must arrive as one contact on its path.
 #include "endtoendrun.h"
 
-#include <cstdio>
-
 namespace {
 
 // About 600 desktop pixels a second, so that the slower sanitizer builds, which lose frames,

@@ -6,15 +6,7 @@
 #include "streamclock.h"
 #include "xvfbserver.h"
 
-#include <QImage>
 #include <QStandardPaths>
-#include <QThread>
-
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
-extern "C" {
-#include <xdo.h>
-}
 
 #include <algorithm>
 #include <cmath>
@@ -22,6 +14,19 @@ extern "C" {
 #include <sstream>
 #include <string>
 #include <vector>
+
+extern "C" {
+#include <xdo.h>
+}
+// The screen tests' pictures and window properties; last, for Xlib's macros.
+#include "xscreen.h"
+
+// The file's bytes; none if it cannot be read.
+inline QByteArray fileBytes(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
 
 inline QString userDir()
 {
@@ -112,19 +117,7 @@ public:
         return {x0, y0};
     }
 
-    QImage grab()
-    {
-        XSync(dpy, False);
-        const Window root = DefaultRootWindow(dpy);
-        XWindowAttributes a;
-        XGetWindowAttributes(dpy, root, &a);
-        XImage* xi = XGetImage(dpy, root, 0, 0, a.width, a.height, AllPlanes, ZPixmap);
-        QImage img = QImage(reinterpret_cast<const uchar*>(xi->data), a.width, a.height, xi->bytes_per_line,
-                            QImage::Format_RGB32)
-                         .copy();
-        XDestroyImage(xi);
-        return img;
-    }
+    QImage grab() { return ::grab(dpy); }
 
     double streamTime() const { return streamSeconds(run->path("truth.txt")); }
 
@@ -206,7 +199,6 @@ public:
             const double u = std::clamp((px * 900 + py * 420) / (900.0 * 900 + 420 * 420), 0.0, 1.0);
             worst = std::max(worst, std::hypot(px - u * 900, py - u * 420));
         }
-        printf("stroke at most %.1f desktop pixels off\n", worst);
         EXPECT_LE(worst, 3.0) << "pointer positions off the stroke, of " << seen.size();
         EXPECT_LE(std::hypot(seen.back().first - 1100, seen.back().second - 620), 10.0) << "the stroke's end was reached";
     }

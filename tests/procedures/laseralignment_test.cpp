@@ -46,10 +46,9 @@ public:
     bool checkIsDisturbanceOnScreen() override
     {
         std::lock_guard hold(lock);
-        if (verdicts.empty())
-            return false;
-        const bool v = verdicts.front();
-        verdicts.pop_front();
+        const bool v = !verdicts.empty() && verdicts.front();
+        if (!verdicts.empty())
+            verdicts.pop_front();
         return v;
     }
     bool checkIsDisturbanceAnywhere() override { return checkIsDisturbanceOnScreen(); }
@@ -137,6 +136,8 @@ public:
     EVector dot(int i) { return screen->locked([&] { return screen->dots.at(size_t(i)); }); }
     double shift(int d) { return emitter.calibration.shifts.at(size_t(d)).length(); }
     int lastState() { return screen->locked([&] { return screen->states.empty() ? -1 : screen->states.back(); }); }
+    int accuracy(int d) { return screen->locked([&] { return screen->accuracy[d]; }); }
+    bool retryView() { return screen->locked([&] { return screen->retryView; }); }
     std::vector<int> active() { return screen->locked([&] { return screen->active; }); }
 };
 
@@ -153,7 +154,7 @@ TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDot
     // The finger is seen 12 right and 9 above its touch; a shift of 1 moves it 20 pixels.
     for (int d = 0; d < 9; ++d) {
         int frames = 0;
-        for (; frames < 200 && screen->locked([&] { return screen->accuracy[d]; }) != 100; ++frames) {
+        for (; frames < 200 && accuracy(d) != 100; ++frames) {
             const EVector s = emitter.calibration.shifts[size_t(d)];
             frame({EVector(dot(d).x + 12 + 20 * s.x, dot(d).y - 9 + 20 * s.y)});
         }
@@ -168,12 +169,12 @@ TEST_F(LaserAlignmentTest, AutoCorrectionMovesEachShiftUntilTheFingerMeetsItsDot
     EXPECT_TRUE(pointer.enabled);
 }
 
+// Each case starts at a step with the disturbance check's verdicts and acts and checks in its body.
 struct Case {
     const char* name;
     int firstStep;
     std::deque<bool> verdicts;
-    std::function<void(LaserAlignmentTest&)> act;
-    std::function<void(LaserAlignmentTest&)> check;
+    std::function<void(LaserAlignmentTest&)> body;
 };
 
 class LaserAlignmentCases : public LaserAlignmentTest, public ::testing::WithParamInterface<Case> {};
@@ -181,8 +182,7 @@ class LaserAlignmentCases : public LaserAlignmentTest, public ::testing::WithPar
 TEST_P(LaserAlignmentCases, Behaves)
 {
     start(GetParam().firstStep, GetParam().verdicts);
-    GetParam().act(*this);
-    GetParam().check(*this);
+    GetParam().body(*this);
 }
 
 const double tolerance = 100.0;
@@ -191,8 +191,8 @@ INSTANTIATE_TEST_SUITE_P(
     EdgeCases, LaserAlignmentCases,
     ::testing::Values(
         Case{"ExitInVerticalLeavesEarly", -1, {},
-             [](LaserAlignmentTest& t) { t.screen->send(5000); },
              [](LaserAlignmentTest& t) {
+                 t.screen->send(5000);
                  EXPECT_EQ(t.status, -1);
                  EXPECT_EQ(t.gs->stylusBgTopUpFrames, 5);
                  t.screen->send(1);
@@ -203,15 +203,13 @@ INSTANTIATE_TEST_SUITE_P(
                  EXPECT_EQ(t.lastState(), 2);
                  EXPECT_EQ(t.active(), std::vector<int>{5});
                  t.screen->send(5004);
-             },
-             [](LaserAlignmentTest& t) {
                  EXPECT_EQ(t.lastState(), 1);
                  EXPECT_EQ(t.active(), std::vector<int>{2});
                  EXPECT_NEAR(t.dot(2).y, 700 - 700 / 3.0, 1) << "horizontal layout";
              }},
         Case{"CloseMovesTheOuterRowsInward", -1, {},
-             [](LaserAlignmentTest& t) { t.screen->send(6003); },
              [](LaserAlignmentTest& t) {
+                 t.screen->send(6003);
                  EXPECT_NEAR(t.dot(0).y, 700 / 3.0, 1);
                  EXPECT_EQ(t.active(), std::vector<int>{5});
              }},
@@ -220,11 +218,11 @@ INSTANTIATE_TEST_SUITE_P(
                  // Exactly on the target of an uneven surface, 0.022 of the height off the dot.
                  t.screen->send(6006);
                  t.frame({EVector(t.dot(5).x, t.dot(5).y - 700 * 0.022)});
-             },
-             [](LaserAlignmentTest& t) { EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy[5]; }), 100); }},
+                 EXPECT_EQ(t.accuracy(5), 100);
+             }},
         Case{"AtTheToleranceNothingHappens", 1, {},
-             [](LaserAlignmentTest& t) { t.frame({EVector(t.dot(4).x + tolerance, t.dot(4).y)}); },
              [](LaserAlignmentTest& t) {
+                 t.frame({EVector(t.dot(4).x + tolerance, t.dot(4).y)});
                  EXPECT_EQ(t.shift(4), 0.0);
                  EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy.count(4); }), 0u);
              }},
@@ -232,21 +230,17 @@ INSTANTIATE_TEST_SUITE_P(
              [](LaserAlignmentTest& t) {
                  // Two fingers on the dot: the second finds it done and moves nothing.
                  t.frame({EVector(t.dot(4).x + 1.8, t.dot(4).y), EVector(t.dot(4).x + 3, t.dot(4).y)});
-             },
-             [](LaserAlignmentTest& t) {
-                 EXPECT_EQ(t.screen->locked([&] { return t.screen->accuracy[4]; }), 100);
+                 EXPECT_EQ(t.accuracy(4), 100);
                  EXPECT_EQ(t.active().size(), 9u) << "the screen keeps its dots; the procedure's list shrank";
                  EXPECT_EQ(t.shift(4), 0.0);
              }},
         Case{"LightAtTheStartShowsRetryWhichGoesToVertical", 1, {true},
              [](LaserAlignmentTest& t) {
-                 EXPECT_TRUE(t.screen->locked([&] { return t.screen->retryView; }));
+                 EXPECT_TRUE(t.retryView());
                  t.frame({t.dot(4)});
                  EXPECT_EQ(t.emitter.shiftUpdates, 1) << "no dot takes a finger behind the retry view";
                  t.screen->send(5011);
-             },
-             [](LaserAlignmentTest& t) {
-                 EXPECT_FALSE(t.screen->locked([&] { return t.screen->retryView; }));
+                 EXPECT_FALSE(t.retryView());
                  EXPECT_EQ(t.lastState(), 2);
                  EXPECT_EQ(t.active(), std::vector<int>{5});
              }},
@@ -254,10 +248,8 @@ INSTANTIATE_TEST_SUITE_P(
              [](LaserAlignmentTest& t) {
                  for (int d = 0; d < 9; ++d)
                      t.frame({t.dot(d)});
-                 ASSERT_TRUE(waitFor([&] { return t.screen->locked([&] { return t.screen->retryView; }); }));
+                 ASSERT_TRUE(waitFor([&] { return t.retryView(); }));
                  t.screen->send(5000);
-             },
-             [](LaserAlignmentTest& t) {
                  ASSERT_TRUE(waitFor([&] { return t.endings > 0; }));
                  EXPECT_EQ(t.status, 0);
                  EXPECT_EQ(t.gs->stylusBgTopUpFrames, 5);

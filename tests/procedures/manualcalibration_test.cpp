@@ -97,10 +97,7 @@ protected:
         mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
         record(mc.get());
     }
-    bool listening()
-    {
-        return waitFor([&] { return screen.count("loading 0") > 0; });
-    }
+    bool listening() { return waitFor([&] { return screen.count("loading 0") > 0; }); }
     // A press at a sensor position, then one more frame with a blob in it.
     void press(double x, double y, int holdMs)
     {

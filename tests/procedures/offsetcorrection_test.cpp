@@ -1,12 +1,10 @@
 // The offset correction against stand-in desktops that scale and shift the touches they get:
 // each touch comes back as a click of the window where that desktop put it.
-#include "globalsettings.h"
 #include "ioffsetcorrectionui.h"
 #include "offsetcorrection.h"
 #include "procedurestandins.h"
-#include "scopedsetting.h"
+#include "useroffsets.h"
 
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gmock/gmock.h>
@@ -95,17 +93,6 @@ protected:
         emitter.desktop = nullptr;
         return ended;
     }
-
-    std::vector<double> savedOffsets()
-    {
-        QFile f(dir.filePath("user.ini"));
-        EXPECT_TRUE(f.open(QIODevice::ReadOnly));
-        const QList<QByteArray> lines = f.readAll().split('\n');
-        std::vector<double> out;
-        for (int i = 5; i <= 10 && i < lines.size(); ++i)
-            out.push_back(lines[i].toDouble());
-        return out;
-    }
 };
 
 TEST_F(OffsetRun, RatiosAndCentreFollowFromWhereTheTouchesLand)
@@ -125,12 +112,11 @@ TEST_F(OffsetRun, RatiosAndCentreFollowFromWhereTheTouchesLand)
         EXPECT_FALSE(screen.shown) << c.desktop;
         EXPECT_EQ(gs->pointerMode, 0) << c.desktop << ": the user's pointer mode is back";
         // In user.ini's order: left, right, C, D, top, bottom.
-        const std::vector<double> got{gs->offsetLeft, gs->offsetRight, gs->offsetC,
-                                      gs->offsetD,    gs->offsetTop,   gs->offsetBottom};
+        const std::vector<double> got = offsetSettings();
         EXPECT_THAT(got, ElementsAre(DoubleNear(c.left, 0.01), DoubleNear(c.right, 0.01), DoubleNear(c.centreX, 2),
                                      DoubleNear(c.centreY, 2), DoubleNear(c.top, 0.01), DoubleNear(c.bottom, 0.01)))
             << c.desktop;
-        EXPECT_THAT(savedOffsets(), Pointwise(DoubleNear(1e-4), got)) << c.desktop;
+        EXPECT_THAT(savedOffsets(gs->userSettingsPath), Pointwise(DoubleNear(1e-4), got)) << c.desktop;
     }
 }
 

@@ -72,11 +72,10 @@ public:
     // list; outside, through the calls for what lies beyond the screen.
     void frame(std::vector<Blob> blobs, bool outside = false)
     {
-        std::vector<IBlobListener*> now;
-        {
+        const std::vector<IBlobListener*> now = [this] {
             std::lock_guard hold(lock);
-            now = listeners;
-        }
+            return listeners;
+        }();
         std::vector<Blob*> all;
         for (Blob& b : blobs)
             all.push_back(&b);

@@ -23,11 +23,6 @@ extern "C" {
 
 namespace {
 
-QObject* child(Ui& ui, const char* name)
-{
-    return ui.root->findChild<QObject*>(name);
-}
-
 struct Found {
     int count = 0;
     QPointF centroid;
@@ -51,43 +46,20 @@ Found find(const QImage& img, const std::function<bool(QRgb)>& match, QRect rect
     return f;
 }
 
-bool pureRed(QRgb c)
-{
-    return qRed(c) >= 230 && qGreen(c) <= 40 && qBlue(c) <= 40;
-}
-bool bannerRed(QRgb c)
-{
-    return qRed(c) >= 150 && qGreen(c) <= 70 && qBlue(c) <= 70;
-}
+const auto pureRed = [](QRgb c) { return qRed(c) >= 230 && qGreen(c) <= 40 && qBlue(c) <= 40; };
+const auto bannerRed = [](QRgb c) { return qRed(c) >= 150 && qGreen(c) <= 70 && qBlue(c) <= 70; };
 // The check mark's own green, reached once it has faded in.
-bool green(QRgb c)
-{
-    return qGreen(c) >= 130 && qRed(c) <= 30 && qBlue(c) <= 40;
-}
-bool blue(QRgb c)
-{
-    return qBlue(c) >= 180 && qGreen(c) >= 130 && qRed(c) <= 80;
-}
-bool dark(QRgb c)
-{
-    return qRed(c) < 100 && qGreen(c) < 100 && qBlue(c) < 100;
-}
+const auto green = [](QRgb c) { return qGreen(c) >= 130 && qRed(c) <= 30 && qBlue(c) <= 40; };
+const auto blue = [](QRgb c) { return qBlue(c) >= 180 && qGreen(c) >= 130 && qRed(c) <= 80; };
+const auto dark = [](QRgb c) { return qRed(c) < 100 && qGreen(c) < 100 && qBlue(c) < 100; };
 
 class ScreenTest : public ::testing::Test {
 protected:
     static inline Display* dpy = nullptr;
     static inline xdo_t* xdo = nullptr;
 
-    static void SetUpTestSuite()
-    {
-        dpy = XOpenDisplay(nullptr);
-        xdo = xdo_new(nullptr);
-    }
-    static void TearDownTestSuite()
-    {
-        xdo_free(xdo);
-        XCloseDisplay(dpy);
-    }
+    static void SetUpTestSuite() { dpy = XOpenDisplay(nullptr), xdo = xdo_new(nullptr); }
+    static void TearDownTestSuite() { xdo_free(xdo), XCloseDisplay(dpy); }
 
     void SetUp() override { ASSERT_TRUE(dpy && xdo) << "no X server"; }
 
@@ -114,30 +86,6 @@ protected:
         ASSERT_TRUE(waitFor([&] { return ui.viewer->isActive(); }));
     }
 
-    // A property of the window as items of its format: char for 8 bits, long for 32.
-    template <typename T> static std::vector<T> property(Window w, const char* name, Atom type)
-    {
-        XSync(dpy, False);
-        Atom actual;
-        int format;
-        unsigned long n, rest;
-        unsigned char* data = nullptr;
-        std::vector<T> out;
-        if (XGetWindowProperty(dpy, w, XInternAtom(dpy, name, False), 0, 256, False, type, &actual, &format, &n,
-                               &rest, &data)
-                == Success
-            && data) {
-            out.assign(reinterpret_cast<T*>(data), reinterpret_cast<T*>(data) + n);
-            XFree(data);
-        }
-        return out;
-    }
-    static std::string title(Window w)
-    {
-        const auto name = property<char>(w, "_NET_WM_NAME", XInternAtom(dpy, "UTF8_STRING", False));
-        return std::string(name.begin(), name.end());
-    }
-
     static bool viewable(Window w)
     {
         XWindowAttributes a;
@@ -155,22 +103,22 @@ TEST_F(ScreenTest, OpensFullScreenFramelessOnTopAndTellsItsStateInTheTitle)
     ASSERT_TRUE(XGetWindowAttributes(dpy, w, &a));
     EXPECT_EQ(QRect(a.x, a.y, a.width, a.height), QRect(0, 0, 1280, 800));
     EXPECT_EQ(ui.root->property("width").toInt(), 1280);
-    const auto state = property<unsigned long>(w, "_NET_WM_STATE", XA_ATOM);
+    const auto state = windowProperty<unsigned long>(dpy, w, "_NET_WM_STATE", XA_ATOM);
     EXPECT_NE(std::find(state.begin(), state.end(), XInternAtom(dpy, "_NET_WM_STATE_ABOVE", False)), state.end());
     // Motif hints: the decorations flag set, and no decorations.
-    const auto motif = property<unsigned long>(w, "_MOTIF_WM_HINTS", AnyPropertyType);
+    const auto motif = windowProperty<unsigned long>(dpy, w, "_MOTIF_WM_HINTS", AnyPropertyType);
     ASSERT_GE(motif.size(), 3u);
     EXPECT_TRUE(motif[0] & 2);
     EXPECT_EQ(motif[2], 0u);
-    EXPECT_EQ(title(w), "velora-main -visible");
+    EXPECT_EQ(windowTitle(dpy, w), "velora-main -visible");
 
     ui.show(false);
     ASSERT_TRUE(waitFor([&] { return !viewable(w); }));
     EXPECT_FALSE(ui.shown);
-    EXPECT_EQ(title(w), "velora-main -hidden");
+    EXPECT_EQ(windowTitle(dpy, w), "velora-main -hidden");
     ui.show(true);
     ASSERT_TRUE(waitFor([&] { return viewable(w); }));
-    EXPECT_EQ(title(w), "velora-main -hidden");
+    EXPECT_EQ(windowTitle(dpy, w), "velora-main -hidden");
 }
 
 struct Input {
@@ -206,27 +154,23 @@ TEST_P(InputTest, GivesItsEventIds)
         xdo_move_mouse(xdo, 640, 300, 0);
         xdo_click_window(xdo, CURRENTWINDOW, in.button);
     }
-    // Esc after each input marks its end, since some inputs give nothing.
+    // Esc after each input marks its end, since some inputs give nothing: every row ends in its 1.
     xdo_send_keysequence_window(xdo, CURRENTWINDOW, "Escape", 12000);
-    ASSERT_TRUE(waitFor([&] { return ids.size() > in.ids.size(); }));
+    ASSERT_TRUE(waitFor([&] { return ids.size() >= in.ids.size(); }));
     QCoreApplication::processEvents();
 
-    std::vector<int> expected = in.ids;
-    expected.push_back(1);
-    EXPECT_EQ(ids, expected);
-    if (!in.keys) {
-        EXPECT_EQ(clicks, std::vector<QPoint>{QPoint(640, 300)});
-    }
+    EXPECT_EQ(ids, in.ids);
+    EXPECT_EQ(clicks, in.keys ? std::vector<QPoint>{} : std::vector<QPoint>{QPoint(640, 300)});
 }
 
 INSTANTIATE_TEST_SUITE_P(
     KeysAndButtons, InputTest,
-    ::testing::Values(Input{"Esc", true, "Escape", 0, {1}}, Input{"ReturnInDotView", true, "Return", 0, {3, 2}},
-                      Input{"ReturnElsewhere", false, "Return", 0, {3}}, Input{"BInDotView", true, "b", 0, {2}},
-                      Input{"BElsewhere", false, "b", 0, {}}, Input{"Up", false, "Up", 0, {4}},
-                      Input{"Down", false, "Down", 0, {6}}, Input{"P", true, "p", 0, {99}},
-                      Input{"CtrlD", false, "ctrl+d", 0, {8}}, Input{"LeftButton", true, nullptr, 1, {3}},
-                      Input{"RightButton", true, nullptr, 3, {1}}),
+    ::testing::Values(Input{"Esc", true, "Escape", 0, {1, 1}}, Input{"ReturnInDotView", true, "Return", 0, {3, 2, 1}},
+                      Input{"ReturnElsewhere", false, "Return", 0, {3, 1}}, Input{"BInDotView", true, "b", 0, {2, 1}},
+                      Input{"BElsewhere", false, "b", 0, {1}}, Input{"Up", false, "Up", 0, {4, 1}},
+                      Input{"Down", false, "Down", 0, {6, 1}}, Input{"P", true, "p", 0, {99, 1}},
+                      Input{"CtrlD", false, "ctrl+d", 0, {8, 1}}, Input{"LeftButton", true, nullptr, 1, {3, 1}},
+                      Input{"RightButton", true, nullptr, 3, {1, 1}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ScreenTest, CloseRequestKeepsTheWindowAndActsAsEsc)
@@ -262,7 +206,7 @@ TEST_F(ScreenTest, ShowLoadingFromAWorkerReturnsOnceTheDocumentAnswered)
 {
     ManualCalibrationUi ui;
     ui.show(true, false);
-    QObject* mc = child(ui, "manualCalibration");
+    QObject* mc = ui.root->findChild<QObject*>("manualCalibration");
     ASSERT_TRUE(waitFor([&] { return mc->property("visible").toBool(); }));
 
     for (bool on : {true, false}) {
@@ -297,18 +241,17 @@ TEST_F(ScreenTest, CrosshairSitsWhereItWasMovedWithTheHintOnTheFirstPointOnly)
     ui.setTouch(true);
     ui.show(true, false);
     ui.moveCrosshairTo(300, 200, 0);
-    const QPointF first(300, 200);
-    const QRect firstHint(330, 180, 380, 40);
+    // With the hint to its right.
     EXPECT_TRUE(settle("crosshair_first_point_finger", [&](const QImage& i) {
-        return QLineF(find(i, pureRed).centroid, first).length() <= 2 && find(i, dark, firstHint).count > 30;
+        return QLineF(find(i, pureRed).centroid, QPointF(300, 200)).length() <= 2
+            && find(i, dark, QRect(330, 180, 380, 40)).count > 30;
     }));
 
     ui.setTouch(false);
     ui.moveCrosshairTo(900, 650, 1);
-    const QPointF second(900, 650);
-    const QRect secondHint(930, 630, 340, 40);
     EXPECT_TRUE(settle("crosshair_stylus", [&](const QImage& i) {
-        return QLineF(find(i, pureRed).centroid, second).length() <= 2 && find(i, dark, secondHint).count == 0;
+        return QLineF(find(i, pureRed).centroid, QPointF(900, 650)).length() <= 2
+            && find(i, dark, QRect(930, 630, 340, 40)).count == 0;
     }));
     EXPECT_EQ(ui.root->property("calibrationText").toString(), ui.root->property("calibrationTextStylus").toString());
 }
@@ -323,9 +266,8 @@ TEST_F(ScreenTest, PressFillsTheBarThenACheckMarkTakesThePlaceOfTheDot)
     settle("crosshair_finger", [&](const QImage& i) { return QLineF(find(i, pureRed).centroid, dot).length() <= 2; });
 
     ui.startTimer();
-    const QRect above(600, 150, 80, 40);
-    // The bar is full once its 500 ms have passed: about 31 by 5 pixels at this size.
-    EXPECT_TRUE(settle("pressing", [&](const QImage& i) { return find(i, blue, above).count >= 120; }));
+    // The bar above the dot is full once its 500 ms have passed: about 31 by 5 pixels at this size.
+    EXPECT_TRUE(settle("pressing", [](const QImage& p) { return find(p, blue, {600, 150, 80, 40}).count >= 120; }));
 
     ui.timedout();
     QImage img;
@@ -342,9 +284,9 @@ TEST_F(ScreenTest, FailedAutomaticCalibrationShowsItsTextInRed)
     ui.setAcFailed(true);
     ui.show(true, false);
     ui.moveCrosshairTo(80, 80, 1);
-    const QRect middle(200, 150, 880, 500);
     EXPECT_TRUE(settle("ac_failed", [&](const QImage& i) {
-        return find(i, bannerRed, middle).count > 300 && QLineF(find(i, pureRed).centroid, QPointF(80, 80)).length() <= 2;
+        return find(i, bannerRed, QRect(200, 150, 880, 500)).count > 300
+            && QLineF(find(i, pureRed).centroid, QPointF(80, 80)).length() <= 2;
     }));
 }
 
@@ -353,9 +295,9 @@ TEST_F(ScreenTest, LoadingBarViewAndPictureViews)
     ManualCalibrationUi mc;
     mc.show(true, false);
     mc.showLoading(true);
-    const QRect centre(540, 300, 200, 200);
     QImage img;
-    EXPECT_TRUE(settle("loading", [&](const QImage& i) { return find(i, blue, centre).count > 200; }, &img));
+    const auto loading = [&](const QImage& i) { return find(i, blue, QRect(540, 300, 200, 200)).count > 200; };
+    EXPECT_TRUE(settle("loading", loading, &img));
     EXPECT_EQ(find(img, pureRed).count, 0);
     mc.show(false);
 
