@@ -101,10 +101,18 @@ const char* libusb_error_name(int) { return "LIBUSB_ERROR"; }
 int libusb_get_config_descriptor(libusb_device*, uint8_t, libusb_config_descriptor** config)
 {
     // An OUT endpoint first: only the IN one may be taken.
-    static libusb_endpoint_descriptor endpoints[2] = {{.bEndpointAddress = 0x01}, {.bEndpointAddress = 0x82}};
-    static libusb_interface_descriptor setting = {.bNumEndpoints = 2, .endpoint = endpoints};
-    static libusb_interface interface = {.altsetting = &setting, .num_altsetting = 1};
-    static libusb_config_descriptor c = {.bNumInterfaces = 1, .interface = &interface};
+    static libusb_endpoint_descriptor endpoints[2] = {};
+    endpoints[0].bEndpointAddress = 0x01;
+    endpoints[1].bEndpointAddress = 0x82;
+    static libusb_interface_descriptor setting = {};
+    setting.bNumEndpoints = 2;
+    setting.endpoint = endpoints;
+    static libusb_interface interface = {};
+    interface.altsetting = &setting;
+    interface.num_altsetting = 1;
+    static libusb_config_descriptor c = {};
+    c.bNumInterfaces = 1;
+    c.interface = &interface;
     *config = &c;
     return 0;
 }
