@@ -42,15 +42,15 @@ int integerLimit(double t)
 }
 
 constexpr unsigned ChunkWidth = 32;
-// A box count above this would overflow the 16-bit products of the sweep.
-constexpr int MaxBoxesOnPixel = 64;
 
-// The sums of value times box count of runs of chunks, and the chunks with a value above
-// their limit, for sweepChunks below.
+// The sums of the box centres of runs of chunks, and the chunks with a value above their
+// limit, for sweepChunks below. A pixel with several centres is counted once here; the rest
+// come from the short list of such pixels.
 struct ChunkScan {
     const unsigned char* frame;
     const unsigned* offset;
-    const unsigned char* data;
+    const unsigned char* limit;
+    const unsigned* centres;
 };
 
 template <class Above>
@@ -59,11 +59,12 @@ long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
     long long sum = 0;
     for (int c = begin; c < end; ++c) {
         const unsigned char* px = s.frame + s.offset[c];
-        const unsigned char* limit = s.data + std::size_t(c) * 2 * ChunkWidth;
-        const unsigned char* count = limit + ChunkWidth;
+        const unsigned char* limit = s.limit + std::size_t(c) * ChunkWidth;
+        const unsigned centres = s.centres[c];
         unsigned mask = 0;
         for (unsigned k = 0; k < ChunkWidth; ++k) {
-            sum += int(px[k]) * int(count[k]);
+            if (centres >> k & 1u)
+                sum += px[k];
             mask |= unsigned(px[k] > limit[k]) << k;
         }
         if (mask != 0) [[unlikely]]
@@ -76,23 +77,28 @@ long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
 // All chunks in one loop, whatever their run: the running sum's lanes are written at the entry
 // of the chunk's run, so that each entry ends with the sum up to its run's last chunk, and the
 // runs' shares come from the differences afterwards. Leaving and entering the loop at every run
-// (hundreds of runs of a few chunks) cost more than the chunks. The lanes stay far from
-// overflow: all of them together hold at most 255 times the number of boxes.
+// (hundreds of runs of a few chunks) cost more than the chunks. The table holds a byte a pixel
+// and a bit a pixel, so that it stays in the core's cache beside the frame.
 template <class Run, class Above>
 __attribute__((target("avx2"))) void sweepAllAvx2(const ChunkScan& s, const int* runOf, const Run* runs, int runCount,
-                                                   std::array<int, 8>* runEnds, std::array<int, 8>* regionLanes,
-                                                   long long* sums, int regionCount, Above&& above)
+                                                   std::array<long long, 4>* runEnds,
+                                                   std::array<long long, 4>* regionLanes, long long* sums,
+                                                   int regionCount, Above&& above)
 {
     const __m256i zero = _mm256_setzero_si256();
-    const __m256i ones = _mm256_set1_epi16(1);
+    // Byte k of a chunk takes bit k of its centre mask.
+    const __m256i spread = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1, 2, 2, 2, 2, 2, 2, 2, 2, 3,
+                                            3, 3, 3, 3, 3, 3, 3);
+    const __m256i bits = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ULL));
     __m256i total = zero;
     const int chunks = runCount > 0 ? runs[runCount - 1].end : 0;
     for (int c = 0; c < chunks; ++c) {
         const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.frame + s.offset[c]));
-        const unsigned char* d = s.data + std::size_t(c) * 2 * ChunkWidth;
-        const __m256i limit = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d));
-        const __m256i count = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(d + ChunkWidth));
-        total = _mm256_add_epi32(total, _mm256_madd_epi16(_mm256_maddubs_epi16(px, count), ones));
+        const __m256i limit =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.limit + std::size_t(c) * ChunkWidth));
+        const __m256i spreadMask = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(s.centres[c])), spread);
+        const __m256i isCentre = _mm256_cmpeq_epi8(_mm256_and_si256(spreadMask, bits), bits);
+        total = _mm256_add_epi64(total, _mm256_sad_epu8(_mm256_and_si256(px, isCentre), zero));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(runEnds[runOf[c]].data()), total);
         const unsigned quiet =
             static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_subs_epu8(px, limit), zero)));
@@ -105,12 +111,12 @@ __attribute__((target("avx2"))) void sweepAllAvx2(const ChunkScan& s, const int*
     for (int i = 0; i < runCount; ++i) {
         const __m256i now = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(runEnds[i].data()));
         auto* lanes = reinterpret_cast<__m256i*>(regionLanes[runs[i].region].data());
-        _mm256_storeu_si256(lanes, _mm256_add_epi32(_mm256_loadu_si256(lanes), _mm256_sub_epi32(now, previous)));
+        _mm256_storeu_si256(lanes, _mm256_add_epi64(_mm256_loadu_si256(lanes), _mm256_sub_epi64(now, previous)));
         previous = now;
     }
     for (int r = 0; r < regionCount; ++r) {
         long long sum = 0;
-        for (int lane : regionLanes[r])
+        for (long long lane : regionLanes[r])
             sum += lane;
         sums[r] += sum;
     }
@@ -291,7 +297,9 @@ void BoxTrackingEngine::rebuildSweep()
 {
     sweepOffset.clear();
     sweepRegion.clear();
-    sweepData.clear();
+    sweepLimit.clear();
+    sweepCentres.clear();
+    sweepRepeats.clear();
     sweepRuns.clear();
     sweepBoxes.clear();
     sweepLeftover.clear();
@@ -314,22 +322,34 @@ void BoxTrackingEngine::rebuildSweep()
         if (sweepOffset.empty() || sweepOffset.back() != chunk || sweepRuns.back().region != region) {
             sweepOffset.push_back(chunk);
             sweepRegion.push_back(region);
-            sweepData.resize(sweepData.size() + 2 * ChunkWidth, 0);
+            sweepLimit.resize(sweepLimit.size() + ChunkWidth, 0);
+            sweepCentres.push_back(0);
             const int c = int(sweepOffset.size()) - 1;
             if (sweepRuns.empty() || sweepRuns.back().region != region)
                 sweepRuns.push_back({c, c + 1, region});
             else
                 sweepRuns.back().end = c + 1;
         }
-        unsigned char& count = sweepData[sweepData.size() - ChunkWidth + (packed[std::size_t(box)].index - chunk)];
-        if (count < MaxBoxesOnPixel) {
-            ++count;
-            sweepBoxes.push_back({packed[std::size_t(box)].index, box});
-        } else {
-            sweepLeftover.push_back(box);
-        }
+        const unsigned index = packed[std::size_t(box)].index;
+        const unsigned bit = 1u << (index - chunk);
+        if (sweepCentres.back() & bit)
+            sweepRepeats.push_back({index, region, 1});
+        sweepCentres.back() |= bit;
+        sweepBoxes.push_back({index, box});
     }
     std::sort(sweepBoxes.begin(), sweepBoxes.end());
+    // One entry a pixel and region, with all its further centres.
+    std::sort(sweepRepeats.begin(), sweepRepeats.end(), [](const SweepRepeat& a, const SweepRepeat& b) {
+        return std::pair(a.index, a.region) < std::pair(b.index, b.region);
+    });
+    std::size_t kept = 0;
+    for (const SweepRepeat& r : sweepRepeats) {
+        if (kept > 0 && sweepRepeats[kept - 1].index == r.index && sweepRepeats[kept - 1].region == r.region)
+            ++sweepRepeats[kept - 1].count;
+        else
+            sweepRepeats[kept++] = r;
+    }
+    sweepRepeats.resize(kept);
     std::sort(sweepLeftover.begin(), sweepLeftover.end());
     sweepRunOf.resize(sweepOffset.size());
     for (std::size_t i = 0; i < sweepRuns.size(); ++i)
@@ -351,8 +371,7 @@ void BoxTrackingEngine::rebuildSweep()
 void BoxTrackingEngine::rebuildSweepLimits()
 {
     sweepAlways.clear();
-    for (std::size_t c = 0; c < sweepOffset.size(); ++c)
-        std::memset(&sweepData[c * 2 * ChunkWidth], 255, ChunkWidth);
+    std::fill(sweepLimit.begin(), sweepLimit.end(), 255);
     std::size_t c = 0;
     for (const auto& [index, box] : sweepBoxes) {
         // Chunks of one place in the frame lie side by side, one per region.
@@ -369,7 +388,7 @@ void BoxTrackingEngine::rebuildSweepLimits()
             sweepAlways.push_back(box);
             continue;
         }
-        unsigned char& limit = sweepData[at * 2 * ChunkWidth + (index - chunk)];
+        unsigned char& limit = sweepLimit[at * ChunkWidth + (index - chunk)];
         limit = static_cast<unsigned char>(std::min<long long>(limit, std::min<long long>(lowest, 255)));
     }
     std::sort(sweepAlways.begin(), sweepAlways.end());
@@ -573,7 +592,7 @@ void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
             }
         }
     };
-    const ChunkScan scan{frame, sweepOffset.data(), sweepData.data()};
+    const ChunkScan scan{frame, sweepOffset.data(), sweepLimit.data(), sweepCentres.data()};
 #ifdef VELORA_AVX2_SWEEP
     const bool wide = haveAvx2();
 #endif
@@ -587,6 +606,8 @@ void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
         for (const SweepRun& run : sweepRuns)
             sums[run.region] += sumChunksPlain(scan, run.begin, run.end, above);
     }
+    for (const SweepRepeat& r : sweepRepeats)
+        sums[r.region] += static_cast<long long>(frame[r.index]) * r.count;
     for (int i : sweepAlways) {
         // Counted in the sums already; only the limit is left to test.
         if (exceeds(i, frame[packed[std::size_t(i)].index]))

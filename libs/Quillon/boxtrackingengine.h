@@ -151,20 +151,27 @@ private:
     std::vector<ScanBox> merged;
     std::vector<EVector> points;
     // The boxes' centres by 32-pixel chunk of the frame and region: per chunk the lowest
-    // value that fires a box of it (255: none) and how many boxes have their centre on each
-    // pixel. Boxes that do not fit (outside the frame, too many on one pixel) go box by box.
+    // value that fires a box of it (255: none) and which pixels hold a centre; pixels with
+    // more than one centre are listed apart. Boxes outside the frame go box by box.
     struct SweepRun {
         int begin, end, region; // consecutive chunks of one region
     };
     std::vector<unsigned> sweepOffset;    // first pixel of each chunk
     std::vector<int> sweepRegion;         // region of each chunk
-    std::vector<unsigned char> sweepData; // per chunk 32 limits, then 32 box counts
+    std::vector<unsigned char> sweepLimit; // per chunk its 32 limits
+    std::vector<unsigned> sweepCentres;    // per chunk, a bit for each pixel with a centre
+    struct SweepRepeat {
+        unsigned index;
+        int region;
+        int count; // centres on the pixel beyond the first
+    };
+    std::vector<SweepRepeat> sweepRepeats;
     std::vector<SweepRun> sweepRuns;
     std::vector<std::pair<unsigned, int>> sweepBoxes; // (centre, box), sorted
     std::vector<int> sweepFirst;                      // per chunk, its first entry in sweepBoxes
     std::vector<int> sweepRunOf;                      // per chunk, its run
-    std::vector<std::array<int, 8>> sweepRunEnds;     // per run, the running sum's lanes at its end
-    std::vector<std::array<int, 8>> sweepRegionLanes; // per region, its lanes
+    std::vector<std::array<long long, 4>> sweepRunEnds;     // per run, the running sum's lanes at its end
+    std::vector<std::array<long long, 4>> sweepRegionLanes; // per region, its lanes
     std::vector<int> sweepLeftover;                   // boxes scanned one at a time
     std::vector<int> sweepAlways;                     // boxes whose limit lies below 0
     std::vector<int> sweepLimits;                     // the limits the chunks were filled for
