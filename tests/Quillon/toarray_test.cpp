@@ -42,4 +42,12 @@ TEST(BlobListToArray, CopiesCarryScreenPositionsOfTheShiftedSensorPoint)
         delete copy;
 
     EXPECT_EQ(std::tuple(list.size(), list[0]), std::tuple(2, &a));
+
+    // Without a lens correction and before a calibration, the screen position is unknown.
+    TransformGrid none;
+    out = list.ToArray(&none, nullptr);
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(std::tuple(out[0]->fx, out[0]->fy, out[0]->x), std::tuple(-1, -1, 100));
+    for (Blob* copy : out)
+        delete copy;
 }
