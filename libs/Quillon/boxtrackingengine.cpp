@@ -398,6 +398,7 @@ void BoxTrackingEngine::rebuildSweepLimits()
 
 void BoxTrackingEngine::sumBackgrounds()
 {
+    backgroundOfRegionValid = false;
     for (Run& run : runs) {
         run.backgroundPart = 0;
         for (int i = run.begin; i < run.end; ++i)
@@ -499,7 +500,7 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         if (w - bg <= limit)
             return;
         blanked.push_back(scanBox.rect());
-        ScanBox::addOverlapping(&groups, scanBox);
+        addOverlapping(groups, groupCount, scanBox);
         ++*hits;
         regionHits[region] += 1.0;
     };
@@ -511,10 +512,18 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         regionSums.assign(std::size_t(regionCount), 0);
         long long* sums = regionSums.data();
         sweep(last, sums);
-        for (const Run& run : runs)
-            regionBackground[run.region] += run.backgroundPart;
-        for (int r = 0; r < regionCount; ++r)
+        // The runs' parts stand still with the backgrounds: their sums by region, added in run
+        // order as the loop below does it, are kept until a part changes.
+        if (!backgroundOfRegionValid) {
+            backgroundOfRegion.assign(std::size_t(regionCount), 0.0);
+            for (const Run& run : runs)
+                backgroundOfRegion[std::size_t(run.region)] += run.backgroundPart;
+            backgroundOfRegionValid = true;
+        }
+        for (int r = 0; r < regionCount; ++r) {
+            regionBackground[r] += backgroundOfRegion[std::size_t(r)];
             regionIntensity[r] += static_cast<double>(sums[r]);
+        }
         // Box order decides which of two boxes on one spot fires.
         std::sort(candidates.begin(), candidates.end());
         for (int i : candidates) {
@@ -563,6 +572,7 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
                 part += std::trunc(bg / gain);
             }
             run.backgroundPart = part;
+            backgroundOfRegionValid = false;
             regionBackground[region] += part;
         }
         regionIntensity[region] += static_cast<double>(intensitySum);
@@ -736,7 +746,7 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
     }
     bool anyReset = false;
     int hits = 0;
-    groups.clear();
+    groupCount = 0;
 
     firstPass(image, &hits, &anyReset);
 
@@ -769,20 +779,20 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
     }
 
     // Twice, since one pass does not join groups that a later box connects.
-    merged = ScanBox::mergeOverlapping(groups);
-    groups2.clear();
+    mergeGroups(groups, groupCount, merged);
+    group2Count = 0;
     for (const ScanBox& box : merged)
-        ScanBox::addOverlapping(&groups2, box);
-    merged = ScanBox::mergeOverlapping(groups2);
+        addOverlapping(groups2, group2Count, box);
+    mergeGroups(groups2, group2Count, merged);
 
     const std::vector<ScanBox> noMembers;
     for (std::size_t i = 0; i < merged.size(); ++i) {
         const ScanBox& mergedBox = merged[i];
         // Members of the first grouping, paired by index with boxes of the second.
-        const std::vector<ScanBox>& members = i < groups.size() ? groups[i] : noMembers;
+        const std::vector<ScanBox>& members = i < groupCount ? groups[i] : noMembers;
         bool found = false;
-        std::vector<ScanBox> contours =
-            mergedBox.getMinimumScanBox(&found, &lastFrame, members, &backgroundMax, backgroundScaled, extended);
+        mergedBox.getMinimumScanBox(contours, &found, &lastFrame, members, &backgroundMax, backgroundScaled,
+                                    extended);
         if (!found)
             continue;
 
@@ -837,6 +847,32 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
         applyBlanking(image);
     idle = true;
     return result;
+}
+
+void BoxTrackingEngine::addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count,
+                                       const ScanBox& box)
+{
+    for (std::size_t g = 0; g < count; ++g) {
+        for (const ScanBox& member : groups[g]) {
+            if (member.isOverlappingWith(box)) {
+                groups[g].push_back(box);
+                return;
+            }
+        }
+    }
+    if (count == groups.size())
+        groups.emplace_back();
+    groups[count].clear();
+    groups[count].push_back(box);
+    ++count;
+}
+
+void BoxTrackingEngine::mergeGroups(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
+                                    std::vector<ScanBox>& merged)
+{
+    merged.clear();
+    for (std::size_t g = 0; g < count; ++g)
+        merged.push_back(ScanBox::mergeBounds(groups[g].data(), groups[g].size()));
 }
 
 bool BoxTrackingEngine::isBlanked(unsigned index) const

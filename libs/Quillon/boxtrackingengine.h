@@ -133,6 +133,11 @@ private:
     bool isBlanked(unsigned index) const;
     // Blanks the squares of the boxes that fired, in the caller's frame.
     void applyBlanking(cv::Mat* image);
+    // ScanBox's grouping and merging on the first count groups, reusing the vectors past them,
+    // and without the merged boxes' children, which the frame loop does not read.
+    static void addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count, const ScanBox& box);
+    static void mergeGroups(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
+                            std::vector<ScanBox>& merged);
 
     std::vector<PackedBox> packed;
     // The same, apart, for the scan of quiet boxes; backgrounds as 16 bits while they fit.
@@ -145,10 +150,17 @@ private:
     std::vector<cv::Rect> blanked;
     std::vector<Run> runs;
     double cachedGain = 0;
+    // Per region, the sum of its runs' backgroundPart; valid while none of them changes.
+    std::vector<double> backgroundOfRegion;
+    bool backgroundOfRegionValid = false;
     std::vector<int> limitOfRegion;
     std::vector<char> refreshing;
+    // Groups of overlapping boxes; only the first groupCount (group2Count) are this frame's.
+    // The vectors are kept from frame to frame, so that grouping allocates only what grows.
     std::vector<std::vector<ScanBox>> groups, groups2;
+    std::size_t groupCount = 0, group2Count = 0;
     std::vector<ScanBox> merged;
+    std::vector<ScanBox> contours; // of one merged box
     std::vector<EVector> points;
     // The boxes' centres by 32-pixel chunk of the frame and region: per chunk the lowest
     // value that fires a box of it (255: none) and which pixels hold a centre; pixels with

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace {
 
@@ -18,6 +20,33 @@ constexpr signed char Set = -1;
 // A traced border pixel: still open to its right, or the border's right end on its row.
 constexpr signed char Traced = 2;
 constexpr signed char RightEnd = static_cast<signed char>(2 | 0x80);
+
+// The first x from x on, below end, where row[x] differs from row[x - 1]; else end.
+int nextChange(const signed char* row, int x, int end)
+{
+#ifdef __SSE2__
+    auto changes = [&](int at) {
+        const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + at));
+        const __m128i left = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + at - 1));
+        return ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(here, left))) & 0xFFFFu;
+    };
+    for (; x + 16 <= end; x += 16) {
+        if (const unsigned m = changes(x))
+            return x + __builtin_ctz(m);
+    }
+    // The rest as the last sixteen, without what was looked at already.
+    if (x < end && end >= 17) {
+        const int at = end - 16;
+        const unsigned m = changes(at) & ~((1u << (x - at)) - 1u);
+        return m != 0 ? at + __builtin_ctz(m) : end;
+    }
+#endif
+    for (; x < end; ++x) {
+        if (row[x] != row[x - 1])
+            return x;
+    }
+    return end;
+}
 
 } // namespace
 
@@ -85,20 +114,9 @@ void ContourTracer::trace(cv::Mat& binary, std::vector<std::vector<cv::Point>>& 
         // The last border pixel met on this row; column 0 is never one.
         int lastBorder = 0;
         int prev = 0;
-        for (int x = 1; x < width; ++x) {
-            // Runs of the same value are skipped eight pixels at a time.
-            const std::uint64_t same = 0x0101010101010101ull * static_cast<unsigned char>(row[x - 1]);
-            while (x + 8 <= width) {
-                std::uint64_t eight;
-                std::memcpy(&eight, row + x, 8);
-                if (eight != same) {
-                    x += __builtin_ctzll(eight ^ same) / 8;
-                    break;
-                }
-                x += 8;
-            }
-            if (x >= width)
-                break;
+        // Only where a pixel differs from its left neighbour can anything happen: prev is always
+        // the left neighbour's value.
+        for (int x = 1; (x = nextChange(row, x, width)) < width; ++x) {
             const int p = row[x] == Set ? 1 : row[x];
             if (p == prev)
                 continue;

@@ -9,6 +9,7 @@
 #include <QDebug>
 
 #include <cstdio>
+#include <optional>
 
 void EngineHelper::resetRegionsList(QList<double>* list, int count)
 {
@@ -104,7 +105,8 @@ void EngineHelper::erasePointsInLightShadow(std::vector<EVector>* points, EVecto
     const EVector horizontal(1, 0);
     for (int i = 0; i < static_cast<int>(points->size()); ++i) {
         const EVector p = (*points)[i];
-        const EPolygon triangle(std::vector<EVector>{left, right, p});
+        // Built at the first neighbour that needs it: most spots have none.
+        std::optional<EPolygon> triangle;
         for (int j = 0; j < static_cast<int>(points->size()); ++j) {
             if (j == i)
                 continue;
@@ -114,7 +116,9 @@ void EngineHelper::erasePointsInLightShadow(std::vector<EVector>* points, EVecto
                 continue;
             const double angle = horizontal.angle(diff);
             bool erase = false;
-            if (gs->shadowEnabled && triangle.HitTest(q)) {
+            if (gs->shadowEnabled && !triangle)
+                triangle.emplace(std::vector<EVector>{left, right, p});
+            if (gs->shadowEnabled && triangle->HitTest(q)) {
                 const double brightness = p.measureD / q.measureD;
                 const double size = p.measureC / q.measureC;
                 erase = (brightness > 0.8 && size > 1.1) || size > 3.0;

@@ -19,6 +19,32 @@ inline std::ptrdiff_t offsetOf(const cv::Mat* image, int x, int y)
     return off < end ? off : -1;
 }
 
+// All of rect lies in a single-channel image: every pixel reads as itself.
+inline bool allInside(const cv::Rect& rect, const cv::Mat* image)
+{
+    return image && image->data && image->channels() == 1 && rect.x >= 0 && rect.y >= 0 && rect.width > 0 &&
+           rect.height > 0 && rect.x + rect.width <= image->cols && rect.y + rect.height <= image->rows;
+}
+
+// The brightest pixel of a rect that lies in a single-channel image.
+inline int brightestInside(const cv::Rect& rect, const cv::Mat* image)
+{
+    const std::size_t step = image->step[0];
+    const unsigned char* row = image->data + std::size_t(rect.y) * step + std::size_t(rect.x);
+    int most = 0;
+    if (rect.width == 1) {
+        // A column: the outline's sides.
+        for (int y = 0; y < rect.height; ++y, row += step)
+            most = std::max(most, int(*row));
+        return most;
+    }
+    for (int y = 0; y < rect.height; ++y, row += step) {
+        for (int x = 0; x < rect.width; ++x)
+            most = std::max(most, int(row[x]));
+    }
+    return most;
+}
+
 inline int readAt(const cv::Mat* image, int x, int y)
 {
     const std::ptrdiff_t off = offsetOf(image, x, y);
@@ -65,6 +91,9 @@ int QuillonImageHelper::intensityAt(unsigned char* data, int x, int y, int width
 double QuillonImageHelper::getMaxIntensity(cv::Rect rect, cv::Mat* image, unsigned char* background)
 {
     double best = 0;
+    // The order of the reads does not change a maximum.
+    if (!background && allInside(rect, image))
+        return brightestInside(rect, image);
     for (int x = rect.x; x < rect.x + rect.width; ++x) {
         for (int y = rect.y; y < rect.y + rect.height; ++y) {
             const std::ptrdiff_t off = offsetOf(image, x, y);
@@ -124,6 +153,9 @@ double QuillonImageHelper::getRelativePixelSum(cv::Rect rect, cv::Mat* image)
 
 bool QuillonImageHelper::hasBrighterThan(cv::Rect rect, cv::Mat* image, double max, double thresh)
 {
+    // max - v falls as v rises: the brightest pixel decides.
+    if (allInside(rect, image))
+        return thresh > max - brightestInside(rect, image);
     for (int x = rect.x; x < rect.x + rect.width; ++x) {
         for (int y = rect.y; y < rect.y + rect.height; ++y) {
             if (thresh > max - readAt(image, x, y))

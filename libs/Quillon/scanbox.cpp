@@ -18,6 +18,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <span>
 
 ScanBox::ScanBox(double x_, double y_, double width_, double height_, double imageWidth_, int threshold_)
     : imageWidth(static_cast<int>(imageWidth_)), x(x_), y(y_), width(width_), height(height_),
@@ -130,13 +131,20 @@ bool ScanBox::hasBrightEdgeAvg(cv::Mat* image, const ScanBox& centerBox, unsigne
 
 ScanBox ScanBox::merge(const std::vector<ScanBox>& boxes)
 {
-    if (boxes.empty())
+    ScanBox merged = mergeBounds(boxes.data(), boxes.size());
+    merged.children = boxes;
+    return merged;
+}
+
+ScanBox ScanBox::mergeBounds(const ScanBox* boxes, std::size_t count)
+{
+    if (count == 0)
         return ScanBox(0, 0, 0, 0, 0, -1);
     double left = boxes[0].x, top = boxes[0].y;
     double right = boxes[0].x + boxes[0].width, bottom = boxes[0].y + boxes[0].height;
     long long thresholdSum = 0;
     int maxIntensity = boxes[0].intensity, maxBackground = boxes[0].bgIntensity;
-    for (const ScanBox& b : boxes) {
+    for (const ScanBox& b : std::span(boxes, count)) {
         left = std::min(left, b.x);
         top = std::min(top, b.y);
         right = std::max(right, b.x + b.width);
@@ -145,12 +153,12 @@ ScanBox ScanBox::merge(const std::vector<ScanBox>& boxes)
         maxIntensity = std::max(maxIntensity, b.intensity);
         maxBackground = std::max(maxBackground, b.bgIntensity);
     }
-    ScanBox merged(left, top, right - left, bottom - top, boxes[0].imageWidth, -1);
-    merged.threshold = static_cast<int>(thresholdSum / static_cast<long long>(boxes.size()));
+    // The threshold by location is replaced by the average at once: not worth computing.
+    ScanBox merged(left, top, right - left, bottom - top, boxes[0].imageWidth, 0);
+    merged.threshold = static_cast<int>(thresholdSum / static_cast<long long>(count));
     merged.intensity = maxIntensity;
     merged.bgIntensity = maxBackground;
     merged.region = boxes[0].region;
-    merged.children = boxes;
     return merged;
 }
 
@@ -215,93 +223,178 @@ public:
     bool agrees = false;
 
     // 255 where src - mean > -idelta, else 0. The means are never below 0, so only a pixel
-    // above -idelta can pass: the block sum is taken at those pixels alone, from column sums
-    // that slide down the patch, and along a run of them it slides too. In a patch around a
-    // spot most pixels are background and need no sum at all. Returns the rows from the first
-    // to past the last with a pixel set.
+    // above -idelta can pass: rows without one are left alone, and in the others only the
+    // stretch from the first such pixel to the last is tested, from column sums that slide
+    // down the patch. In a patch around a spot most pixels are background and need no sum at
+    // all. Returns the rows from the first to past the last with a pixel set.
     cv::Range threshold(const cv::Mat& src, cv::Mat& out, int idelta)
+    {
+        return fixedPoint ? thresholdWith<true>(src, out, idelta) : thresholdWith<false>(src, out, idelta);
+    }
+
+private:
+    template <bool Fixed>
+    cv::Range thresholdWith(const cv::Mat& src, cv::Mat& out, int idelta)
     {
         const int above = -idelta;
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
-        const unsigned char* from = src.data;
-        unsigned char* to = out.data;
-        const std::size_t fromStep = src.step[0], toStep = out.step[0];
-        int* col = firstColumns(src);
-        cv::Range set(h, 0);
-        for (int y = 0; y < h; ++y, from += fromStep, to += toStep) {
-            const unsigned char* p = from;
-            unsigned char* o = to;
-            std::memset(o, 0, std::size_t(w));
-            int runX = -2, runSum = 0;
-            bool any = false;
-            auto test = [&](int x) {
-                if (x == runX + 1) {
-                    runSum += col[std::min(x + r, w - 1)] - col[std::max(x - r - 1, 0)];
-                } else {
-                    runSum = clampedSum(col, w, x - r, x + r);
-                }
-                runX = x;
-                if (int(p[x]) - meanOf(runSum) > above) {
-                    o[x] = 255;
-                    any = true;
-                }
-            };
-            int x = 0;
-#ifdef __SSE2__
-            // Sixteen pixels at a time: which of them lie above.
-            if (above >= 0 && above < 255) {
-                const __m128i limit = _mm_set1_epi8(static_cast<char>(above));
-                for (; x + 16 <= w; x += 16) {
-                    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + x));
-                    unsigned lit = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(v, limit),
-                                                                              _mm_setzero_si128()))) & 0xFFFFu;
-                    for (; lit != 0; lit &= lit - 1)
-                        test(x + __builtin_ctz(lit));
-                }
+        if (out.isContinuous()) {
+            std::memset(out.data, 0, std::size_t(w) * std::size_t(h));
+        } else {
+            for (int y = 0; y < h; ++y)
+                std::memset(out.ptr<unsigned char>(y), 0, std::size_t(w));
+        }
+        // Per row, the first and the last pixel above -idelta.
+        spans.resize(std::size_t(h));
+        int first = h, last = -1;
+        for (int y = 0; y < h; ++y) {
+            spans[std::size_t(y)] = spanAbove(src.ptr<unsigned char>(y), w, above);
+            if (spans[std::size_t(y)].first <= spans[std::size_t(y)].second) {
+                first = std::min(first, y);
+                last = y;
             }
-#endif
-            for (; x < w; ++x) {
-                if (p[x] > above)
-                    test(x);
+        }
+        cv::Range set(h, 0);
+        if (last < 0)
+            return set;
+        int* col = columnsAt(src, first);
+        for (int y = first; y <= last; ++y) {
+            const unsigned char* p = src.ptr<unsigned char>(y);
+            unsigned char* o = out.ptr<unsigned char>(y);
+            // Every pixel from the first to the last above -idelta is tested, the sum sliding
+            // along: one between them that is not above cannot pass either, and a straight run
+            // costs less than jumping from one pixel above to the next.
+            const auto [lo, hi] = spans[std::size_t(y)];
+            bool any = false;
+            if (lo <= hi) {
+                int runSum = clampedSum(col, w, lo - r, lo + r);
+                for (int x = lo;;) {
+                    // Without a branch: whether a pixel passes is as good as random.
+                    const bool passes = int(p[x]) - mean<Fixed>(runSum) > above;
+                    o[x] = static_cast<unsigned char>(-int(passes));
+                    any |= passes;
+                    if (++x > hi)
+                        break;
+                    runSum += col[std::min(x + r, w - 1)] - col[std::max(x - r - 1, 0)];
+                }
             }
             if (any) {
                 set.start = std::min(set.start, y);
                 set.end = y + 1;
             }
-            slideColumns(src, y);
+            if (y < last)
+                slideColumns(src, y);
         }
         return set;
     }
 
-private:
-    // Sums of the block's rows, replicated at the edges, for each column of row 0.
-    int* firstColumns(const cv::Mat& src)
+    // The first and the last x with p[x] > above; first > last when there is none.
+    static std::pair<int, int> spanAbove(const unsigned char* p, int w, int above)
+    {
+        if (above < 0)
+            return {0, w - 1};
+        if (above >= 255)
+            return {w, -1};
+        int lo = w, hi = -1;
+        int x = 0;
+#ifdef __SSE2__
+        const __m128i limit = _mm_set1_epi8(static_cast<char>(above));
+        auto span = [&](int at) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + at));
+            const unsigned lit =
+                ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_subs_epu8(v, limit), _mm_setzero_si128()))) & 0xFFFFu;
+            if (lit != 0) {
+                lo = std::min(lo, at + __builtin_ctz(lit));
+                hi = std::max(hi, at + 31 - __builtin_clz(lit));
+            }
+        };
+        for (; x + 16 <= w; x += 16)
+            span(x);
+        // The rest as the last sixteen of the row.
+        if (x < w && w >= 16) {
+            span(w - 16);
+            x = w;
+        }
+#endif
+        for (; x < w; ++x) {
+            if (p[x] > above) {
+                lo = std::min(lo, x);
+                hi = x;
+            }
+        }
+        return {lo, hi};
+    }
+
+#ifdef __SSE2__
+    // col[0..7] += the eight signed 16-bit words of v.
+    static void addWords(int* col, __m128i v)
+    {
+        const __m128i lo = _mm_srai_epi32(_mm_unpacklo_epi16(v, v), 16);
+        const __m128i hi = _mm_srai_epi32(_mm_unpackhi_epi16(v, v), 16);
+        auto* at = reinterpret_cast<__m128i*>(col);
+        _mm_storeu_si128(at, _mm_add_epi32(_mm_loadu_si128(at), lo));
+        _mm_storeu_si128(at + 1, _mm_add_epi32(_mm_loadu_si128(at + 1), hi));
+    }
+#endif
+
+    // Sums of the block's rows, replicated at the edges, for each column of row y0: rows
+    // y0 - r..y0 + r, clamped, those inside once each and the clamped ones as extra counts of
+    // the first and the last row.
+    int* columnsAt(const cv::Mat& src, int y0)
     {
         const int w = src.cols, h = src.rows, r = block / 2;
         column.resize(std::size_t(w));
         int* col = column.data();
-        // Rows -r..0 are all row 0, and those from h - 1 on all row h - 1: each is added once
-        // with its count.
-        int from = 1, to = r;
-        const int top = r + 1;
-        int bottom = 0;
-        if (to >= h - 1) {
-            const int first = std::max(from, h - 1);
-            bottom = to - first + 1;
-            to = first - 1;
+        const int low = y0 - r, high = y0 + r;
+        const int from = std::max(low, 0), to = std::min(high, h - 1);
+        const int firstExtra = std::max(-low, 0), lastExtra = std::max(high - (h - 1), 0);
+        int x = 0;
+#ifdef __SSE2__
+        // Sixteen columns at a time, summed in registers and stored once; the block has at most
+        // 255 rows of at most 255, which fits 16 bits unsigned. The last sixteen may overlap
+        // columns done already: they are written again with the same sums.
+        if (block <= 255 && w >= 16) {
+            const __m128i zero = _mm_setzero_si128();
+            auto sixteen = [&](int at) {
+                __m128i lo = zero, hi = zero;
+                auto add = [&](int row, int times) {
+                    const auto* p = reinterpret_cast<const __m128i*>(src.ptr<unsigned char>(row) + at);
+                    const __m128i v = _mm_loadu_si128(p);
+                    const __m128i factor = _mm_set1_epi16(static_cast<short>(times));
+                    lo = _mm_add_epi16(lo, _mm_mullo_epi16(_mm_unpacklo_epi8(v, zero), factor));
+                    hi = _mm_add_epi16(hi, _mm_mullo_epi16(_mm_unpackhi_epi8(v, zero), factor));
+                };
+                for (int j = from; j <= to; ++j)
+                    add(j, 1);
+                if (firstExtra > 0)
+                    add(0, firstExtra);
+                if (lastExtra > 0)
+                    add(h - 1, lastExtra);
+                auto* at32 = reinterpret_cast<__m128i*>(col + at);
+                _mm_storeu_si128(at32, _mm_unpacklo_epi16(lo, zero));
+                _mm_storeu_si128(at32 + 1, _mm_unpackhi_epi16(lo, zero));
+                _mm_storeu_si128(at32 + 2, _mm_unpacklo_epi16(hi, zero));
+                _mm_storeu_si128(at32 + 3, _mm_unpackhi_epi16(hi, zero));
+            };
+            for (; x + 16 <= w; x += 16)
+                sixteen(x);
+            if (x < w)
+                sixteen(w - 16);
+            return col;
         }
-        const unsigned char* row0 = src.ptr<unsigned char>(0);
-        const unsigned char* last = src.ptr<unsigned char>(h - 1);
-        for (int x = 0; x < w; ++x)
-            col[x] = top * row0[x] + bottom * last[x];
-        for (int j = from; j <= to; ++j) {
-            const unsigned char* p = src.ptr<unsigned char>(j);
-            for (int x = 0; x < w; ++x)
-                col[x] += p[x];
+#endif
+        for (; x < w; ++x) {
+            int sum = firstExtra * src.ptr<unsigned char>(0)[x] + lastExtra * src.ptr<unsigned char>(h - 1)[x];
+            for (int j = from; j <= to; ++j)
+                sum += src.ptr<unsigned char>(j)[x];
+            col[x] = sum;
         }
         return col;
     }
+
+    // Sums of the block's rows for each column of row 0.
+    int* firstColumns(const cv::Mat& src) { return columnsAt(src, 0); }
 
     // The sum of c[clamp(k, 0, n - 1)] for k from a to b (a <= b), the clamped
     // ends counted at once.
@@ -318,7 +411,19 @@ private:
             sum += (b - first + 1) * c[n - 1];
             b = first - 1;
         }
-        for (int k = a; k <= b; ++k)
+        int k = a;
+#ifdef __SSE2__
+        // Large blocks sum whole rows of a patch here, at the start of every row.
+        if (b - a >= 8) {
+            __m128i four = _mm_setzero_si128();
+            for (; k + 3 <= b; k += 4)
+                four = _mm_add_epi32(four, _mm_loadu_si128(reinterpret_cast<const __m128i*>(c + k)));
+            four = _mm_add_epi32(four, _mm_shuffle_epi32(four, 0x4E));
+            four = _mm_add_epi32(four, _mm_shuffle_epi32(four, 0xB1));
+            sum += _mm_cvtsi128_si32(four);
+        }
+#endif
+        for (; k <= b; ++k)
             sum += c[k];
         return sum;
     }
@@ -330,7 +435,19 @@ private:
         const unsigned char* add = src.ptr<unsigned char>(std::min(y + r + 1, h - 1));
         const unsigned char* drop = src.ptr<unsigned char>(std::max(y - r, 0));
         int* col = column.data();
-        for (int x = 0; x < w; ++x)
+        int x = 0;
+#ifdef __SSE2__
+        const __m128i zero = _mm_setzero_si128();
+        for (; x + 16 <= w; x += 16) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(add + x));
+            const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(drop + x));
+            addWords(col + x, _mm_sub_epi16(_mm_unpacklo_epi8(a, zero), _mm_unpacklo_epi8(d, zero)));
+            addWords(col + x + 8, _mm_sub_epi16(_mm_unpackhi_epi8(a, zero), _mm_unpackhi_epi8(d, zero)));
+        }
+#endif
+        // The rest one by one: a last sixteen overlapping the ones just added would wait for
+        // their stores.
+        for (; x < w; ++x)
             col[x] += int(add[x]) - int(drop[x]);
     }
 
@@ -390,9 +507,15 @@ private:
     }
 
     // The library's division of a block sum: fixed point up to 256 pixels, else rounded.
-    int meanOf(int sum) const
+    int meanOf(int sum) const { return fixedPoint ? mean<true>(sum) : mean<false>(sum); }
+
+    template <bool Fixed>
+    int mean(int sum) const
     {
-        return fixedPoint ? int(((unsigned(sum) + divDelta) * divScale) >> Shift) : cvRound(sum * scale);
+        if constexpr (Fixed)
+            return int(((unsigned(sum) + divDelta) * divScale) >> Shift);
+        else
+            return cvRound(sum * scale);
     }
 
     static constexpr int Shift = 23;
@@ -401,6 +524,7 @@ private:
     bool fixedPoint = false; // false above 256 pixels
     unsigned divScale = 0, divDelta = 0;
     std::vector<int> column;
+    std::vector<std::pair<int, int>> spans;
 };
 
 // Scratch of the contour step, kept per thread so that a frame allocates only what grows.
@@ -413,6 +537,11 @@ struct ContourScratch {
     std::vector<std::vector<cv::Point>> contours;
     std::vector<std::unique_ptr<BlockMean>> means; // by block size
     ContourTracer tracer;
+    // The last block asked for: spots of one size come one after the other, and the block
+    // takes a power.
+    double blockWidth = -1;
+    bool blockExtended = false;
+    int block = 3, offset = 0;
 
     BlockMean* meanOf(int block)
     {
@@ -458,6 +587,17 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
                                                 cv::Mat* background, bool useBackground, bool extended) const
 {
     std::vector<ScanBox> found;
+    getMinimumScanBox(found, contourFound, image, boxes, background, useBackground, extended);
+    return found;
+}
+
+void ScanBox::getMinimumScanBox(std::vector<ScanBox>& found, bool* contourFound, cv::Mat* image,
+                                const std::vector<ScanBox>& boxes, cv::Mat* background, bool useBackground,
+                                bool extended) const
+{
+    // Once: every use of a thread_local with a constructor goes through its wrapper.
+    ContourScratch& work = scratch;
+    found.clear();
     double avgWidth = 0;
     for (const ScanBox& b : boxes)
         avgWidth += b.width;
@@ -467,21 +607,25 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         *contourFound = false;
 
     if (x < 0 || y < 0 || width < 1 || height < 1)
-        return found;
+        return;
     if (!image || !image->data)
-        return found;
+        return;
     const cv::Rect roi = rect() & cv::Rect(0, 0, image->cols, image->rows);
     if (roi.width <= 0 || roi.height <= 0)
-        return found;
+        return;
 
     // A copy of the region, since the threshold works in place, less the background.
     const std::size_t area = std::size_t(roi.width) * std::size_t(roi.height);
-    if (scratch.patchData.size() < area) {
-        scratch.patchData.resize(area);
-        scratch.binaryData.resize(area);
+    if (work.patchData.size() < area) {
+        work.patchData.resize(area);
+        work.binaryData.resize(area);
     }
-    scratch.patch = cv::Mat(roi.height, roi.width, CV_8UC1, scratch.patchData.data());
-    scratch.binary = cv::Mat(roi.height, roi.width, CV_8UC1, scratch.binaryData.data());
+    // The headers stay while the spots keep their size.
+    if (work.patch.data != work.patchData.data() || work.patch.rows != roi.height || work.patch.cols != roi.width)
+        work.patch = cv::Mat(roi.height, roi.width, CV_8UC1, work.patchData.data());
+    if (work.binary.data != work.binaryData.data() || work.binary.rows != roi.height ||
+        work.binary.cols != roi.width)
+        work.binary = cv::Mat(roi.height, roi.width, CV_8UC1, work.binaryData.data());
     const bool subtract = useBackground && background && background->data;
     // The rows lie a frame's width apart: ask for all of them at once rather than one miss
     // after the other.
@@ -495,50 +639,78 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
             __builtin_prefetch(bg + roi.width - 1);
         }
     }
-    for (int r = 0; r < roi.height; ++r) {
-        const unsigned char* from = image->ptr<unsigned char>(roi.y + r) + roi.x;
-        unsigned char* to = scratch.patch.ptr<unsigned char>(r);
-        if (subtract) {
-            const unsigned char* bg = background->ptr<unsigned char>(roi.y + r) + roi.x;
-            for (int c = 0; c < roi.width; ++c)
+    // Pointers and steps in locals: the stores through bytes could otherwise alias the headers,
+    // which would be read again after every row.
+    const std::size_t imageStep = image->step[0], patchStep = work.patch.step[0];
+    const unsigned char* from = image->data + std::size_t(roi.y) * imageStep + std::size_t(roi.x);
+    unsigned char* to = work.patch.data;
+    if (subtract) {
+        const std::size_t bgStep = background->step[0];
+        const unsigned char* bg = background->data + std::size_t(roi.y) * bgStep + std::size_t(roi.x);
+        const int w = roi.width;
+        for (int r = 0; r < roi.height; ++r, from += imageStep, to += patchStep, bg += bgStep) {
+            int c = 0;
+#ifdef __SSE2__
+            for (; c + 16 <= w; c += 16)
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(to + c),
+                                 _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(from + c)),
+                                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(bg + c))));
+            // The rest as the last sixteen of the row, some written twice with the same value.
+            if (c < w && w >= 16) {
+                c = w - 16;
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(to + c),
+                                 _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(from + c)),
+                                               _mm_loadu_si128(reinterpret_cast<const __m128i*>(bg + c))));
+                c = w;
+            }
+#endif
+            for (; c < w; ++c)
                 to[c] = static_cast<unsigned char>(std::max(0, int(from[c]) - int(bg[c])));
-        } else {
-            std::memcpy(to, from, std::size_t(roi.width));
         }
+    } else {
+        for (int r = 0; r < roi.height; ++r, from += imageStep, to += patchStep)
+            std::memcpy(to, from, std::size_t(roi.width));
     }
 
-    int block = 3, offset = 0;
-    thresholdBlock(avgWidth, extended, &block, &offset);
+    if (avgWidth != work.blockWidth || extended != work.blockExtended) {
+        thresholdBlock(avgWidth, extended, &work.block, &work.offset);
+        work.blockWidth = avgWidth;
+        work.blockExtended = extended;
+    }
+    const int block = work.block, offset = work.offset;
 
     const GS* gs = GS::instance();
     if (gs->scanBoxLargeCheck && block > 40) {
-        cv::dilate(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), 2);
+        cv::dilate(work.patch, work.patch, cv::Mat(), cv::Point(-1, -1), 2);
     } else {
         const int erosions = block > 100 ? 3 : block > 80 ? 2 : block > 55 ? 1 : 0;
         if (erosions > 0)
-            cv::erode(scratch.patch, scratch.patch, cv::Mat(), cv::Point(-1, -1), erosions);
+            cv::erode(work.patch, work.patch, cv::Mat(), cv::Point(-1, -1), erosions);
     }
 
     const cv::Range lit =
-        adaptiveMeanThreshold(scratch.patch, scratch.binary, block, extended ? -20.0 : static_cast<double>(offset));
-    if (scratch.binary.cols == 0 || scratch.binary.rows == 0) {
+        adaptiveMeanThreshold(work.patch, work.binary, block, extended ? -20.0 : static_cast<double>(offset));
+    if (work.binary.cols == 0 || work.binary.rows == 0) {
         std::printf("Exception caught\n");
-        return found;
+        return;
     }
 
     // The contour tracer has always treated the outermost row and column as empty; a spot
     // cut by the rectangle keeps that shape.
-    cv::Mat& binary = scratch.binary;
+    cv::Mat& binary = work.binary;
     std::memset(binary.ptr<unsigned char>(0), 0, std::size_t(binary.cols));
     std::memset(binary.ptr<unsigned char>(binary.rows - 1), 0, std::size_t(binary.cols));
-    for (int r = 0; r < binary.rows; ++r) {
-        binary.ptr<unsigned char>(r)[0] = 0;
-        binary.ptr<unsigned char>(r)[binary.cols - 1] = 0;
+    unsigned char* edge = binary.data;
+    const std::size_t binaryStep = binary.step[0];
+    const int right = binary.cols - 1;
+    for (int r = 0; r < binary.rows; ++r, edge += binaryStep) {
+        edge[0] = 0;
+        edge[right] = 0;
     }
 
-    scratch.tracer.trace(binary, scratch.contours, lit);
+    work.tracer.trace(binary, work.contours, lit);
 
-    for (const std::vector<cv::Point>& contour : scratch.contours) {
+    for (const std::vector<cv::Point>& contour : work.contours) {
         const ContourTracer::Shape shape = ContourTracer::shape(contour);
         const cv::Rect& r = shape.bounds;
         if (contourFound)
@@ -574,5 +746,4 @@ std::vector<ScanBox> ScanBox::getMinimumScanBox(bool* contourFound, cv::Mat* ima
         box.region = 0;
         found.push_back(box);
     }
-    return found;
 }

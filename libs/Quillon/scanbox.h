@@ -52,6 +52,8 @@ public:
     // The union rectangle with averaged threshold, highest intensity and background, the
     // first box's region, and the boxes as children.
     static ScanBox merge(const std::vector<ScanBox>& boxes);
+    // The same without the children, for the frame loop, which does not read them.
+    static ScanBox mergeBounds(const ScanBox* boxes, std::size_t count);
     static std::vector<ScanBox> mergeOverlapping(const std::vector<std::vector<ScanBox>>& groups);
     // Appends box to the first group that has an overlapping member, or to a new group.
     // Groups that box would connect are not joined.
@@ -62,6 +64,10 @@ public:
     // whether any contour was there at all, also when all were dropped.
     std::vector<ScanBox> getMinimumScanBox(bool* contourFound, cv::Mat* image, const std::vector<ScanBox>& boxes,
                                            cv::Mat* background, bool useBackground, bool extended) const;
+    // The same into found, whose room is kept from call to call.
+    void getMinimumScanBox(std::vector<ScanBox>& found, bool* contourFound, cv::Mat* image,
+                           const std::vector<ScanBox>& boxes, cv::Mat* background, bool useBackground,
+                           bool extended) const;
 
     // The block size and constant of the adaptive threshold for boxes of a mean width.
     static void thresholdBlock(double avgWidth, bool extended, int* block, int* offset);
