@@ -237,6 +237,7 @@ private:
     cv::Range thresholdWith(const cv::Mat& src, cv::Mat& out, int idelta)
     {
         const int above = -idelta;
+        const int* limit = limitsFor<Fixed>(above);
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
         if (out.isContinuous()) {
@@ -259,6 +260,7 @@ private:
         if (last < 0)
             return set;
         int* col = columnsAt(src, first);
+        const bool across = r >= w - 1;
         for (int y = first; y <= last; ++y) {
             const unsigned char* p = src.ptr<unsigned char>(y);
             unsigned char* o = out.ptr<unsigned char>(y);
@@ -267,11 +269,21 @@ private:
             // costs less than jumping from one pixel above to the next.
             const auto [lo, hi] = spans[std::size_t(y)];
             bool any = false;
-            if (lo <= hi) {
+            if (lo <= hi && across) {
+                // Every window holds the whole row and the clamped ends: the sum moves by the
+                // same step from one pixel to the next.
+                const int step = col[w - 1] - col[0];
+                int runSum = clampedSum(col, w, 0, w - 1) + (r - lo) * col[0] + (lo + r - w + 1) * col[w - 1];
+                for (int x = lo; x <= hi; ++x, runSum += step) {
+                    const bool passes = runSum < limit[p[x]];
+                    o[x] = static_cast<unsigned char>(-int(passes));
+                    any |= passes;
+                }
+            } else if (lo <= hi) {
                 int runSum = clampedSum(col, w, lo - r, lo + r);
                 for (int x = lo;;) {
                     // Without a branch: whether a pixel passes is as good as random.
-                    const bool passes = int(p[x]) - mean<Fixed>(runSum) > above;
+                    const bool passes = runSum < limit[p[x]];
                     o[x] = static_cast<unsigned char>(-int(passes));
                     any |= passes;
                     if (++x > hi)
@@ -287,6 +299,31 @@ private:
                 slideColumns(src, y);
         }
         return set;
+    }
+
+    // For each pixel value v, the least block sum whose mean m has v - m > above no longer:
+    // the mean only rises with the sum, so a pixel passes exactly below it, and the division
+    // leaves the loop. Kept for the last offset, which a block size keeps.
+    template <bool Fixed>
+    const int* limitsFor(int above)
+    {
+        if (!limits.empty() && limitAbove == above)
+            return limits.data();
+        const int top = 255 * block * block + 1;
+        limits.assign(256, 0);
+        for (int v = 0; v < 256; ++v) {
+            int lo = 0, hi = top;
+            while (lo < hi) {
+                const int mid = lo + (hi - lo) / 2;
+                if (v - mean<Fixed>(mid) > above)
+                    lo = mid + 1;
+                else
+                    hi = mid;
+            }
+            limits[std::size_t(v)] = lo;
+        }
+        limitAbove = above;
+        return limits.data();
     }
 
     // The first and the last x with p[x] > above; first > last when there is none.
@@ -525,6 +562,8 @@ private:
     unsigned divScale = 0, divDelta = 0;
     std::vector<int> column;
     std::vector<std::pair<int, int>> spans;
+    std::vector<int> limits;
+    int limitAbove = 0;
 };
 
 // Scratch of the contour step, kept per thread so that a frame allocates only what grows.
