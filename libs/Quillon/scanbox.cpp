@@ -229,15 +229,8 @@ public:
     // all. Returns the rows from the first to past the last with a pixel set.
     cv::Range threshold(const cv::Mat& src, cv::Mat& out, int idelta)
     {
-        return fixedPoint ? thresholdWith<true>(src, out, idelta) : thresholdWith<false>(src, out, idelta);
-    }
-
-private:
-    template <bool Fixed>
-    cv::Range thresholdWith(const cv::Mat& src, cv::Mat& out, int idelta)
-    {
         const int above = -idelta;
-        const int* limit = limitsFor<Fixed>(above);
+        const int* limit = limitsFor(above);
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
         if (out.isContinuous()) {
@@ -301,10 +294,10 @@ private:
         return set;
     }
 
+private:
     // For each pixel value v, the least block sum whose mean m has v - m > above no longer:
     // the mean only rises with the sum, so a pixel passes exactly below it, and the division
     // leaves the loop. Kept for the last offset, which a block size keeps.
-    template <bool Fixed>
     const int* limitsFor(int above)
     {
         if (!limits.empty() && limitAbove == above)
@@ -315,7 +308,7 @@ private:
             int lo = 0, hi = top;
             while (lo < hi) {
                 const int mid = lo + (hi - lo) / 2;
-                if (v - mean<Fixed>(mid) > above)
+                if (v - meanOf(mid) > above)
                     lo = mid + 1;
                 else
                     hi = mid;
@@ -430,9 +423,6 @@ private:
         return col;
     }
 
-    // Sums of the block's rows for each column of row 0.
-    int* firstColumns(const cv::Mat& src) { return columnsAt(src, 0); }
-
     // The sum of c[clamp(k, 0, n - 1)] for k from a to b (a <= b), the clamped
     // ends counted at once.
     static int clampedSum(const int* c, int n, int a, int b)
@@ -493,7 +483,7 @@ private:
     {
         const int w = src.cols, h = src.rows, r = block / 2;
         out.create(h, w, CV_8UC1);
-        int* col = firstColumns(src);
+        int* col = columnsAt(src, 0);
         for (int y = 0; y < h; ++y) {
             unsigned char* o = out.ptr<unsigned char>(y);
             for (int x = 0; x < w; ++x)
@@ -544,15 +534,9 @@ private:
     }
 
     // The library's division of a block sum: fixed point up to 256 pixels, else rounded.
-    int meanOf(int sum) const { return fixedPoint ? mean<true>(sum) : mean<false>(sum); }
-
-    template <bool Fixed>
-    int mean(int sum) const
+    int meanOf(int sum) const
     {
-        if constexpr (Fixed)
-            return int(((unsigned(sum) + divDelta) * divScale) >> Shift);
-        else
-            return cvRound(sum * scale);
+        return fixedPoint ? int(((unsigned(sum) + divDelta) * divScale) >> Shift) : cvRound(sum * scale);
     }
 
     static constexpr int Shift = 23;
