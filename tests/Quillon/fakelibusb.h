@@ -1,14 +1,14 @@
 #pragma once
 // A stand-in for the USB device behind libusb-1.0, defined in the test program so that
-// it takes the place of the library's own functions. It records every control request;
-// streaming is left to the emulated sensor's tests. Include it in one source file of a
+// it takes the place of the library's own functions. It records every control request, as
+// written before the capture threads run; those threads' asynchronous transfers and
+// streaming are left to the emulated sensor's tests. Include it in one source file of a
 // test program only.
 
 #include <libusb.h>
 
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <mutex>
 #include <vector>
 
@@ -20,13 +20,11 @@ struct Request {
     int value;
     int index;
     std::vector<unsigned char> data;
-    bool async;
 };
 
 struct Device {
     std::mutex lock;
     std::vector<Request> requests;
-    std::deque<libusb_transfer*> completed;
     int present = 1;
 };
 
@@ -124,52 +122,8 @@ int libusb_control_transfer(libusb_device_handle*, uint8_t requestType, uint8_t 
 {
     std::lock_guard<std::mutex> hold(fakeusb::device().lock);
     fakeusb::device().requests.push_back(
-        {requestType, request, value, index, std::vector<unsigned char>(data, data + length), false});
+        {requestType, request, value, index, std::vector<unsigned char>(data, data + length)});
     return length;
-}
-
-libusb_transfer* libusb_alloc_transfer(int)
-{
-    return static_cast<libusb_transfer*>(calloc(1, sizeof(libusb_transfer)));
-}
-
-void libusb_free_transfer(libusb_transfer* t) { free(t); }
-
-// A kernel that cannot map transfer memory: the ring falls back to plain memory.
-unsigned char* libusb_dev_mem_alloc(libusb_device_handle*, size_t) { return nullptr; }
-int libusb_dev_mem_free(libusb_device_handle*, unsigned char*, size_t) { return LIBUSB_ERROR_INVALID_PARAM; }
-
-int libusb_submit_transfer(libusb_transfer* t)
-{
-    auto& d = fakeusb::device();
-    std::lock_guard<std::mutex> hold(d.lock);
-    if (t->type != LIBUSB_TRANSFER_TYPE_CONTROL)
-        return LIBUSB_ERROR_NOT_SUPPORTED;
-    const auto* setup = reinterpret_cast<libusb_control_setup*>(t->buffer);
-    const int length = libusb_le16_to_cpu(setup->wLength);
-    const unsigned char* data = t->buffer + LIBUSB_CONTROL_SETUP_SIZE;
-    d.requests.push_back({setup->bmRequestType, setup->bRequest, libusb_le16_to_cpu(setup->wValue),
-                          libusb_le16_to_cpu(setup->wIndex), std::vector<unsigned char>(data, data + length),
-                          true});
-    t->actual_length = length;
-    t->status = LIBUSB_TRANSFER_COMPLETED;
-    d.completed.push_back(t);
-    return 0;
-}
-
-int libusb_cancel_transfer(libusb_transfer*) { return LIBUSB_ERROR_NOT_FOUND; }
-
-int libusb_handle_events_timeout_completed(libusb_context*, struct timeval*, int*)
-{
-    auto& d = fakeusb::device();
-    std::deque<libusb_transfer*> done;
-    {
-        std::lock_guard<std::mutex> hold(d.lock);
-        done.swap(d.completed);
-    }
-    for (libusb_transfer* t : done)
-        t->callback(t);
-    return 0;
 }
 
 } // extern "C"

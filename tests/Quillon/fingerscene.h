@@ -8,12 +8,12 @@
 #include "evector.h"
 #include "lensmodel.h"
 #include "screenprojection.h"
+#include "syntheticframe.h"
 
 #include <opencv2/core.hpp>
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <memory>
 #include <random>
 #include <string>
@@ -32,8 +32,8 @@ struct Reflection {
 
 class FingerScene {
 public:
-    static constexpr int Width = 752;
-    static constexpr int Height = 480;
+    static constexpr int Width = SyntheticFrames::Width;
+    static constexpr int Height = SyntheticFrames::Height;
 
     static constexpr double ScreenWidth = 1920, ScreenHeight = 1080;
     // Sensor positions of the screen's top left, top right, bottom right and bottom left.
@@ -102,18 +102,10 @@ public:
         return f;
     }
 
+    // The diameter spans about four standard deviations of the profile.
     static void spot(std::vector<unsigned char>& f, double cx, double cy, double diameter, double peak)
     {
-        const double sigma = diameter / 4.0;
-        const int reach = static_cast<int>(std::ceil(4 * sigma)) + 1;
-        for (int y = int(cy) - reach; y <= int(cy) + reach; ++y)
-            for (int x = int(cx) - reach; x <= int(cx) + reach; ++x) {
-                if (x < 0 || y < 0 || x >= Width || y >= Height)
-                    continue;
-                const double r2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
-                unsigned char& p = f[std::size_t(y) * Width + x];
-                p = static_cast<unsigned char>(std::min(255.0, p + peak * std::exp(-r2 / (2 * sigma * sigma))));
-            }
+        SyntheticFrames::addSpot(f, cx, cy, diameter / 4.0, peak);
     }
 
 private:

@@ -2,12 +2,15 @@
 
 #include "configfileerror.h"
 #include "cyusb.h"
+#include "cyusbconfig.h"
 #include "globalsettings.h"
 #include "sensor.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <QDir>
+
+#include <fcntl.h>
 
 #include <fstream>
 #include <memory>
@@ -20,24 +23,17 @@ struct RegisterWrite {
     bool operator==(const RegisterWrite&) const = default;
 };
 
-static std::vector<RegisterWrite> registerWrites()
+// The register writes sent; each must come as an identical pair, and one of each pair is returned.
+static std::vector<RegisterWrite> pairedWrites()
 {
-    std::vector<RegisterWrite> out;
+    std::vector<RegisterWrite> all, once;
     for (const auto& r : fakeusb::requests()) {
         if (r.request != 0xFE)
             continue;
         EXPECT_EQ(std::tuple(r.requestType, r.value, r.index, r.data.size()), std::tuple(0x40, 0, 0, 3u));
-        out.push_back({r.data[0], r.data[1] << 8 | r.data[2]});
+        all.push_back({r.data[0], r.data[1] << 8 | r.data[2]});
     }
-    return out;
-}
-
-// Each write must come as an identical pair; returns one of each pair.
-static std::vector<RegisterWrite> pairedWrites()
-{
-    const auto all = registerWrites();
     EXPECT_EQ(all.size() % 2, 0u);
-    std::vector<RegisterWrite> once;
     for (size_t i = 0; i + 1 < all.size(); i += 2) {
         EXPECT_EQ(all[i], all[i + 1]) << "write " << i;
         once.push_back(all[i]);
@@ -221,4 +217,61 @@ TEST(SensorDevice, OnlyOurDeviceIsCountedEvenWhenPluggedInLater)
     const std::string otherConf = tempFile("other.conf", "<VPD>\n04b4 00f3 Other\n</VPD>\n");
     Sensor other(otherConf.c_str(), "/nonexistent");
     EXPECT_EQ(other.getSensorCount(), 0);
+}
+
+// The USB layer's configuration file.
+static CyusbConfig readConfig(const std::string& content)
+{
+    // Not the sensors' cyusb.conf, which their tests write afresh.
+    const std::string path = tempFile("read-cyusb.conf", content);
+    CyusbConfig config;
+    config.read(path.c_str(), ::open(path.c_str(), O_RDONLY));
+    return config;
+}
+
+static auto failsOnLine(int line)
+{
+    return testing::Throws<ConfigFileError>(testing::Property(&ConfigFileError::line, line));
+}
+
+TEST(CyusbConfig, ReadsKeysAndDevicesSkippingCommentsAndBlankLines)
+{
+    const CyusbConfig c = readConfig("# comment\n\n  \t \nLogFile /tmp/a.log extra\nPIDFile=/run/x.pid\n<VPD>\n"
+                                     "# inside\n04b4\t00F3\tBootLoader\n\n1209 7e1a VeloraSensor trailing\n</VPD>\n");
+    EXPECT_STREQ(c.logfile, "/tmp/a.log");
+    EXPECT_STREQ(c.pidfile, "/run/x.pid");
+    ASSERT_EQ(c.maxdevices, 2);
+    auto device = [&](int i) { return std::tuple(c.vpd[i].vid, c.vpd[i].pid, std::string(c.vpd[i].desc)); };
+    EXPECT_EQ(device(0), std::tuple(0x04B4, 0x00F3, "BootLoader"));
+    EXPECT_EQ(device(1), std::tuple(0x1209, 0x7E1A, "VeloraSensor"));
+
+    // A description is cut to 29 characters.
+    const CyusbConfig cut = readConfig("<VPD>\n1 2 " + std::string(40, 'd') + "\n</VPD>\n");
+    ASSERT_EQ(cut.maxdevices, 1);
+    EXPECT_EQ(std::string(cut.vpd[0].desc), std::string(29, 'd'));
+}
+
+TEST(CyusbConfig, NinthDeviceIsTheLastAndSwallowsTheRestOfTheFile)
+{
+    std::string content = "<VPD>\n";
+    for (int i = 1; i <= 10; ++i)
+        content += std::to_string(i) + " " + std::to_string(i) + " dev" + std::to_string(i) + "\n";
+    // Not seen: the closing tag and an unknown key behind it.
+    content += "</VPD>\nBogusKey 1\n";
+    const CyusbConfig c = readConfig(content);
+    ASSERT_EQ(c.maxdevices, 9);
+    EXPECT_EQ(std::tuple(c.vpd[8].vid, std::string(c.vpd[8].desc)), std::tuple(9, "dev9"));
+}
+
+TEST(CyusbConfig, MalformedLinesEndTheRunNamingFileAndLine)
+{
+    EXPECT_THAT([] { readConfig("# ok\nLogFile x\nVerbose yes\n"); }, failsOnLine(3));
+    EXPECT_THAT([] { readConfig("<VPD>\n1209 7e1a Sensor\n</VPD>\n</VPD>\n"); }, failsOnLine(4));
+    EXPECT_THAT([] { readConfig("<VPD>\n1209 7e1a\n</VPD>\n"); }, failsOnLine(2));
+    // A line longer than 99 characters goes on as a line of its own.
+    EXPECT_THAT([] { readConfig("LogFile " + std::string(91, 'a') + "tail\n"); }, failsOnLine(1));
+    auto unknown = [] { readConfig("\nunknown\n"); };
+    EXPECT_THAT(unknown, testing::ThrowsMessage<ConfigFileError>(testing::HasSubstr("unknown")));
+    EXPECT_THAT(unknown, testing::Throws<ConfigFileError>(
+                             testing::Property(&ConfigFileError::file, testing::HasSubstr("cyusb.conf"))));
 }

@@ -51,15 +51,20 @@ public:
     {
         // Radius at which the profile crosses the threshold is half the diameter.
         const double sigma = (s.diameter / 2.0) / std::sqrt(2.0 * std::log(Amplitude / Threshold));
+        addSpot(frame, s.x, s.y, sigma, Amplitude);
+    }
+
+    // Adds a Gaussian profile of the given peak, clipped at 255, to a frame of the sensor's size.
+    static void addSpot(std::vector<unsigned char>& frame, double cx, double cy, double sigma, double peak)
+    {
         const int reach = static_cast<int>(std::ceil(4 * sigma)) + 1;
-        for (int y = int(s.y) - reach; y <= int(s.y) + reach; ++y) {
-            for (int x = int(s.x) - reach; x <= int(s.x) + reach; ++x) {
+        for (int y = int(cy) - reach; y <= int(cy) + reach; ++y) {
+            for (int x = int(cx) - reach; x <= int(cx) + reach; ++x) {
                 if (x < 0 || y < 0 || x >= Width || y >= Height)
                     continue;
-                const double r2 = (x - s.x) * (x - s.x) + (y - s.y) * (y - s.y);
-                const double v = Amplitude * std::exp(-r2 / (2 * sigma * sigma));
+                const double r2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
                 unsigned char& p = frame[std::size_t(y) * Width + x];
-                p = static_cast<unsigned char>(std::min(255.0, p + v));
+                p = static_cast<unsigned char>(std::min(255.0, p + peak * std::exp(-r2 / (2 * sigma * sigma))));
             }
         }
     }
