@@ -1,5 +1,6 @@
 #include "ownedblobs.h"
 #include "pointmatchers.h"
+#include "scopedsetting.h"
 #include "shiftcorrection.h"
 
 #include "blob.h"
@@ -459,10 +460,11 @@ TEST(GridHelper, CalibrationBorderWalksTheInsetRectangleThroughTheGrid)
 TEST(GridHelper, BorderOfTheAcceptedRegionHasAStepInItsUpperThird)
 {
     GS* gs = GS::instance();
-    gs->blobFilterLeft = gs->blobFilterRight = 0.9; // sides at 0.1 and 0.9
-    gs->blobFilterTop = gs->blobFilterBottom = 0.8; // top and bottom at 0.2 and 0.8
-    gs->gridBorderA = 0.95;                         // upper third of the right side
-    gs->gridBorderB = 0.97;                         // upper third of the left side, at 0.03
+    // Sides at 0.1 and 0.9, top and bottom at 0.2 and 0.8; a step in the upper third of the
+    // right side (0.95) and of the left (at 0.03).
+    ScopedSetting left(gs->blobFilterLeft, 0.9), right(gs->blobFilterRight, 0.9);
+    ScopedSetting top(gs->blobFilterTop, 0.8), bottom(gs->blobFilterBottom, 0.8);
+    ScopedSetting borderA(gs->gridBorderA, 0.95), borderB(gs->gridBorderB, 0.97);
     TransformGrid grid = shiftingGrid(0, 0);
     const auto border = GridHelper::calcBorder(1000, 500, &grid);
     ASSERT_FALSE(border.empty());
@@ -496,12 +498,11 @@ TEST(GridHelper, ShiftTablesAreReadLinearlyAndBilinearly)
 TEST(GridHelper, LocationThresholdIsCutNearTheFarCorners)
 {
     GS* gs = GS::instance();
-    gs->cornerTopLeft = EVector(100, 100);
-    gs->cornerTopRight = EVector(600, 140);
-    gs->cornerBottomRight = EVector(640, 420);
-    gs->cornerBottomLeft = EVector(80, 400);
-    gs->fingerThreshold = 40;
-    gs->locationThresholdFactor = 0.25;
+    ScopedSetting topLeft(gs->cornerTopLeft, EVector(100, 100)), topRight(gs->cornerTopRight, EVector(600, 140));
+    ScopedSetting bottomRight(gs->cornerBottomRight, EVector(640, 420));
+    ScopedSetting bottomLeft(gs->cornerBottomLeft, EVector(80, 400));
+    ScopedSetting base(gs->fingerThreshold, 40);
+    ScopedSetting factor(gs->locationThresholdFactor, 0.25);
 
     // Far from T and more than its height below the top edge: the base itself.
     EXPECT_EQ(GridHelper::getLocationThreshold(EVector(360, 300), -1.0), 40);
