@@ -8,6 +8,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <tuple>
 
@@ -20,10 +21,8 @@ int columnsOf(const std::string& path)
 {
     if (!Calibration::exists(path.c_str()))
         return None;
-    Calibration* c = Calibration::read(path.c_str());
-    const int cols = c ? c->cols : -1;
-    delete c;
-    return cols;
+    const std::unique_ptr<Calibration> c(Calibration::read(path.c_str()));
+    return c ? c->cols : -1;
 }
 
 class Dispatch : public ::testing::Test {

@@ -1,7 +1,9 @@
 // The command channel as the menu uses it: a byte in the command file becomes one id on the
 // listening thread, the file is taken, and the answer file is touched when a command is done.
+#include "eventwait.h"
 #include "globalsettings.h"
 #include "ipclistener.h"
+#include "messagelog.h"
 
 #include <gtest/gtest.h>
 
@@ -12,37 +14,29 @@
 #include <QFileInfo>
 #include <QThread>
 
-#include <atomic>
-#include <mutex>
+#include <algorithm>
 #include <tuple>
 #include <vector>
 
 namespace {
-
-std::mutex logLock;
-QStringList logged;
-std::atomic<bool> started{false};
 
 class Channel : public ::testing::Test {
 protected:
     IpcListener* ipc = IpcListener::instance();
     const QString path = GS::instance()->commandFilePath;
     std::vector<int> ids;
+    // For the process: the listener's thread outlives the cases.
+    static inline MessageLog* messages = nullptr;
 
     static void SetUpTestSuite()
     {
-        qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
-            // A file written before the listener looked the first time is a left-over one.
-            if (text.startsWith("Fifo position:"))
-                started = true;
-            std::lock_guard hold(logLock);
-            logged << text;
-        });
+        messages = new MessageLog();
         IpcListener::instance();
-        QElapsedTimer t;
-        t.start();
-        while (!started && t.elapsed() < 5000)
-            QThread::msleep(5);
+        // A file written before the listener looked the first time is a left-over one.
+        waitFor([] {
+            const auto lines = messages->lines();
+            return std::any_of(lines.begin(), lines.end(), [](const auto& l) { return l.starts_with("Fifo position:"); });
+        }, 5000);
     }
 
     void SetUp() override
@@ -54,10 +48,7 @@ protected:
     // Writes the file as a menu does and waits until the listener took it (or a few turns).
     void send(const QByteArray& content)
     {
-        {
-            std::lock_guard hold(logLock);
-            logged.clear();
-        }
+        messages->clear();
         QFile f(path + ".new");
         ASSERT_TRUE(f.open(QIODevice::WriteOnly));
         f.write(content);
@@ -70,12 +61,6 @@ protected:
         // The signal crosses to this thread as a queued call.
         QThread::msleep(20);
         QCoreApplication::processEvents();
-    }
-
-    bool wasLogged(const QString& text)
-    {
-        std::lock_guard hold(logLock);
-        return logged.contains(text);
     }
 
     QObject receiver;
@@ -101,7 +86,7 @@ TEST_F(Channel, EveryCommandByteGivesItsIdAndLogText)
         ids.clear();
         send(QByteArray(1, b.byte) + "\n");
         // The file is taken; a byte without a log text logs nothing of its own.
-        EXPECT_EQ(std::tuple(QFile::exists(path), ids, wasLogged(b.log ? b.log : "IPC: r")),
+        EXPECT_EQ(std::tuple(QFile::exists(path), ids, messages->count(b.log ? b.log : "IPC: r") > 0),
                   std::tuple(false, std::vector<int>{b.id}, b.log != nullptr))
             << b.byte;
     }

@@ -1,5 +1,6 @@
 // The helpers around the service's process: files, autostart, the annotation toolbar, the
 // updater's and the menu's shared memory, and the worker thread.
+#include "eventwait.h"
 #include "filehelper.h"
 #include "globalsettings.h"
 #include "oshelper.h"
@@ -10,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QSharedMemory>
 #include <QTemporaryDir>
@@ -20,7 +19,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 
 namespace {
 
@@ -28,17 +26,6 @@ void touch(const QString& path)
 {
     QFile f(path);
     ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-}
-
-bool waitFor(const std::function<bool()>& done, int ms = 8000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done() && t.elapsed() < ms) {
-        QCoreApplication::processEvents();
-        QThread::msleep(5);
-    }
-    return done();
 }
 
 QString uniqueKey(const char* prefix)

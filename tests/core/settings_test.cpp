@@ -35,9 +35,10 @@ class SettingsFile : public ::testing::Test {
 protected:
     QTemporaryDir dir;
     QString path = dir.filePath("velora.conf");
+    std::vector<std::string> lines = factoryLines();
 
     // The file of these lines, loaded.
-    std::unique_ptr<GS> load(const std::vector<std::string>& lines, bool finalLineFeed = true)
+    std::unique_ptr<GS> load(bool finalLineFeed = true)
     {
         std::string s;
         for (const std::string& line : lines)
@@ -53,9 +54,8 @@ protected:
 
 TEST_F(SettingsFile, FactoryFileHas121LinesAndLoadsEveryMember)
 {
-    auto lines = factoryLines();
     ASSERT_EQ(lines.size(), 121u);
-    auto gs = load(lines);
+    auto gs = load();
     ASSERT_TRUE(gs);
     EXPECT_THAT(std::tuple(gs->cyusbConfPath, gs->acConfPath, gs->intrinsicPath, gs->language),
                 FieldsAre("config/cyusb.conf", StrEq("config/ac.conf"), StrEq("config/intrinsic.xml"), StrEq("en")));
@@ -71,7 +71,6 @@ TEST_F(SettingsFile, FactoryFileHas121LinesAndLoadsEveryMember)
 
 TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
 {
-    auto lines = factoryLines();
     lines[2] = "a label holding = sign=640";      // split at the first '='
     lines[3] = "rows=   400.9  ";                 // trimmed, truncated
     lines[5] = "no equals sign 200";              // whole line is the value: strtod gives 0
@@ -83,7 +82,7 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
     lines[24] = "marginX=abc";                    // text in a numeric line is 0
     lines[52] = "language=de";
     lines[0] = "device list=  my/cyusb.conf";
-    auto gs = load(lines);
+    auto gs = load();
     ASSERT_TRUE(gs);
     // The width's value after the first '=' is ' sign=640'.
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->frameSize, gs->stylusThreshold, gs->inputMode.load(),
@@ -95,49 +94,46 @@ TEST_F(SettingsFile, ValuesAreTakenByLineNumberWithTheirConversions)
 
     lines[2] = "width=640";
     lines[49] = "inputMode=0.0";
-    gs = load(lines);
+    gs = load();
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->frameSize, gs->inputMode.load()), FieldsAre(640, 640 * 400, 0));
 }
 
 // Numbers beyond an int stop at the ends of its range, as does the frame size made of them.
 TEST_F(SettingsFile, WholeNumbersBeyondTheRangeOfAnIntStopAtItsEnds)
 {
-    auto lines = factoryLines();
     lines[2] = "width=5e30";
     lines[3] = "height=-1e300";
     lines[5] = "stylusThreshold=nan";
-    auto gs = load(lines);
+    auto gs = load();
     ASSERT_TRUE(gs);
     EXPECT_THAT(std::tuple(gs->sensorWidth, gs->sensorHeight, gs->stylusThreshold, gs->frameSize),
                 FieldsAre(INT_MAX, INT_MIN, 0, INT_MIN));
 
     lines[2] = "width=70000";
     lines[3] = "height=70000";
-    gs = load(lines);
+    gs = load();
     EXPECT_EQ(gs->frameSize, INT_MAX);
 }
 
 TEST_F(SettingsFile, AShortFileZeroesTheFirstMemberPastItsEndWhenItEndsWithALineFeed)
 {
-    auto lines = factoryLines();
     lines.resize(4);
     // Line 4 is the empty line after the last line feed; later members keep the constructor's values.
-    auto gs = load(lines);
+    auto gs = load();
     EXPECT_THAT(std::tuple(gs->sensorHeight, gs->stylusExposure, gs->stylusThreshold), FieldsAre(480, 0, 230));
 
-    gs = load(lines, false);
+    gs = load(false);
     EXPECT_EQ(gs->stylusExposure, 80);
 }
 
 TEST_F(SettingsFile, LinesPast120AreIgnoredLine33SetsNothingAndNumbersAreReadInTheCLocale)
 {
-    auto lines = factoryLines();
     lines[6] = "bezier=0.75";
     lines[33] = "ignored=12345";
     lines.push_back("extra=1");
     lines.push_back("more=2");
     setlocale(LC_ALL, "de_DE.UTF-8"); // may not exist; load sets "C" itself either way
-    auto gs = load(lines);
+    auto gs = load();
     ASSERT_TRUE(gs);
     EXPECT_THAT(std::tuple(gs->scanBoxLargeCheck, gs->disturbanceCheckMs, gs->bezierFactor),
                 FieldsAre(false, 2000, DoubleEq(0.75)));
@@ -145,7 +141,7 @@ TEST_F(SettingsFile, LinesPast120AreIgnoredLine33SetsNothingAndNumbersAreReadInT
 
 TEST_F(SettingsFile, PerUserPathsAreMadeUnderDocumentsVelora)
 {
-    auto gs = load(factoryLines());
+    auto gs = load();
     const QString docs = QStandardPaths::locate(QStandardPaths::DocumentsLocation, QString(),
                                                 QStandardPaths::LocateDirectory);
     ASSERT_FALSE(docs.isEmpty()) << "the isolated home has a Documents folder";
@@ -169,10 +165,9 @@ TEST_F(SettingsFile, AMissingFileGivesNullAndTheDefaultsStayUnderVarVelora)
 
 TEST_F(SettingsFile, ABlankValueIsRejectedWithTheFileAndTheLine)
 {
-    auto lines = factoryLines();
     lines[41] = "boxParameter=   ";
     try {
-        load(lines);
+        load();
         FAIL() << "a value of blanks only must not load";
     } catch (const ConfigFileError& e) {
         // The line as editors count them.
@@ -182,15 +177,25 @@ TEST_F(SettingsFile, ABlankValueIsRejectedWithTheFileAndTheLine)
     }
 }
 
-TEST(UserSettings, AreElevenBareValuesReadAndWrittenBackAlike)
-{
+// A user.ini beside the factory file, read into settings of their own.
+class UserSettings : public ::testing::Test {
+protected:
     QTemporaryDir dir;
     const std::string path = dir.filePath("user.ini").toStdString();
-    const std::string content = "1\n3\n0\n1\n2\n0.98\n1.02\n-3.5\n4.25\n0.5\n1.5";
-    std::ofstream(path) << content;
     GS gs;
-    gs.userSettingsPath = path;
-    gs.loadUserSettings();
+
+    void load(const std::string& content)
+    {
+        std::ofstream(path) << content;
+        gs.userSettingsPath = path;
+        gs.loadUserSettings();
+    }
+};
+
+TEST_F(UserSettings, AreElevenBareValuesReadAndWrittenBackAlike)
+{
+    const std::string content = "1\n3\n0\n1\n2\n0.98\n1.02\n-3.5\n4.25\n0.5\n1.5";
+    load(content);
     EXPECT_THAT(std::tuple(gs.inputMode.load(), gs.profile, gs.autostart, gs.pointerMode.load(), gs.performanceLevel,
                            gs.offsetLeft.load(), gs.offsetRight.load(), gs.offsetC.load(), gs.offsetD.load(),
                            gs.offsetTop.load(), gs.offsetBottom.load()),
@@ -202,30 +207,22 @@ TEST(UserSettings, AreElevenBareValuesReadAndWrittenBackAlike)
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(saved), {}), content);
 }
 
-TEST(UserSettings, UnparsableLinesGiveZeroAndTheUserFileWinsOverTheFactoryMode)
+TEST_F(UserSettings, UnparsableLinesGiveZeroAndTheUserFileWinsOverTheFactoryMode)
 {
-    QTemporaryDir dir;
-    const QString path = dir.filePath("user.ini");
-    std::ofstream(path.toStdString()) << "0\nx\n7\n1\n1\n1.0\n1.0\n0\n0\n1.0\n1.0\nextra\n";
-    GS gs;
     gs.inputMode = 1; // as if line 49 of the factory file said stylus
-    gs.userSettingsPath = path.toStdString();
-    gs.loadUserSettings();
+    load("0\nx\n7\n1\n1\n1.0\n1.0\n0\n0\n1.0\n1.0\nextra\n");
     EXPECT_THAT(std::tuple(gs.inputMode.load(), gs.profile, gs.autostart), FieldsAre(0, 0, true));
 }
 
-TEST(UserSettings, AMissingFileLowersThePerformanceLevelOnSmallMachinesOnly)
+TEST_F(UserSettings, AMissingFileLowersThePerformanceLevelOnSmallMachinesOnly)
 {
-    QTemporaryDir dir;
-    GS gs;
-    gs.userSettingsPath = dir.filePath("absent.ini").toStdString();
+    gs.userSettingsPath = path;
     gs.loadUserSettings();
     EXPECT_EQ(gs.performanceLevel, QThread::idealThreadCount() < 4 ? 0 : 2);
 
-    GS unwritable;
-    unwritable.userSettingsPath = dir.filePath("no/such/dir/user.ini").toStdString();
-    unwritable.saveUserSettings(); // silently does nothing
-    EXPECT_FALSE(QFile::exists(QString::fromStdString(unwritable.userSettingsPath)));
+    gs.userSettingsPath = dir.filePath("no/such/dir/user.ini").toStdString();
+    gs.saveUserSettings(); // silently does nothing
+    EXPECT_FALSE(QFile::exists(QString::fromStdString(gs.userSettingsPath)));
 }
 
 TEST(SettingsSingleton, ReadsTheFactoryFileBesideTheProgramAndTracksTheScreen)

@@ -33,6 +33,11 @@ public:
         const std::vector<std::string> all = lines();
         return int(std::count(all.begin(), all.end(), text));
     }
+    void clear()
+    {
+        std::lock_guard<std::mutex> hold(lock);
+        collected.clear();
+    }
 
 private:
     std::mutex lock;

@@ -1,6 +1,8 @@
-// The dot-press calibration driven blob by blob, as the frame thread gives them, against a
-// recording screen and emitter; and the disturbance check it relies on.
+// The press-driven calibrations, the dots' and the bar's, driven blob by blob as the frame
+// thread gives them, against a recording screen and emitter; and the disturbance check they
+// rely on.
 #include "disturbancechecker.h"
+#include "lumerailcalibration.h"
 #include "manualcalibration.h"
 #include "procedurestandins.h"
 
@@ -17,6 +19,11 @@ using ::testing::ElementsAre;
 MATCHER_P3(CrosshairAt, x, y, index, "")
 {
     return arg.index == index && std::abs(arg.x - x) <= 1 && std::abs(arg.y - y) <= 1;
+}
+
+MATCHER_P2(PointAt, x, y, "")
+{
+    return ::testing::Value(arg.x, ::testing::DoubleEq(x)) && ::testing::Value(arg.y, ::testing::DoubleEq(y));
 }
 
 class DisturbanceCheck : public ::testing::Test {
@@ -73,31 +80,18 @@ TEST_F(DisturbanceCheck, OnlyBlobsDuringTheCheckCountAndEachCheckStartsClean)
     EXPECT_FALSE(checker.checkIsDisturbanceOnScreen()) << "the verdict of the former check";
 }
 
-class DotPress : public PenProcedureTest {
+class DotPress : public PenProcedureTest<ManualCalibration> {
 protected:
     QTemporaryDir dir;
     ScopedSetting<int> cols{gs->mcCols, 3};
     ScopedSetting<int> rows{gs->mcRows, 3};
     ScopedSetting<std::string> cache{gs->mcCachePath, dir.filePath("mcCache").toStdString()};
-    RecordingMcScreen screen;
-    std::unique_ptr<ManualCalibration> mc;
 
     void SetUp() override
     {
         PenProcedureTest::SetUp();
         fresh();
     }
-    void TearDown() override
-    {
-        mc.reset();
-        PenProcedureTest::TearDown();
-    }
-    void fresh()
-    {
-        mc = std::make_unique<ManualCalibration>(&screen, &emitter, &sensor);
-        record(mc.get());
-    }
-    bool listening() { return waitFor([&] { return screen.count("loading 0") > 0; }); }
     // A press at a sensor position, then one more frame with a blob in it.
     void press(double x, double y, int holdMs)
     {
@@ -110,7 +104,7 @@ protected:
 
 TEST_F(DotPress, EveryDotPressedInSnakeOrderBecomesTheCalibration)
 {
-    mc->start(&pen, false);
+    procedure->start(&pen, false);
     ASSERT_TRUE(listening());
     std::vector<EVector> pressed;
     for (int i = 0; i < 9; ++i) {
@@ -137,7 +131,7 @@ TEST_F(DotPress, EveryDotPressedInSnakeOrderBecomesTheCalibration)
 
 TEST_F(DotPress, ShortPressesSecondFingersAndUndoKeepTheCountRight)
 {
-    mc->start(&pen, false);
+    procedure->start(&pen, false);
     ASSERT_TRUE(listening());
     screen.send(2);
     EXPECT_EQ(dotsShown(), 1u) << "undo at the first dot does nothing";
@@ -172,7 +166,7 @@ TEST_F(DotPress, ShortPressesSecondFingersAndUndoKeepTheCountRight)
 
 TEST_F(DotPress, EscWaitsForTheFirstCheckThenCancels)
 {
-    mc->start(&pen, false);
+    procedure->start(&pen, false);
     screen.send(1);
     EXPECT_TRUE(statuses.empty());
     ASSERT_TRUE(listening()) << "the first check went on after Esc";
@@ -190,7 +184,7 @@ TEST_F(DotPress, LightDuringACheckEndsWithDisturbance)
         // A fresh run; the first one's disturbance left the screen no "loading 0".
         fresh();
         statuses.clear();
-        mc->start(&pen, false);
+        procedure->start(&pen, false);
         if (dots) {
             ASSERT_TRUE(listening());
             for (int i = 0; i < dots; ++i)
@@ -211,6 +205,72 @@ TEST_F(DotPress, LightDuringACheckEndsWithDisturbance)
         EXPECT_EQ(statuses, std::vector<int>{-2}) << dots;
         EXPECT_EQ(emitter.calibrationCount() - before, dots ? 1u : 0u) << dots;
     }
+}
+
+// Four presses beside the screen become the bar points of the calibration in force, as
+// fractions of the screen.
+class BarPress : public PenProcedureTest<LumerailCalibration> {
+protected:
+    const std::vector<EVector> oldBar{{-0.1, -0.1}, {1.1, -0.1}, {1.1, 1.1}, {-0.1, 1.1}};
+    Calibration inForce{2, 2, {{0, 0}, {0, 100}, {100, 0}, {100, 100}}, oldBar, 0, 0, 0.0, false, false};
+
+    void SetUp() override
+    {
+        PenProcedureTest::SetUp();
+        emitter.current = &inForce;
+        fresh();
+        procedure->start(&pen);
+        ASSERT_TRUE(listening());
+    }
+    // A press seen at a screen position (sensor position beside it, which the bar does not use).
+    void press(double fx, double fy, int holdMs, bool outside = false)
+    {
+        PenProcedureTest::press([&](int id, int state) { return spot(fx / 2, fy / 2, fx, fy, id, state); }, holdMs,
+                                outside);
+    }
+};
+
+TEST_F(BarPress, FourPressesBesideTheScreenBecomeTheBarPointsAsFractions)
+{
+    EXPECT_TRUE(inForce.refPoints.empty()) << "emptied while the run goes on";
+    press(500, 400, 300);
+    EXPECT_EQ(screen.shown(), std::vector<int>{1}) << "a press on the screen is no bar point";
+    press(-100, -40, 300);
+    press(1100, -40, 40);
+    EXPECT_EQ(screen.shown(), (std::vector<int>{1, 2})) << "a press shorter than 200 ms";
+    press(1100, -40, 300, true);
+    press(1150, 880, 300);
+    press(-50, 900, 300, true);
+    ASSERT_TRUE(ended());
+    EXPECT_EQ(statuses, std::vector<int>{1});
+    EXPECT_EQ(screen.shown(), (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_EQ(emitter.currentSet, 1) << "the calibration in force was put in force again";
+    const auto bar = ElementsAre(PointAt(-0.1, -0.05), PointAt(1.1, -0.05), PointAt(1.15, 1.1), PointAt(-0.05, 1.125));
+    EXPECT_THAT(inForce.refPoints, bar);
+    procedure.reset();
+    EXPECT_THAT(inForce.refPoints, bar) << "the new points outlive the procedure";
+}
+
+TEST_F(BarPress, UndoTakesBackAPressAndCancelBringsTheFormerPointsBack)
+{
+    screen.send(2);
+    EXPECT_EQ(screen.shown(), std::vector<int>{1}) << "nothing to undo at the first point";
+    press(-100, -40, 300);
+    press(1100, -40, 300);
+    press(1100, 900, 300);
+    screen.send(2);
+    EXPECT_EQ(screen.shown(), (std::vector<int>{1, 2, 3, 4, 3}));
+    press(1200, 900, 300);
+    EXPECT_TRUE(statuses.empty()) << "three points after the undo";
+    EXPECT_EQ(screen.shown().back(), 4);
+
+    screen.send(1);
+    ASSERT_TRUE(ended());
+    EXPECT_EQ(statuses, std::vector<int>{-3});
+    EXPECT_EQ(emitter.currentSet, 0);
+    EXPECT_TRUE(inForce.refPoints.empty());
+    procedure.reset();
+    EXPECT_THAT(inForce.refPoints, ElementsAre(PointAt(-0.1, -0.1), PointAt(1.1, -0.1), PointAt(1.1, 1.1), PointAt(-0.1, 1.1)));
 }
 
 } // namespace

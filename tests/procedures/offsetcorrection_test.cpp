@@ -1,6 +1,5 @@
 // The offset correction against stand-in desktops that scale and shift the touches they get:
 // each touch comes back as a click of the window where that desktop put it.
-#include "ioffsetcorrectionui.h"
 #include "offsetcorrection.h"
 #include "procedurestandins.h"
 #include "useroffsets.h"
@@ -17,26 +16,6 @@ namespace {
 using ::testing::DoubleNear;
 using ::testing::ElementsAre;
 using ::testing::Pointwise;
-
-class ClickScreen : public IOffsetCorrectionUi {
-public:
-    void show(bool visible) override { shown = visible; }
-    void sendClickEventsTo(QObject* object, const char* slot) override
-    {
-        target = object;
-        method = slotMethod(slot);
-    }
-    // A click of the window, delivered on the main thread after the present event.
-    void click(int x, int y)
-    {
-        QMetaObject::invokeMethod(target, method.c_str(), Qt::QueuedConnection, Q_ARG(int, x), Q_ARG(int, y));
-    }
-    std::atomic<bool> shown{false};
-
-private:
-    QObject* target = nullptr;
-    std::string method;
-};
 
 // received = centre + scale * (sent - centre) + shift, per axis, with another scale above the
 // centre if given; the pointer stays on the screen.
@@ -63,7 +42,7 @@ protected:
     QTemporaryDir dir;
     ScopedSetting<std::string> file{gs->userSettingsPath, dir.filePath("user.ini").toStdString()};
     RecordingEmitter emitter;
-    ClickScreen screen;
+    RecordingScreen screen;
 
     void SetUp() override
     {
@@ -109,7 +88,7 @@ TEST_F(OffsetRun, RatiosAndCentreFollowFromWhereTheTouchesLand)
     };
     for (const Case& c : cases) {
         ASSERT_TRUE(run(c.x, c.y)) << c.desktop;
-        EXPECT_FALSE(screen.shown) << c.desktop;
+        EXPECT_FALSE(screen.visible) << c.desktop;
         EXPECT_EQ(gs->pointerMode, 0) << c.desktop << ": the user's pointer mode is back";
         // In user.ini's order: left, right, C, D, top, bottom.
         const std::vector<double> got = offsetSettings();

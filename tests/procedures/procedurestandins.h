@@ -8,7 +8,9 @@
 #include "globalsettings.h"
 #include "iblobemitter.h"
 #include "ibloblistener.h"
+#include "ilumerailcalibrationui.h"
 #include "imanualcalibrationui.h"
+#include "ioffsetcorrectionui.h"
 #include "procedure.h"
 #include "scopedsetting.h"
 #include "sensor.h"
@@ -120,10 +122,20 @@ inline Blob spot(double x, double y, double fx, double fy, int session = 0, int 
     return b;
 }
 
-// The calls a press-driven procedure's screen gets, and its key and mouse events, which the
-// screen delivers on the main thread.
-template <typename Ui> class RecordingScreen : public Ui {
+// The calls a calibration's screen gets, the dots', the bar's and the offsets' alike, and its
+// key and mouse events, which the screen delivers on the main thread.
+class RecordingScreen : public IManualCalibrationUi, public ILumerailCalibrationUi, public IOffsetCorrectionUi {
+    std::mutex lock;
+    // f under the lock, against the procedure's thread.
+    template <typename F> auto locked(F f)
+    {
+        std::lock_guard hold(lock);
+        return f();
+    }
+
 public:
+    struct Move { int x, y, index; };
+
     void show(bool visible, bool withLoading) override { note(std::string("show ") + on(visible) + on(withLoading)); }
     void showLoading(bool o) override { note(std::string("loading ") + on(o)); }
     void sendEventsTo(QObject* object, const char* slot) override
@@ -131,54 +143,41 @@ public:
         target = object;
         method = slotMethod(slot);
     }
+    void sendClickEventsTo(QObject* object, const char* slot) override { sendEventsTo(object, slot); }
     void send(int id) { QMetaObject::invokeMethod(target, method.c_str(), Q_ARG(int, id)); }
+    // A click of the window, after the event at hand.
+    void click(int x, int y)
+    {
+        QMetaObject::invokeMethod(target, method.c_str(), Qt::QueuedConnection, Q_ARG(int, x), Q_ARG(int, y));
+    }
+    void show(bool v) override { visible = v; }
     void startTimer() override { note("ring"); }
     void stopTimer() override { note("ring stopped"); }
     void timedout() override { note("check mark"); }
-    size_t count(const std::string& call)
-    {
-        std::lock_guard hold(lock);
-        return std::count(calls.begin(), calls.end(), call);
-    }
+    void setTouch(bool) override {}
+    void setAcFailed(bool) override {}
+    void moveCrosshairTo(int x, int y, int index) override { locked([&] { moves.push_back({x, y, index}); }); }
+    void setLumerailCrossHairNum(int n) override { locked([&] { numbers.push_back(n); }); }
 
-protected:
-    static const char* on(bool b) { return b ? "1" : "0"; }
-    void note(std::string call)
-    {
-        std::lock_guard hold(lock);
-        calls.push_back(std::move(call));
-    }
-    std::mutex lock;
+    size_t count(const std::string& call) { return locked([&] { return std::count(calls.begin(), calls.end(), call); }); }
+    std::vector<Move> crosshair() { return locked([&] { return moves; }); }
+    // The bar point numbers shown.
+    std::vector<int> shown() { return locked([&] { return numbers; }); }
+    std::atomic<bool> visible{false};
 
 private:
     std::vector<std::string> calls;
+    std::vector<Move> moves;
+    std::vector<int> numbers;
     QObject* target = nullptr;
     std::string method;
-};
 
-class RecordingMcScreen : public RecordingScreen<IManualCalibrationUi> {
-public:
-    struct Move { int x, y, index; };
-
-    void moveCrosshairTo(int x, int y, int index) override
-    {
-        std::lock_guard hold(lock);
-        moves.push_back({x, y, index});
-    }
-    void setTouch(bool t) override { note(std::string("touch ") + on(t)); }
-    void setAcFailed(bool f) override { note(std::string("ac failed ") + on(f)); }
-    std::vector<Move> crosshair()
-    {
-        std::lock_guard hold(lock);
-        return moves;
-    }
-
-private:
-    std::vector<Move> moves;
+    static const char* on(bool b) { return b ? "1" : "0"; }
+    void note(std::string call) { locked([&] { calls.push_back(std::move(call)); }); }
 };
 
 // A procedure of presses with the active pen on a 1000 x 800 desktop, its endings recorded.
-class PenProcedureTest : public ::testing::Test {
+template <typename P> class PenProcedureTest : public ::testing::Test {
 protected:
     GS* gs = GS::instance();
     ScopedSetting<int> period{gs->disturbanceCheckMs, 80};
@@ -192,6 +191,8 @@ protected:
     // thread, where the checks read them.
     QObject inbox;
     int session = 100;
+    RecordingScreen screen;
+    std::unique_ptr<P> procedure;
 
     void SetUp() override
     {
@@ -207,13 +208,17 @@ protected:
     }
     void TearDown() override
     {
+        procedure.reset();
         gs->screenWidth = 0;
         gs->screenHeight = 0;
     }
-    void record(Procedure* p)
+    // A new procedure in place of the former one.
+    void fresh()
     {
-        QObject::connect(p, &Procedure::finished, &inbox, [this](int s) { statuses.push_back(s); });
+        procedure = std::make_unique<P>(&screen, &emitter, &sensor);
+        QObject::connect(procedure.get(), &Procedure::finished, &inbox, [this](int s) { statuses.push_back(s); });
     }
+    bool listening() { return waitFor([&] { return screen.count("loading 0") > 0; }); }
     bool ended() { return waitFor([&] { return !statuses.empty(); }); }
 
     // Down, held for holdMs, up: at(session, state) is the spot of each frame; the lift's
@@ -233,8 +238,3 @@ protected:
         QCoreApplication::processEvents();
     }
 };
-
-MATCHER_P2(PointAt, x, y, "")
-{
-    return ::testing::Value(arg.x, ::testing::DoubleEq(x)) && ::testing::Value(arg.y, ::testing::DoubleEq(y));
-}
