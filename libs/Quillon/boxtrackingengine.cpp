@@ -46,10 +46,15 @@ constexpr unsigned ChunkWidth = 32;
 // The sums of the box centres of runs of chunks, and the chunks with a value above their
 // limit, for sweepChunks below. A pixel with several centres is counted once here; the rest
 // come from the short list of such pixels.
+//
+// A chunk whose pixels are all at or below its least limit is quiet without its row of limits
+// being read: that row is read for a few chunks a frame, and the table that is read for every
+// chunk stays small beside the frame in the core's cache.
 struct ChunkScan {
     const unsigned char* frame;
     const unsigned* offset;
     const unsigned char* limit;
+    const unsigned char* lowest;
     const unsigned* centres;
 };
 
@@ -61,13 +66,19 @@ long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
         const unsigned char* px = s.frame + s.offset[c];
         const unsigned char* limit = s.limit + std::size_t(c) * ChunkWidth;
         const unsigned centres = s.centres[c];
-        unsigned mask = 0;
+        const unsigned char lowest = s.lowest[c];
+        bool loud = false;
         for (unsigned k = 0; k < ChunkWidth; ++k) {
             if (centres >> k & 1u)
                 sum += px[k];
-            mask |= unsigned(px[k] > limit[k]) << k;
+            loud |= px[k] > lowest;
         }
-        if (mask != 0) [[unlikely]]
+        if (!loud) [[likely]]
+            continue;
+        unsigned mask = 0;
+        for (unsigned k = 0; k < ChunkWidth; ++k)
+            mask |= unsigned(px[k] > limit[k]) << k;
+        if (mask != 0)
             above(c, mask);
     }
     return sum;
@@ -78,7 +89,7 @@ long long sumChunksPlain(const ChunkScan& s, int begin, int end, Above&& above)
 // of the chunk's run, so that each entry ends with the sum up to its run's last chunk, and the
 // runs' shares come from the differences afterwards. Leaving and entering the loop at every run
 // (hundreds of runs of a few chunks) cost more than the chunks. The table holds a byte a pixel
-// and a bit a pixel, so that it stays in the core's cache beside the frame.
+// and a bit a pixel; only its least limit and centre bits are read for a quiet chunk.
 template <class Run, class Above>
 __attribute__((target("avx2"))) void sweepAllAvx2(const ChunkScan& s, const int* runOf, const Run* runs, int runCount,
                                                    std::array<long long, 4>* runEnds,
@@ -92,18 +103,27 @@ __attribute__((target("avx2"))) void sweepAllAvx2(const ChunkScan& s, const int*
     const __m256i bits = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201ULL));
     __m256i total = zero;
     const int chunks = runCount > 0 ? runs[runCount - 1].end : 0;
+    // In locals: the lanes' stores could alias the table's fields, which would be read again
+    // at every chunk.
+    const unsigned char* const frame = s.frame;
+    const unsigned* const offset = s.offset;
+    const unsigned* const centres = s.centres;
+    const unsigned char* const lowest = s.lowest;
     for (int c = 0; c < chunks; ++c) {
-        const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.frame + s.offset[c]));
-        const __m256i limit =
-            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.limit + std::size_t(c) * ChunkWidth));
-        const __m256i spreadMask = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(s.centres[c])), spread);
+        const __m256i px = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(frame + offset[c]));
+        const __m256i spreadMask = _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(centres[c])), spread);
         const __m256i isCentre = _mm256_cmpeq_epi8(_mm256_and_si256(spreadMask, bits), bits);
         total = _mm256_add_epi64(total, _mm256_sad_epu8(_mm256_and_si256(px, isCentre), zero));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(runEnds[runOf[c]].data()), total);
-        const unsigned quiet =
-            static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_subs_epu8(px, limit), zero)));
-        if (quiet != 0xFFFFFFFFu) [[unlikely]]
-            above(c, ~quiet);
+        const __m256i overLowest = _mm256_subs_epu8(px, _mm256_set1_epi8(static_cast<char>(lowest[c])));
+        if (!_mm256_testz_si256(overLowest, overLowest)) [[unlikely]] {
+            const __m256i limit =
+                _mm256_loadu_si256(reinterpret_cast<const __m256i*>(s.limit + std::size_t(c) * ChunkWidth));
+            const unsigned quiet =
+                static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_subs_epu8(px, limit), zero)));
+            if (quiet != 0xFFFFFFFFu)
+                above(c, ~quiet);
+        }
     }
     for (int r = 0; r < regionCount; ++r)
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(regionLanes[r].data()), zero);
@@ -372,6 +392,7 @@ void BoxTrackingEngine::rebuildSweepLimits()
 {
     sweepAlways.clear();
     std::fill(sweepLimit.begin(), sweepLimit.end(), 255);
+    sweepLowest.assign(sweepOffset.size(), 255);
     std::size_t c = 0;
     for (const auto& [index, box] : sweepBoxes) {
         // Chunks of one place in the frame lie side by side, one per region.
@@ -390,6 +411,7 @@ void BoxTrackingEngine::rebuildSweepLimits()
         }
         unsigned char& limit = sweepLimit[at * ChunkWidth + (index - chunk)];
         limit = static_cast<unsigned char>(std::min<long long>(limit, std::min<long long>(lowest, 255)));
+        sweepLowest[at] = std::min(sweepLowest[at], limit);
     }
     std::sort(sweepAlways.begin(), sweepAlways.end());
     sweepLimits = limitOfRegion;
@@ -602,7 +624,7 @@ void BoxTrackingEngine::sweep(const unsigned char* frame, long long* sums)
             }
         }
     };
-    const ChunkScan scan{frame, sweepOffset.data(), sweepLimit.data(), sweepCentres.data()};
+    const ChunkScan scan{frame, sweepOffset.data(), sweepLimit.data(), sweepLowest.data(), sweepCentres.data()};
 #ifdef VELORA_AVX2_SWEEP
     const bool wide = haveAvx2();
 #endif

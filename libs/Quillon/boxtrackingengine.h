@@ -171,6 +171,7 @@ private:
     std::vector<unsigned> sweepOffset;    // first pixel of each chunk
     std::vector<int> sweepRegion;         // region of each chunk
     std::vector<unsigned char> sweepLimit; // per chunk its 32 limits
+    std::vector<unsigned char> sweepLowest; // per chunk the least of its limits
     std::vector<unsigned> sweepCentres;    // per chunk, a bit for each pixel with a centre
     struct SweepRepeat {
         unsigned index;
