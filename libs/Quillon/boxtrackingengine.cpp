@@ -522,7 +522,7 @@ void BoxTrackingEngine::firstPass(cv::Mat* image, int* hits, bool* anyReset)
         if (w - bg <= limit)
             return;
         blanked.push_back(scanBox.rect());
-        addOverlapping(groups, groupCount, scanBox);
+        ScanBox::addOverlapping(groups, groupCount, scanBox);
         ++*hits;
         regionHits[region] += 1.0;
     };
@@ -801,11 +801,11 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
     }
 
     // Twice, since one pass does not join groups that a later box connects.
-    mergeGroups(groups, groupCount, merged);
+    ScanBox::mergeBounds(groups, groupCount, merged);
     group2Count = 0;
     for (const ScanBox& box : merged)
-        addOverlapping(groups2, group2Count, box);
-    mergeGroups(groups2, group2Count, merged);
+        ScanBox::addOverlapping(groups2, group2Count, box);
+    ScanBox::mergeBounds(groups2, group2Count, merged);
 
     const std::vector<ScanBox> noMembers;
     for (std::size_t i = 0; i < merged.size(); ++i) {
@@ -869,32 +869,6 @@ AllBlobs BoxTrackingEngine::processImage(cv::Mat* image, bool debugFrame)
         applyBlanking(image);
     idle = true;
     return result;
-}
-
-void BoxTrackingEngine::addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count,
-                                       const ScanBox& box)
-{
-    for (std::size_t g = 0; g < count; ++g) {
-        for (const ScanBox& member : groups[g]) {
-            if (member.isOverlappingWith(box)) {
-                groups[g].push_back(box);
-                return;
-            }
-        }
-    }
-    if (count == groups.size())
-        groups.emplace_back();
-    groups[count].clear();
-    groups[count].push_back(box);
-    ++count;
-}
-
-void BoxTrackingEngine::mergeGroups(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
-                                    std::vector<ScanBox>& merged)
-{
-    merged.clear();
-    for (std::size_t g = 0; g < count; ++g)
-        merged.push_back(ScanBox::mergeBounds(groups[g].data(), groups[g].size()));
 }
 
 bool BoxTrackingEngine::isBlanked(unsigned index) const

@@ -133,11 +133,6 @@ private:
     bool isBlanked(unsigned index) const;
     // Blanks the squares of the boxes that fired, in the caller's frame.
     void applyBlanking(cv::Mat* image);
-    // ScanBox's grouping and merging on the first count groups, reusing the vectors past them,
-    // and without the merged boxes' children, which the frame loop does not read.
-    static void addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count, const ScanBox& box);
-    static void mergeGroups(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
-                            std::vector<ScanBox>& merged);
 
     std::vector<PackedBox> packed;
     // The same, apart, for the scan of quiet boxes; backgrounds as 16 bits while they fit.

@@ -175,15 +175,33 @@ std::vector<ScanBox> ScanBox::mergeOverlapping(const std::vector<std::vector<Sca
 
 void ScanBox::addOverlapping(std::vector<std::vector<ScanBox>>* groups, const ScanBox& box)
 {
-    for (auto& g : *groups) {
-        for (const ScanBox& member : g) {
+    std::size_t count = groups->size();
+    addOverlapping(*groups, count, box);
+}
+
+void ScanBox::addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count, const ScanBox& box)
+{
+    for (std::size_t g = 0; g < count; ++g) {
+        for (const ScanBox& member : groups[g]) {
             if (member.isOverlappingWith(box)) {
-                g.push_back(box);
+                groups[g].push_back(box);
                 return;
             }
         }
     }
-    groups->emplace_back(1, box);
+    if (count == groups.size())
+        groups.emplace_back();
+    groups[count].clear();
+    groups[count].push_back(box);
+    ++count;
+}
+
+void ScanBox::mergeBounds(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
+                          std::vector<ScanBox>& merged)
+{
+    merged.clear();
+    for (std::size_t g = 0; g < count; ++g)
+        merged.push_back(mergeBounds(groups[g].data(), groups[g].size()));
 }
 
 void ScanBox::thresholdBlock(double avgWidth, bool extended, int* block, int* offset)

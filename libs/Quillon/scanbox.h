@@ -58,6 +58,11 @@ public:
     // Appends box to the first group that has an overlapping member, or to a new group.
     // Groups that box would connect are not joined.
     static void addOverlapping(std::vector<std::vector<ScanBox>>* groups, const ScanBox& box);
+    // The same for the frame loop: on the first count groups, reusing the vectors past them
+    // from frame to frame; mergeBounds of each of them into merged.
+    static void addOverlapping(std::vector<std::vector<ScanBox>>& groups, std::size_t& count, const ScanBox& box);
+    static void mergeBounds(const std::vector<std::vector<ScanBox>>& groups, std::size_t count,
+                            std::vector<ScanBox>& merged);
 
     // Called on a merged box: the contours of what is bright inside it, found by a local
     // adaptive threshold and filtered by size and shape. contourFound (may be null) tells
