@@ -76,32 +76,23 @@ TEST_P(AutoCalibrationRun, AnswersAndLeavesTheRightCalibrationInForce)
     QFile::remove(file);
     if (c.formerScene) {
         QDir().mkpath(userDir());
-        const QString former = QDir::temp().filePath("former.scene");
-        std::ofstream(former.toStdString()) << c.formerScene;
-        ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
-                                    {former, file}),
-                  0);
-        QFile::remove(former);
+        const EmulatorFiles former(c.formerScene);
+        ASSERT_EQ(sceneCalibration(former.path("scene.txt"), file), 0);
     }
     start(std::string(c.scene) + stroke, c.former && !c.formerScene ? file : QString());
     const QByteArray formerText = fileBytes(file);
     if (c.tableTop) {
         // Read by the procedure when it starts, so the service's copy may change while it runs.
-        const QString conf = QString::fromStdString(run->path("config/ac.conf"));
-        QString lines = QString::fromLocal8Bit(fileBytes(conf));
-        lines.replace("projector above a table, 1 for yes: 0", "projector above a table, 1 for yes: 1");
-        QFile out(conf);
-        ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        out.write(lines.toLocal8Bit());
+        QString conf = QString::fromStdString(run->fileText("config/ac.conf"));
+        conf.replace("projector above a table, 1 for yes: 0", "projector above a table, 1 for yes: 1");
+        ASSERT_TRUE(std::ofstream(run->path("config/ac.conf")) << conf.toStdString());
     }
-    if (!c.former)
+    if (!c.former) {
         ASSERT_EQ(ctl({"stylus"}).second, "not calibrated");
+    }
 
     QProcess menu;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("DISPLAY", QString::fromStdString(x.display));
-    menu.setProcessEnvironment(env);
-    menu.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", {"calibrate", "auto"});
+    menu.start(toolPath("velora-ctl"), {"calibrate", "auto"});
     ASSERT_TRUE(menu.waitForStarted());
     if (c.escapeAfterMs > 0) {
         ASSERT_FALSE(menu.waitForFinished(c.escapeAfterMs)) << "the rows were over before Esc";

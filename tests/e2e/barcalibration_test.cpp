@@ -90,7 +90,7 @@ TEST(BarCalibration, TheFourPointsBesideTheScreenAreStoredAndThenReported)
     run.idle = [&] {
         PipeFacade* f = run.facade;
         if (!asked && f->getCalibration() && f->pointerController->enabled
-            && std::fmod(streamSeconds(run.dir + "/truth.txt"), loopSeconds) < 0.5) {
+            && std::fmod(streamSeconds(run.files->path("truth.txt")), loopSeconds) < 0.5) {
             asked = true;
             f->onIpcMessageReceived(21);
             QObject::connect(f->lumerailCalibration, &Procedure::finished, [&](int s) { status = s; });
@@ -105,16 +105,16 @@ TEST(BarCalibration, TheFourPointsBesideTheScreenAreStoredAndThenReported)
             run.enough = true;
     };
     run.run(scene, 1, 1, 40.0, 1280, 800);
-    ASSERT_TRUE(run.started);
     if (PipeFacade* f = run.facade)
         f->removeBlobListener(&outside);
+    ASSERT_FALSE(HasFatalFailure());
     ASSERT_TRUE(asked) << "the calibration never came into force";
     ASSERT_TRUE(listening) << "the bar calibration did not end";
     EXPECT_EQ(status, 1);
 
     // Each point once, in the order pressed, the first being whichever came first.
     ASSERT_EQ(inForce.size(), 4u);
-    std::unique_ptr<Calibration> saved(Calibration::read((run.dir + "/calibration.ini").c_str()));
+    std::unique_ptr<Calibration> saved(Calibration::read(run.files->path("calibration.ini").c_str()));
     ASSERT_TRUE(saved);
     ASSERT_EQ(saved->refPoints.size(), 4u) << "the file carries them";
     const int first = barPointAt(inForce[0].x * 1280, inForce[0].y * 800, 12);

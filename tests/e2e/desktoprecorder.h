@@ -72,8 +72,7 @@ inline void expectLeftDragPerStroke(const char* scene, int inputMode, double sec
 
     EndToEndRun run;
     run.idle = [&] { recorder.read(); };
-    run.run(scene, inputMode, 0, seconds, 1280, 1024);
-    ASSERT_TRUE(run.started);
+    ASSERT_NO_FATAL_FAILURE(run.run(scene, inputMode, 0, seconds, 1280, 1024));
     // After the run: the rest of the queue.
     XSync(desktop.dpy, False);
     recorder.read();

@@ -5,6 +5,7 @@
 // Afterwards the emulator's ground truth is read back for comparison.
 #include "blobfacade.h"
 #include "devicepipe.h"
+#include "emulatorfiles.h"
 #include "globalsettings.h"
 #include "ibloblistener.h"
 #include "sensor.h"
@@ -18,11 +19,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,25 +79,14 @@ struct TruthFrame {
 };
 
 // frame number -> what the emulator sent in it
-inline std::map<unsigned, TruthFrame> readTruth(const std::string& path)
+inline std::map<unsigned, TruthFrame> readTruth(const EmulatorFiles& files)
 {
     std::map<unsigned, TruthFrame> frames;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream s(line);
-        std::string tag, kind;
-        unsigned frame;
-        s >> tag >> frame;
-        double seconds, sensorX, sensorY, imageX, imageY;
-        if (tag == "F") {
-            s >> seconds >> frames[frame].completionNs;
-        } else if (tag == "S") {
-            TruthSpot spot;
-            int lit;
-            s >> spot.id >> kind >> spot.x >> spot.y >> sensorX >> sensorY >> imageX >> imageY >> lit;
-            if (lit)
-                frames[frame].spots.push_back(spot);
-        }
+    for (const auto& w : files.lines("truth.txt")) {
+        if (w[0] == "F" && w.size() >= 4)
+            frames[std::stoul(w[1])].completionNs = std::stoll(w[3]);
+        else if (w[0] == "S" && w.size() >= 11 && std::stoi(w[10]) != 0)
+            frames[std::stoul(w[1])].spots.push_back({std::stoi(w[2]), std::stod(w[4]), std::stod(w[5])});
     }
     return frames;
 }
@@ -180,23 +169,15 @@ inline double distanceToTrack(const std::vector<std::pair<double, double>>& trac
     return best;
 }
 
-inline std::string programDir()
-{
-    char buf[4096];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    std::string exe(buf, n > 0 ? size_t(n) : 0);
-    return exe.substr(0, exe.rfind('/'));
-}
-
 // Runs the scene to its end and leaves the touch device's events and the truth behind.
 class EndToEndRun {
 public:
-    std::string dir;
+    // The emulator's files, once run() has begun.
+    std::unique_ptr<EmulatorFiles> files;
     DevicePipe device;
     std::vector<Ev> events;
     std::map<unsigned, TruthFrame> truth;
     std::map<unsigned, long long> handledAt;
-    bool started = false;
     // Called often while the scene plays, on the test's thread.
     std::function<void()> idle = [] {};
     // Set by idle: the run ends early.
@@ -209,18 +190,13 @@ public:
     // inputMode 1 is the stylus, 0 the finger; pointerMode 1 multi-touch, 0 the single pointer.
     void run(const std::string& scene, int inputMode, int pointerMode, double seconds, int width, int height)
     {
-        const char* tmp = std::getenv("TMPDIR");
-        dir = std::string(tmp ? tmp : "/tmp") + "/e2e";
-        ASSERT_EQ(std::system(("mkdir -p " + dir).c_str()), 0);
-        std::ofstream(dir + "/scene.txt") << scene;
+        files = std::make_unique<EmulatorFiles>(scene);
         // The factory files are found beside the program, as the service finds its own.
-        ASSERT_EQ(chdir(programDir().c_str()), 0);
-        const std::string tool = std::string(VELORA_BINARY).substr(0, std::string(VELORA_BINARY).rfind('/'))
-            + "/velora-scene-calibration";
-        const std::string calibration = dir + "/calibration.ini";
-        ASSERT_EQ(std::system((tool + " " + dir + "/scene.txt " + calibration).c_str()), 0);
-        setenv("VELORA_EMU_SCENE", (dir + "/scene.txt").c_str(), 1);
-        setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
+        ASSERT_EQ(chdir(QCoreApplication::applicationDirPath().toLocal8Bit().constData()), 0);
+        const std::string calibration = files->path("calibration.ini");
+        ASSERT_EQ(sceneCalibration(files->path("scene.txt"), QString::fromStdString(calibration)), 0);
+        for (const auto& [name, value] : files->environment())
+            setenv(name, value.c_str(), 1);
 
         static char name[] = "velora", verbose[] = "-v";
         char* argv[] = {name, verbose, nullptr};
@@ -236,21 +212,14 @@ public:
         gs->stylusCalibrationPath = calibration;
         gs->fingerCalibrationPath = calibration;
         ASSERT_TRUE(facade->start());
-        started = true;
         // The device record comes first; events follow it.
         uinput_user_dev record;
         ASSERT_TRUE(device.readRecord(&record));
         facade->addBlobListener(&clock);
 
-        const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-        while (std::chrono::steady_clock::now() < until && !enough) {
-            QCoreApplication::processEvents();
-            drain();
-            idle();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        play(std::chrono::duration<double>(seconds), true);
         stop();
-        truth = readTruth(dir + "/truth.txt");
+        truth = readTruth(*files);
         handledAt = clock.times();
     }
 
@@ -280,6 +249,19 @@ public:
 private:
     FrameClock clock;
 
+    // Handles events, keeps the device's and calls idle for that long, or until idle has
+    // had enough.
+    void play(std::chrono::duration<double> time, bool untilEnough)
+    {
+        const auto until = std::chrono::steady_clock::now() + time;
+        while (std::chrono::steady_clock::now() < until && !(untilEnough && enough)) {
+            QCoreApplication::processEvents();
+            drain();
+            idle();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+
     void drain()
     {
         std::vector<Ev> more = device.events();
@@ -294,12 +276,7 @@ private:
         // The end of streaming would end the process; here only the threads are to stop.
         facade->sensor->stoppedCallback = nullptr;
         facade->sensor->stop();
-        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
-        while (std::chrono::steady_clock::now() < until) {
-            QCoreApplication::processEvents();
-            idle();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        play(std::chrono::milliseconds(1500), false);
         drain();
         // The facade and what it owns stay, as in the service, which never takes them down;
         // reachable, since the threads may still hold on to them.

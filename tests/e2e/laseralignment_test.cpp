@@ -52,14 +52,6 @@ protected:
         return out;
     }
 
-    bool released(int id) const
-    {
-        for (const auto& w : truth("R "))
-            if (w.size() >= 3 && std::stoi(w[2]) == id)
-                return true;
-        return false;
-    }
-
     // Shows the square until a new press of it has been released; where the pointer was left
     // and where the finger touched.
     std::pair<QPointF, QPointF> tapProbe(QPoint at)
@@ -76,7 +68,7 @@ protected:
         XSync(dpy, False);
         std::pair<QPointF, QPointF> result{{-1000, -1000}, {0, 0}};
         std::vector<Press> ps;
-        if (waitUntil([&] { return (ps = probePresses(at)).size() > before && released(ps[before].id); }, 20000)) {
+        if (waitUntil([&] { return (ps = probePresses(at)).size() > before && ps[before].released >= 0; }, 20000)) {
             // The release reaches the desktop a frame or two after the emulator lifts.
             QThread::msleep(300);
             const auto [x0, y0] = pointer();

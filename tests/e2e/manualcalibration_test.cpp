@@ -28,7 +28,7 @@ TEST_F(ManualCalibrationRun, PressedDotsBecomeTheCalibrationThatPutsStrokesInPla
         // One dot taken back once the person has lifted from it: pressed again where it reappears.
         // Soon after the lift, so that the crosshair has glided back before the person, who
         // has seen the next dot by then, presses.
-        if (waitUntil([&] { return truth("R ").size() >= 4; }, 60000))
+        if (waitUntil([&] { return run->lines("truth.txt", "R").size() >= 4; }, 60000))
             QThread::msleep(100), key("Return");
     });
     const auto [code, text] = ctl({"calibrate", "manual"});

@@ -28,8 +28,7 @@ stroke finger 17.0 2.5 size 10 brightness 120 path 1700,200 200,900
 TEST(MultiTouchFinger, EveryStrokeIsOneContactOnItsPath)
 {
     EndToEndRun run;
-    run.run(scene, 0, 1, 21.0, 1920, 1080);
-    ASSERT_TRUE(run.started);
+    ASSERT_NO_FATAL_FAILURE(run.run(scene, 0, 1, 21.0, 1920, 1080));
 
     expectOneContactPerStroke(run, 1920, 1080, 7, 3.0);
 }

@@ -40,8 +40,7 @@ stroke stylus 15.5 2.5 size 9 path 1650,920 250,920
 TEST(MultiTouchStylus, EveryStrokeIsOneContactOnItsPathAndLatencyIsReported)
 {
     EndToEndRun run;
-    run.run(scene, 1, 1, 20.0, 1920, 1080);
-    ASSERT_TRUE(run.started);
+    ASSERT_NO_FATAL_FAILURE(run.run(scene, 1, 1, 20.0, 1920, 1080));
     expectOneContactPerStroke(run, 1920, 1080, 19, 3.0);
 
     for (size_t spots : {1u, 5u, 10u}) {

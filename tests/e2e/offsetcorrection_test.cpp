@@ -111,7 +111,7 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
         PipeFacade* f = run.facade;
         relay.feed(run.events);
         if (phase == 0 && f->getCalibration() && f->pointerController->enabled) {
-            userFile = run.dir + "/user.ini";
+            userFile = run.files->path("user.ini");
             GS::instance()->userSettingsPath = userFile;
             QFile::remove(QString::fromStdString(userFile));
             phase = 1;
@@ -141,8 +141,7 @@ TEST(OffsetCorrection, MeasuresTheDesktopsScalingSoThatTouchesLandInPlace)
             run.enough = true;
         }
     };
-    run.run(scene, 1, 1, 90.0, 1280, 800);
-    ASSERT_TRUE(run.started);
+    ASSERT_NO_FATAL_FAILURE(run.run(scene, 1, 1, 90.0, 1280, 800));
     ASSERT_GE(phase, 3) << "the corrections did not end; phase " << phase;
 
     // A desktop that takes touches as they are: no offset, and the file says so.

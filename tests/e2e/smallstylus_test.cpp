@@ -24,8 +24,7 @@ stroke stylus 17.0 2.0 size 5 path 1800,100 1800,1000
 TEST(SmallStylus, StrokesOfFourAndFivePixelsArriveWholeOnTheirPaths)
 {
     EndToEndRun run;
-    run.run(scene, 1, 1, 19.5, 1920, 1080);
-    ASSERT_TRUE(run.started);
+    ASSERT_NO_FATAL_FAILURE(run.run(scene, 1, 1, 19.5, 1920, 1080));
     expectOneContactPerStroke(run, 1920, 1080, 8, 3.0);
 }
 

@@ -6,12 +6,9 @@
 #include "streamclock.h"
 #include "xvfbserver.h"
 
-#include <QStandardPaths>
-
 #include <algorithm>
 #include <cmath>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,25 +18,7 @@ extern "C" {
 // The screen tests' pictures and window properties; last, for Xlib's macros.
 #include "xscreen.h"
 
-// The file's bytes; none if it cannot be read.
-inline QByteArray fileBytes(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-inline QString userDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
-}
-
-// A press of an emulated person, from the truth file.
-struct Press {
-    double t;
-    int id;
-    std::string kind;
-    double targetX, targetY, pressX, pressY, sensorX, sensorY;
-};
+using Press = EmulatorFiles::Press;
 
 class VeloraRun {
 public:
@@ -61,19 +40,17 @@ public:
         ASSERT_TRUE(x.start(screen)) << x.failure;
         dpy = XOpenDisplay(x.display.c_str());
         ASSERT_TRUE(dpy);
+        // The X server has pointed DISPLAY at itself, for velora and velora-ctl alike.
         run = std::make_unique<EmulatedRun>(scene);
         QProcessEnvironment env = run->process.processEnvironment();
         env.insert("QT_QPA_PLATFORM", "xcb");
         env.insert("QT_QUICK_BACKEND", "software");
-        env.insert("DISPLAY", QString::fromStdString(x.display));
         run->process.setProcessEnvironment(env);
         // The service logs a lot while nobody reads: into a file, so that it never blocks on a pipe.
         run->process.setStandardOutputFile(QString::fromStdString(run->path("velora.log")));
         QDir().mkpath(userDir());
         if (!calibration.isEmpty()) {
-            ASSERT_EQ(QProcess::execute(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-scene-calibration",
-                                        {QString::fromStdString(run->path("scene.txt")), calibration}),
-                      0);
+            ASSERT_EQ(sceneCalibration(run->path("scene.txt"), calibration), 0);
         }
         // The start-up's calibration load answers too, unasked: a command sent before it would
         // take that answer as its own, and its own answer would go to the next command.
@@ -89,10 +66,7 @@ public:
     std::pair<int, QString> ctl(const QStringList& command)
     {
         QProcess p;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("DISPLAY", QString::fromStdString(x.display));
-        p.setProcessEnvironment(env);
-        p.start(QFileInfo(VELORA_BINARY).absolutePath() + "/velora-ctl", command);
+        p.start(toolPath("velora-ctl"), command);
         p.waitForFinished(180000);
         return {p.exitCode(), QString::fromLocal8Bit(p.readAllStandardOutput()).trimmed()};
     }
@@ -121,33 +95,7 @@ public:
 
     double streamTime() const { return streamSeconds(run->path("truth.txt")); }
 
-    // The truth file's lines of one kind ("P ", "R ", ...), as words.
-    std::vector<std::vector<std::string>> truth(const char* kind) const
-    {
-        std::vector<std::vector<std::string>> out;
-        std::istringstream in(run->fileText("truth.txt"));
-        for (std::string line; std::getline(in, line);) {
-            if (line.rfind(kind, 0) != 0)
-                continue;
-            std::istringstream ws(line);
-            out.emplace_back();
-            for (std::string s; ws >> s;)
-                out.back().push_back(s);
-        }
-        return out;
-    }
-
-    std::vector<Press> presses() const
-    {
-        std::vector<Press> out;
-        for (const auto& w : truth("P ")) {
-            if (w.size() < 10)
-                continue;
-            out.push_back({std::stod(w[1]), std::stoi(w[2]), w[3], std::stod(w[4]), std::stod(w[5]), std::stod(w[6]),
-                           std::stod(w[7]), std::stod(w[8]), std::stod(w[9])});
-        }
-        return out;
-    }
+    std::vector<Press> presses() const { return run->presses(); }
 
     // The file holds the 25 dots (of these margins, if given), each point where a press of that
     // kind (any, if empty) on the dot, the last one within `near` desktop pixels of it, touched

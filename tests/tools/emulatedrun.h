@@ -1,18 +1,17 @@
 #pragma once
-// One child process (velora or the sensor probe) run against the emulated sensor: a temp
-// folder with the scene and the emulator's files, the emulator preloaded, the output
-// collected, and readers for the protocol log, the ground truth and the probe's records.
-#include <gtest/gtest.h>
+// One child process (velora or the sensor probe) run against the emulated sensor: its files,
+// the emulator preloaded, the output collected, and readers for the protocol log, the ground
+// truth and the probe's records.
+#include "emulatorfiles.h"
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
-#include <QTemporaryDir>
+#include <QStandardPaths>
 #include <QThread>
 
-#include <fstream>
 #include <functional>
 #include <map>
 #include <sstream>
@@ -32,7 +31,20 @@ inline bool waitUntil(const std::function<bool()>& done, int ms)
     return true;
 }
 
-class EmulatedRun
+// Where velora keeps its user files.
+inline QString userDir()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/Velora/";
+}
+
+// The file's bytes; none if it cannot be read.
+inline QByteArray fileBytes(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+class EmulatedRun : public EmulatorFiles
 {
 public:
     // One control request as the device received it.
@@ -59,18 +71,15 @@ public:
         int x = 0, y = 0, w = 0, h = 0;
     };
 
-    QTemporaryDir dir;
     QProcess process;
     QString output;
 
-    explicit EmulatedRun(const std::string& scene)
+    explicit EmulatedRun(const std::string& scene) : EmulatorFiles(scene)
     {
-        std::ofstream(path("scene.txt")) << scene;
         std::ofstream(path("cyusb.conf")) << "<VPD>\n1209 7e1a VeloraSensor\n</VPD>\n";
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("VELORA_EMU_SCENE", QString::fromStdString(path("scene.txt")));
-        env.insert("VELORA_EMU_LOG", QString::fromStdString(path("log.txt")));
-        env.insert("VELORA_EMU_TRUTH", QString::fromStdString(path("truth.txt")));
+        for (const auto& [name, value] : environment())
+            env.insert(name, QString::fromStdString(value));
         env.insert("LD_PRELOAD", QString::fromStdString(preload()));
         env.insert("QT_QPA_PLATFORM", "offscreen");
         process.setProcessEnvironment(env);
@@ -85,8 +94,6 @@ public:
             process.waitForFinished();
         }
     }
-
-    std::string path(const std::string& name) const { return dir.filePath(QString::fromStdString(name)).toStdString(); }
 
     void start(const QString& program, const QStringList& args)
     {
@@ -121,29 +128,29 @@ public:
         start(dir.filePath("velora"), {"-v"});
     }
 
+    // Collects the output until done() comes true or the process ends, for at most ms.
+    bool collect(const std::function<bool()>& done, int ms)
+    {
+        waitUntil(
+            [&] {
+                process.waitForReadyRead(50);
+                output += QString::fromLocal8Bit(process.readAll());
+                return done() || process.state() == QProcess::NotRunning;
+            },
+            ms);
+        output += QString::fromLocal8Bit(process.readAll());
+        return done();
+    }
+
     bool waitForOutput(const QString& text, int ms = 60000)
     {
-        QElapsedTimer t;
-        t.start();
-        while (!output.contains(text) && t.elapsed() < ms && process.state() == QProcess::Running) {
-            process.waitForReadyRead(50);
-            output += QString::fromLocal8Bit(process.readAll());
-        }
-        output += QString::fromLocal8Bit(process.readAll());
-        return output.contains(text);
+        return collect([&] { return output.contains(text); }, ms);
     }
 
     // Waits for the end; false if it did not come.
     bool finish(int ms = 120000)
     {
-        QElapsedTimer t;
-        t.start();
-        while (process.state() != QProcess::NotRunning && t.elapsed() < ms) {
-            process.waitForFinished(100);
-            output += QString::fromLocal8Bit(process.readAll());
-        }
-        output += QString::fromLocal8Bit(process.readAll());
-        return process.state() == QProcess::NotRunning;
+        return collect([&] { return process.state() == QProcess::NotRunning; }, ms);
     }
 
     bool endedCleanly() const
@@ -154,7 +161,8 @@ public:
     std::vector<Write> writes() const
     {
         std::vector<Write> out;
-        for (const std::string& line : lines("log.txt")) {
+        std::ifstream in(path("log.txt"));
+        for (std::string line; std::getline(in, line);) {
             std::istringstream s(line);
             Write x;
             std::string mode;
@@ -192,51 +200,29 @@ public:
         return once;
     }
 
+    // The frames the device sent, by number.
     std::map<long, Sent> truth() const
     {
         std::map<long, Sent> out;
-        for (const std::string& line : lines("truth.txt")) {
-            std::istringstream s(line);
-            std::string tag;
-            long frame;
-            Sent x;
-            if (s >> tag >> frame >> x.t >> x.ns >> x.bytes >> x.x >> x.y >> x.w >> x.h >> x.binX >> x.binY && tag == "F")
-                out[frame] = x;
-        }
+        for (const auto& w : lines("truth.txt", "F"))
+            if (w.size() == 11)
+                out[std::stol(w[1])] = {std::stod(w[2]), std::stoll(w[3]), std::stoi(w[4]), std::stoi(w[5]),
+                                        std::stoi(w[6]),  std::stoi(w[7]),  std::stoi(w[8]), std::stoi(w[9]),
+                                        std::stoi(w[10])};
         return out;
     }
 
     std::vector<Seen> records() const
     {
         std::vector<Seen> out;
-        for (const std::string& line : lines("records.txt")) {
-            std::istringstream s(line);
-            std::string tag;
-            Seen x;
-            if (s >> tag >> x.stamp >> x.ns >> x.x >> x.y >> x.w >> x.h && tag == "C")
-                out.push_back(x);
-        }
+        for (const auto& w : lines("records.txt", "C"))
+            if (w.size() == 7)
+                out.push_back({std::stol(w[1]), std::stoll(w[2]), std::stoi(w[3]), std::stoi(w[4]), std::stoi(w[5]),
+                               std::stoi(w[6])});
         return out;
-    }
-
-    std::string fileText(const std::string& name) const
-    {
-        std::ifstream in(path(name));
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
     }
 
 private:
-    std::vector<std::string> lines(const std::string& name) const
-    {
-        std::vector<std::string> out;
-        std::ifstream in(path(name));
-        for (std::string line; std::getline(in, line);)
-            out.push_back(line);
-        return out;
-    }
-
     // A sanitizer runtime must be loaded before the preloaded emulator: take the one this
     // test runs with, if any.
     static std::string preload()

@@ -150,8 +150,8 @@ TEST_F(EmulatorScreen, ProjectedChangeReachesTheCameraNoSoonerThanTheLatency)
     s.finish();
 
     int before = 0, after = 0;
-    for (const auto& l : s.lines("truth.txt")) {
-        const auto frame = l[0] == "F" ? frames.find(static_cast<uint32_t>(std::stoul(l[1]))) : frames.end();
+    for (const auto& l : s.lines("truth.txt", "F")) {
+        const auto frame = frames.find(static_cast<uint32_t>(std::stoul(l[1])));
         if (frame == frames.end())
             continue;
         const bool seen = std::get<0>(brightRegion(frame->second, 110)) > 0;
@@ -202,48 +202,33 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
         stream(s, 0.1, frames);
         s.finish();
 
-        struct Press {
-            double time, id, targetX, targetY, x, y, sensorX, sensorY, released = -1;
-        };
-        std::vector<Press> presses;
-        std::map<uint32_t, double> frameTime;
-        std::map<uint32_t, double> spotId;
-        for (const auto& l : s.lines("truth.txt")) {
-            const auto d = [&l](size_t i) { return std::stod(l[i]); };
-            if (l[0] == "P") {
-                ASSERT_EQ(l.size(), 10u);
-                EXPECT_EQ(l[3], "stylus");
-                presses.push_back({d(1), d(2), d(4), d(5), d(6), d(7), d(8), d(9)});
-            } else if (l[0] == "R") {
-                ASSERT_FALSE(presses.empty());
-                EXPECT_EQ(d(2), presses.back().id);
-                presses.back().released = d(1);
-            } else if (l[0] == "F") {
-                frameTime[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
-            } else if (l[0] == "S") {
-                spotId[static_cast<uint32_t>(std::stoul(l[1]))] = d(2);
-            }
-        }
+        const std::vector<EmulatorSession::Press> presses = s.presses();
+        std::map<uint32_t, double> frameTime, spotId;
+        for (const auto& l : s.lines("truth.txt", "F"))
+            frameTime[static_cast<uint32_t>(std::stoul(l[1]))] = std::stod(l[2]);
+        for (const auto& l : s.lines("truth.txt", "S"))
+            spotId[static_cast<uint32_t>(std::stoul(l[1]))] = std::stod(l[2]);
         ASSERT_EQ(presses.size(), 2u);
         const double targets[2][2] = {{300, 200}, {900, 700}};
         const ScreenProjection projection = sceneProjection();
         for (size_t i = 0; i < 2; ++i) {
-            const Press& p = presses[i];
+            const auto& p = presses[i];
+            EXPECT_EQ(p.kind, "stylus");
             EXPECT_NEAR(p.targetX, targets[i][0], 1.0);
             EXPECT_NEAR(p.targetY, targets[i][1], 1.0);
-            EXPECT_LE(std::hypot(p.x - p.targetX, p.y - p.targetY), 6.0 + 1e-3);
+            EXPECT_LE(std::hypot(p.pressX - p.targetX, p.pressY - p.targetY), 6.0 + 1e-3);
             double sx, sy;
-            projection.toSensor(p.x, p.y, sx, sy);
+            projection.toSensor(p.pressX, p.pressY, sx, sy);
             EXPECT_NEAR(p.sensorX, sx, 1e-2);
             EXPECT_NEAR(p.sensorY, sy, 1e-2);
-            ASSERT_GT(p.released, p.time);
+            ASSERT_GT(p.released, p.t);
             if (!untilChange) {
                 // Lifted on the first frame tick after the hold; a busy machine may skip ticks.
-                EXPECT_GE(p.released - p.time, 0.3 - 1e-6);
-                EXPECT_LT(p.released - p.time, 1.0);
+                EXPECT_GE(p.released - p.t, 0.3 - 1e-6);
+                EXPECT_LT(p.released - p.t, 1.0);
             }
             for (const auto& [stamp, t] : frameTime) {
-                const bool held = t >= p.time && t < p.released;
+                const bool held = t >= p.t && t < p.released;
                 const bool mine = spotId.count(stamp) && spotId[stamp] == p.id;
                 EXPECT_EQ(held, mine) << "frame at " << t << " s";
                 if (mine && frames.count(stamp)) {
@@ -253,7 +238,7 @@ TEST_F(EmulatorScreen, UserPressesEachNewTargetNearItsCentreForTheHold)
                 }
             }
         }
-        EXPECT_GT(presses[1].time, presses[0].released);
+        EXPECT_GT(presses[1].t, presses[0].released);
         EXPECT_NE(presses[0].id, presses[1].id);
     }
 }

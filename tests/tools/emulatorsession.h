@@ -1,23 +1,18 @@
 #pragma once
-// One session with the emulated sensor for a test: scene and files in the test's own temp
-// folder, the device opened, and helpers to write registers and to take frames as the
-// capture thread does.
+// One session with the emulated sensor in the test's own process: its files, the device
+// opened, and helpers to write registers and to take frames as the capture thread does.
+#include "emulatorfiles.h"
+
 #include <libusb.h>
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-class EmulatorSession
+class EmulatorSession : public EmulatorFiles
 {
 public:
     struct Frame {
@@ -28,16 +23,10 @@ public:
         uint32_t stamp() const { return data[0] | data[1] << 8 | data[2] << 16 | static_cast<uint32_t>(data[3]) << 24; }
     };
 
-    explicit EmulatorSession(const std::string& sceneText, bool open = true)
+    explicit EmulatorSession(const std::string& sceneText, bool open = true) : EmulatorFiles(sceneText)
     {
-        static int counter = 0;
-        const char* tmp = std::getenv("TMPDIR");
-        dir = std::string(tmp ? tmp : "/tmp") + "/emu" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
-        std::system(("mkdir -p " + dir).c_str());
-        std::ofstream(dir + "/scene.txt") << sceneText;
-        setenv("VELORA_EMU_SCENE", (dir + "/scene.txt").c_str(), 1);
-        setenv("VELORA_EMU_LOG", (dir + "/log.txt").c_str(), 1);
-        setenv("VELORA_EMU_TRUTH", (dir + "/truth.txt").c_str(), 1);
+        for (const auto& [name, value] : environment())
+            setenv(name, value.c_str(), 1);
         initResult = libusb_init(nullptr);
         if (initResult == 0 && open)
             handle = libusb_open_device_with_vid_pid(nullptr, 0x1209, 0x7E1A);
@@ -46,10 +35,8 @@ public:
     ~EmulatorSession()
     {
         finish();
-        unsetenv("VELORA_EMU_SCENE");
-        unsetenv("VELORA_EMU_LOG");
-        unsetenv("VELORA_EMU_TRUTH");
-        std::system(("rm -rf " + dir).c_str());
+        for (const auto& [name, value] : environment())
+            unsetenv(name);
     }
 
     // Closes and ends the session, so that the files are complete.
@@ -112,31 +99,16 @@ public:
         return f;
     }
 
-    std::vector<std::vector<std::string>> lines(const std::string& file) const
-    {
-        std::vector<std::vector<std::string>> out;
-        std::ifstream in(dir + "/" + file);
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream words(line);
-            out.emplace_back();
-            for (std::string s; words >> s;)
-                out.back().push_back(s);
-        }
-        return out;
-    }
-
     // The requests the device logged, without their times; ends the session first.
     std::vector<std::vector<std::string>> requests()
     {
         finish();
         auto out = lines("log.txt");
         for (auto& l : out)
-            if (!l.empty())
-                l.erase(l.begin());
+            l.erase(l.begin());
         return out;
     }
 
-    std::string dir;
     int initResult = -1;
     libusb_device_handle* handle = nullptr;
 };
