@@ -4,15 +4,17 @@
 // fseq rising; and the touch device still carries every stroke as one contact.
 #include "endtoendrun.h"
 
-#include <QDir>
-#include <QProcess>
-
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 
 #include <set>
+
+extern char** environ;
 
 namespace {
 
@@ -32,28 +34,71 @@ stroke stylus 11.0 2.0 size 9 path 250,830 1650,830
 )";
 const size_t Strokes = 9;
 
-// Binds a UDP socket to 127.0.0.1:port, any free port for 0, and lets it go again: the port it
-// had, or -1 with errno telling why it could not have it.
-int bindLoopback(int port)
+sockaddr_in loopback(int port)
 {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = htons(uint16_t(port));
-    socklen_t size = sizeof a;
-    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0
-        && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size) == 0;
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return bound ? ntohs(a.sin_port) : -1;
+    return a;
 }
 
+// A UDP port of 127.0.0.1 that nobody holds, or, with port given, whether somebody holds it.
+int freePort()
+{
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in a = loopback(0);
+    socklen_t size = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size);
+    close(fd);
+    return ntohs(a.sin_port);
+}
 bool portHeld(int port)
 {
-    return bindLoopback(port) < 0 && errno == EADDRINUSE;
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in a = loopback(port);
+    const bool held = bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0 && errno == EADDRINUSE;
+    close(fd);
+    return held;
 }
+
+// oscdump on 127.0.0.1:port only (its wildcard bind is turned into a loopback one), its
+// lines into a file. Spawned, not started by QProcess: after a child of QProcess the thread
+// checker no longer sees this process's locks.
+class OscDump {
+public:
+    OscDump(int port, const std::string& output)
+    {
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        std::vector<std::string> env;
+        for (char** e = environ; *e; ++e)
+            if (std::string(*e).rfind("LD_PRELOAD=", 0) != 0)
+                env.emplace_back(*e);
+        env.push_back(std::string("LD_PRELOAD=") + VELORA_LOOPBACK_ONLY);
+        std::vector<char*> envp;
+        for (std::string& e : env)
+            envp.push_back(e.data());
+        envp.push_back(nullptr);
+        std::string name = "oscdump", lineBuffered = "-L", portText = std::to_string(port);
+        char* argv[] = {name.data(), lineBuffered.data(), portText.data(), nullptr};
+        if (posix_spawnp(&pid, "oscdump", &actions, nullptr, argv, envp.data()) != 0)
+            pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~OscDump() { stop(); }
+    void stop()
+    {
+        if (pid <= 0)
+            return;
+        kill(pid, SIGINT);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+    pid_t pid = -1;
+};
 
 struct Cursor {
     int id;
@@ -108,18 +153,11 @@ std::vector<Bundle> readBundles(const std::string& path)
 
 TEST(TuioOutput, OscdumpHearsEachStrokeAsOneCursorBesideTheTouchDevice)
 {
-    const int port = bindLoopback(0);
-    ASSERT_GT(port, 0);
-    const std::string dumpFile = QDir::temp().filePath("oscdump.txt").toStdString();
-    // oscdump on 127.0.0.1:port only (its wildcard bind is turned into a loopback one), its
-    // lines into a file.
-    QProcess dump;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("LD_PRELOAD", VELORA_LOOPBACK_ONLY);
-    dump.setProcessEnvironment(env);
-    dump.setStandardOutputFile(QString::fromStdString(dumpFile));
-    dump.start("oscdump", {"-L", QString::number(port)});
-    ASSERT_TRUE(dump.waitForStarted()) << "oscdump did not start (package liblo-tools)";
+    const int port = freePort();
+    const char* tmp = std::getenv("TMPDIR");
+    const std::string dumpFile = std::string(tmp ? tmp : "/tmp") + "/oscdump.txt";
+    OscDump dump(port, dumpFile);
+    ASSERT_GT(dump.pid, 0) << "oscdump did not start (package liblo-tools)";
     for (int i = 0; i < 500 && !portHeld(port); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_TRUE(portHeld(port)) << "oscdump does not listen on 127.0.0.1:" << port;
@@ -132,8 +170,7 @@ TEST(TuioOutput, OscdumpHearsEachStrokeAsOneCursorBesideTheTouchDevice)
 
     EndToEndRun run;
     ASSERT_NO_FATAL_FAILURE(run.run(scene, 1, 1, 15.0, 1920, 1080));
-    kill(pid_t(dump.processId()), SIGINT);
-    dump.waitForFinished();
+    dump.stop();
 
     // The pointer output is what it is without TUIO.
     expectOneContactPerStroke(run, 1920, 1080, Strokes, 3.0);
