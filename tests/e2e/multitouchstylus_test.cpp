@@ -7,10 +7,9 @@
 
 namespace {
 
-// The box engine samples the picture on a sparse grid (several sensor pixels apart here), so a stylus
-// spot is drawn at that size; a smaller one slips between the samples now and then and its
-// stroke breaks in two. The strokes start well after the calibration is in force and the background is learnt,
-// also in the slower sanitizer builds.
+// Spots of 9 pixels: the small pens have a scene of their own (smallstylus_test.cpp); here the
+// latency of many spots at once is the subject. The strokes start well after the calibration is
+// in force and the background is learnt, also in the slower sanitizer builds.
 
 const char* const scene = R"(
 screen 1920 1080
