@@ -43,17 +43,19 @@ sockaddr_in loopback(int port)
     return a;
 }
 
-// A UDP port of 127.0.0.1 that nobody holds, or, with port given, whether somebody holds it.
+// A UDP port of 127.0.0.1 that nobody holds, or -1.
 int freePort()
 {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in a = loopback(0);
     socklen_t size = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size);
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0
+        && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &size) == 0;
     close(fd);
-    return ntohs(a.sin_port);
+    return bound ? ntohs(a.sin_port) : -1;
 }
+
+// Whether somebody holds this UDP port of 127.0.0.1.
 bool portHeld(int port)
 {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
@@ -154,6 +156,7 @@ std::vector<Bundle> readBundles(const std::string& path)
 TEST(TuioOutput, OscdumpHearsEachStrokeAsOneCursorBesideTheTouchDevice)
 {
     const int port = freePort();
+    ASSERT_GT(port, 0) << "no free UDP port on 127.0.0.1";
     const char* tmp = std::getenv("TMPDIR");
     const std::string dumpFile = std::string(tmp ? tmp : "/tmp") + "/oscdump.txt";
     OscDump dump(port, dumpFile);
